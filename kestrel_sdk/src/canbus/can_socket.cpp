@@ -1,0 +1,158 @@
+#include "kestrel/canbus/can_socket.hpp"
+
+#include <net/if.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+
+namespace kestrel::canbus {
+
+CANSocket::CANSocket(const std::string& interface_name, bool canfd)
+    : socket_fd(-1), interface_name(interface_name), canfd_enabled(canfd), is_initialized(false) {
+  if (!initialize_socket(interface_name)) {
+    throw CANSocketException("Failed to initialize socket for interface: " + interface_name);
+  }
+  is_initialized = true;
+}
+
+CANSocket::~CANSocket() { cleanup(); }
+
+bool CANSocket::initialize_socket(const std::string& name) {
+  socket_fd = ::socket(PF_CAN, SOCK_RAW, CAN_RAW);
+  if (socket_fd < 0) {
+    return false;
+  }
+
+  // The kernel keeps 15 characters of an interface name plus the terminator.
+  struct ifreq ifr;
+  std::memset(&ifr, 0, sizeof(ifr));
+  std::strncpy(ifr.ifr_name, name.c_str(), IFNAMSIZ - 1);
+  ifr.ifr_name[IFNAMSIZ - 1] = '\0';
+  if (::ioctl(socket_fd, SIOCGIFINDEX, &ifr) < 0) {
+    ::close(socket_fd);
+    return false;
+  }
+
+  struct sockaddr_can addr;
+  std::memset(&addr, 0, sizeof(addr));
+  addr.can_family = AF_CAN;
+  addr.can_ifindex = ifr.ifr_ifindex;
+
+  if (canfd_enabled) {
+    int one = 1;
+    if (::setsockopt(socket_fd, SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &one, sizeof(int)) < 0) {
+      ::close(socket_fd);
+      return false;
+    }
+  }
+
+  if (::bind(socket_fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(struct sockaddr_can)) <
+      0) {
+    ::close(socket_fd);
+    return false;
+  }
+
+  // A blocking read never hangs for more than 100 microseconds.
+  struct timeval tv;
+  tv.tv_sec = 0;
+  tv.tv_usec = 100;
+  if (::setsockopt(socket_fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(struct timeval)) < 0) {
+    ::close(socket_fd);
+    return false;
+  }
+
+  struct ifreq flags_req;
+  std::memset(&flags_req, 0, sizeof(flags_req));
+  std::snprintf(flags_req.ifr_name, IFNAMSIZ, "%s", name.c_str());
+  if (::ioctl(socket_fd, SIOCGIFFLAGS, &flags_req) < 0) {
+    std::perror("ioctl(SIOCGIFFLAGS)");
+    ::close(socket_fd);
+    return false;
+  }
+  if (flags_req.ifr_flags & IFF_UP) {
+    return true;
+  }
+
+  std::cerr << "CAN interface " << '"' << name << '"' << " is DOWN. "
+            << "Did you run: sudo ip link set " << name << " up type can bitrate 1000000 ?"
+            << std::endl;
+  ::close(socket_fd);
+  return false;
+}
+
+void CANSocket::cleanup() {
+  if (socket_fd > 0) {
+    ::close(socket_fd);
+    socket_fd = -1;
+  }
+}
+
+ssize_t CANSocket::read_raw_frame(void* buffer, size_t length) {
+  if (!is_initialized) {
+    return -1;
+  }
+  return ::read(socket_fd, buffer, length);
+}
+
+ssize_t CANSocket::write_raw_frame(const void* buffer, size_t length) {
+  if (!is_initialized) {
+    return -1;
+  }
+  return ::write(socket_fd, buffer, length);
+}
+
+bool CANSocket::write_can_frame(const can_frame& frame) {
+  return ::write(socket_fd, &frame, CAN_MTU) == static_cast<ssize_t>(CAN_MTU);
+}
+
+bool CANSocket::write_canfd_frame(const canfd_frame& frame) {
+  return ::write(socket_fd, &frame, CANFD_MTU) == static_cast<ssize_t>(CANFD_MTU);
+}
+
+bool CANSocket::read_can_frame(can_frame& frame) {
+  if (!is_initialized) {
+    return false;
+  }
+  return ::read(socket_fd, &frame, CAN_MTU) == static_cast<ssize_t>(CAN_MTU);
+}
+
+bool CANSocket::read_canfd_frame(canfd_frame& frame) {
+  if (!is_initialized) {
+    return false;
+  }
+  return ::read(socket_fd, &frame, CANFD_MTU) == static_cast<ssize_t>(CANFD_MTU);
+}
+
+bool CANSocket::is_data_available(int timeout_us) {
+  if (!is_initialized) {
+    return false;
+  }
+  if (socket_fd < 0) {
+    return false;  // cleaned up: nothing to wait on (and FD_SET of -1 is undefined)
+  }
+  if (socket_fd >= FD_SETSIZE) {
+    // select() cannot describe this descriptor; poll() waits for the same condition.
+    struct pollfd pfd = {socket_fd, POLLIN, 0};
+    const int timeout_ms = (timeout_us + 999) / 1000;
+    return ::poll(&pfd, 1, timeout_ms) > 0 && (pfd.revents & POLLIN) != 0;
+  }
+  fd_set readset;
+  FD_ZERO(&readset);
+  FD_SET(socket_fd, &readset);
+  struct timeval tv;
+  tv.tv_sec = timeout_us / 1000000;
+  tv.tv_usec = timeout_us % 1000000;
+  if (::select(socket_fd + 1, &readset, nullptr, nullptr, &tv) < 1) {
+    return false;
+  }
+  return FD_ISSET(socket_fd, &readset);
+}
+
+}  // namespace kestrel::canbus

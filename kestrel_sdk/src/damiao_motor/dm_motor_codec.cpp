@@ -1,0 +1,236 @@
+#include "kestrel/damiao_motor/dm_motor_codec.hpp"
+
+#include <cmath>
+#include <cstring>
+#include <iostream>
+#include <limits>
+
+namespace kestrel::damiao_motor {
+
+namespace {
+
+// Parameter frames address a motor by the low 16 bits of its identifier.
+std::vector<uint8_t> param_header(unsigned int id, uint8_t command, int rid) {
+  return {static_cast<uint8_t>(id & 0xFF), static_cast<uint8_t>((id >> 8) & 0xFF), command,
+          static_cast<uint8_t>(rid & 0xFF), 0, 0, 0, 0};
+}
+
+void put_u32_le(std::vector<uint8_t>& data, size_t offset, uint32_t value) {
+  data[offset] = static_cast<uint8_t>(value & 0xFF);
+  data[offset + 1] = static_cast<uint8_t>((value >> 8) & 0xFF);
+  data[offset + 2] = static_cast<uint8_t>((value >> 16) & 0xFF);
+  data[offset + 3] = static_cast<uint8_t>((value >> 24) & 0xFF);
+}
+
+uint32_t float_bits(float value) {
+  uint32_t bits;
+  std::memcpy(&bits, &value, sizeof(bits));
+  return bits;
+}
+
+const double* limits_of(MotorType type) { return MOTOR_LIMIT_PARAMS[static_cast<int>(type)]; }
+
+}  // namespace
+
+// ---- encoder -------------------------------------------------------------------------------
+
+CANPacket CanPacketEncoder::create_enable_command(const Motor& motor) {
+  return {motor.get_send_id(), pack_command_data(CMD_ENABLE)};
+}
+
+CANPacket CanPacketEncoder::create_disable_command(const Motor& motor) {
+  return {motor.get_send_id(), pack_command_data(CMD_DISABLE)};
+}
+
+CANPacket CanPacketEncoder::create_set_zero_command(const Motor& motor) {
+  return {motor.get_send_id(), pack_command_data(CMD_SET_ZERO)};
+}
+
+CANPacket CanPacketEncoder::create_clrErr_command(const Motor& motor) {
+  return {motor.get_send_id(), pack_command_data(CMD_CLEAR_ERROR)};
+}
+
+CANPacket CanPacketEncoder::create_mit_control_command(const Motor& motor, const MITParam& p) {
+  return {motor.get_send_id(), pack_mit_control_data(motor.get_motor_type(), p)};
+}
+
+CANPacket CanPacketEncoder::create_pos_vel_control_command(const Motor& motor,
+                                                           const POS_VELParam& p) {
+  return {motor.get_send_id() + POS_VEL_ID_OFFSET,
+          pack_posvel_control_data(motor.get_motor_type(), p)};
+}
+
+CANPacket CanPacketEncoder::create_refresh_command(const Motor& motor) {
+  // Unlike the other parameter frames the refresh request carries a zero second id byte.
+  return {PARAM_CAN_ID,
+          {static_cast<uint8_t>(motor.get_send_id() & 0xFF), 0x00, PARAM_REFRESH, 0, 0, 0, 0, 0}};
+}
+
+CANPacket CanPacketEncoder::create_query_param_command(const Motor& motor, int rid) {
+  return {PARAM_CAN_ID, pack_query_param_data(motor.get_send_id(), rid)};
+}
+
+CANPacket CanPacketEncoder::create_write_param_command(const Motor& motor, int rid,
+                                                       unsigned int value) {
+  return {PARAM_CAN_ID, pack_write_param_data(motor.get_send_id(), rid, value)};
+}
+
+CANPacket CanPacketEncoder::create_write_param_command(const Motor& motor, int rid, float value) {
+  return {PARAM_CAN_ID, pack_write_param_data(motor.get_send_id(), rid, value)};
+}
+
+CANPacket CanPacketEncoder::create_param_write_RID_command(const Motor& motor, int mode) {
+  return {PARAM_CAN_ID, pack_switch_control_mode_data(motor.get_send_id(), mode)};
+}
+
+std::vector<uint8_t> CanPacketEncoder::pack_command_data(uint8_t cmd) {
+  return {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, cmd};
+}
+
+std::vector<uint8_t> CanPacketEncoder::pack_query_param_data(unsigned int id, int rid) {
+  return param_header(id, PARAM_READ, rid);
+}
+
+std::vector<uint8_t> CanPacketEncoder::pack_write_param_data(unsigned int id, int rid,
+                                                             unsigned int value) {
+  std::vector<uint8_t> data = param_header(id, PARAM_WRITE, rid);
+  put_u32_le(data, 4, value);
+  return data;
+}
+
+std::vector<uint8_t> CanPacketEncoder::pack_write_param_data(unsigned int id, int rid,
+                                                             float value) {
+  std::vector<uint8_t> data = param_header(id, PARAM_WRITE, rid);
+  put_u32_le(data, 4, float_bits(value));
+  return data;
+}
+
+std::vector<uint8_t> CanPacketEncoder::pack_switch_control_mode_data(unsigned int id, int mode) {
+  std::vector<uint8_t> data = param_header(id, PARAM_WRITE, RID_CTRL_MODE);
+  data[4] = static_cast<uint8_t>(mode & 0xFF);
+  return data;
+}
+
+std::vector<uint8_t> CanPacketEncoder::pack_mit_control_data(MotorType type, const MITParam& p) {
+  const double* lim = limits_of(type);
+  const double p_max = lim[0];
+  const double v_max = lim[1];
+  const double t_max = lim[2];
+  const unsigned int kp_u = double_to_uint(p.kp, 0.0, 500.0, 12);
+  const unsigned int kd_u = double_to_uint(p.kd, 0.0, 5.0, 12);
+  const unsigned int q_u = double_to_uint(p.q, -p_max, p_max, 16);
+  const unsigned int dq_u = double_to_uint(p.dq, -v_max, v_max, 12);
+  const unsigned int tau_u = double_to_uint(p.tau, -t_max, t_max, 12);
+  // Position is 16 bits big-endian; the 12-bit fields are packed most significant nibble first.
+  return {static_cast<uint8_t>(q_u >> 8),
+          static_cast<uint8_t>(q_u & 0xFF),
+          static_cast<uint8_t>(dq_u >> 4),
+          static_cast<uint8_t>(((dq_u & 0xF) << 4) | ((kp_u >> 8) & 0xF)),
+          static_cast<uint8_t>(kp_u & 0xFF),
+          static_cast<uint8_t>(kd_u >> 4),
+          static_cast<uint8_t>(((kd_u & 0xF) << 4) | ((tau_u >> 8) & 0xF)),
+          static_cast<uint8_t>(tau_u & 0xFF)};
+}
+
+std::vector<uint8_t> CanPacketEncoder::pack_posvel_control_data(MotorType /*type*/,
+                                                                const POS_VELParam& p) {
+  std::vector<uint8_t> data(sizeof(POS_VELParam));
+  std::memcpy(data.data(), &p, sizeof(POS_VELParam));
+  return data;
+}
+
+double CanPacketEncoder::limit_min_max(double x, double min, double max) {
+  if (x > max) {
+    x = max;
+  }
+  // Written as "not greater than min" so that NaN falls to the bottom of the range.
+  if (!(x > min)) {
+    return min;
+  }
+  return x;
+}
+
+unsigned int CanPacketEncoder::double_to_uint(double x, double min, double max, int bits) {
+  const double span = max - min;
+  const double full_scale = static_cast<double>((1u << bits) - 1u);
+  const double scaled = ((limit_min_max(x, min, max) - min) / span) * full_scale;
+  return static_cast<unsigned int>(std::trunc(scaled));
+}
+
+// ---- decoder -------------------------------------------------------------------------------
+
+StateResult CanPacketDecoder::parse_motor_state_data(const Motor& motor,
+                                                     const std::vector<uint8_t>& data) {
+  if (data.size() < 8) {
+    std::cerr << "Warning: Skipping motor state data less than 8 bytes\n";
+    return StateResult{};
+  }
+  const double* lim = limits_of(motor.get_motor_type());
+  const double p_max = lim[0];
+  const double v_max = lim[1];
+  const double t_max = lim[2];
+
+  StateResult s;
+  s.feedback_id = data[0] & 0x0F;
+  s.error_code = data[0] >> 4;
+  const uint16_t q_u = static_cast<uint16_t>((data[1] << 8) | data[2]);
+  const uint16_t dq_u = static_cast<uint16_t>((data[3] << 4) | (data[4] >> 4));
+  const uint16_t tau_u = static_cast<uint16_t>(((data[4] & 0x0F) << 8) | data[5]);
+  s.position = uint_to_double(q_u, -p_max, p_max, 16);
+  s.velocity = uint_to_double(dq_u, -v_max, v_max, 12);
+  s.torque = uint_to_double(tau_u, -t_max, t_max, 12);
+  s.t_mos = data[6];
+  s.t_rotor = data[7];
+  s.valid = true;
+  return s;
+}
+
+ParamResult CanPacketDecoder::parse_motor_param_data(const std::vector<uint8_t>& data) {
+  ParamResult invalid;
+  invalid.rid = 0;
+  invalid.value = std::numeric_limits<double>::quiet_NaN();
+  invalid.command = 0;
+  invalid.valid = false;
+  if (data.size() < 8) {
+    return invalid;
+  }
+  if (data[2] != PARAM_WRITE && data[2] != PARAM_READ) {
+    std::cerr << "WARNING: INVALID PARAM DATA\n";
+    return invalid;
+  }
+  ParamResult r;
+  r.rid = data[3];
+  if (is_in_ranges(r.rid)) {
+    r.value = static_cast<double>(uint8s_to_uint32(data[4], data[5], data[6], data[7]));
+  } else {
+    r.value = static_cast<double>(uint8s_to_float({data[4], data[5], data[6], data[7]}));
+  }
+  r.command = data[2];
+  r.valid = true;
+  return r;
+}
+
+double CanPacketDecoder::uint_to_double(uint16_t u, double min, double max, int bits) {
+  const double full_scale = static_cast<double>((1u << bits) - 1u);
+  return std::fma(max - min, static_cast<double>(u) / full_scale, min);
+}
+
+float CanPacketDecoder::uint8s_to_float(const std::array<uint8_t, 4>& bytes) {
+  float value;
+  std::memcpy(&value, bytes.data(), sizeof(value));
+  return value;
+}
+
+uint32_t CanPacketDecoder::uint8s_to_uint32(uint8_t b0, uint8_t b1, uint8_t b2, uint8_t b3) {
+  return static_cast<uint32_t>(b0) | (static_cast<uint32_t>(b1) << 8) |
+         (static_cast<uint32_t>(b2) << 16) | (static_cast<uint32_t>(b3) << 24);
+}
+
+bool CanPacketDecoder::is_in_ranges(int rid) {
+  if (rid < 7 || rid > 36) {
+    return false;
+  }
+  return ((0x300003CFu >> (rid - 7)) & 1u) != 0;
+}
+
+}  // namespace kestrel::damiao_motor

@@ -1,0 +1,99 @@
+// The DM motor protocol's 8-byte payloads: commands encoded for one motor, feedback and
+// parameter replies decoded. Stateless: every operation is a pure static function.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+#include "kestrel/damiao_motor/dm_motor_control.hpp"
+
+namespace kestrel::damiao_motor {
+
+struct CANPacket {
+  uint32_t can_id = 0;
+  std::vector<uint8_t> data;
+};
+
+// One MIT-mode command: gains, target position and velocity, feed-forward torque.
+struct MITParam {
+  double kp = 0.0;
+  double kd = 0.0;
+  double q = 0.0;
+  double dq = 0.0;
+  double tau = 0.0;
+};
+
+// One position-velocity command. Its 8 bytes are the payload as they stand.
+struct POS_VELParam {
+  float q = 0.0f;
+  float dq = 0.0f;
+};
+static_assert(sizeof(POS_VELParam) == 8, "POS_VELParam must be two packed float32");
+
+struct ParamResult {
+  int rid = 0;
+  double value = 0.0;
+  uint8_t command = 0;  // 0x33 answers a read, 0x55 a write
+  bool valid = false;
+};
+
+// Register ids the system uses.
+inline constexpr int RID_ACC = 4;
+inline constexpr int RID_DEC = 5;
+inline constexpr int RID_TIMEOUT = 9;
+inline constexpr int RID_CTRL_MODE = 10;
+inline constexpr int RID_KP_APR = 27;
+
+inline constexpr uint32_t PARAM_CAN_ID = 0x7FF;
+inline constexpr uint32_t POS_VEL_ID_OFFSET = 0x100;
+inline constexpr uint8_t CMD_ENABLE = 0xFC;
+inline constexpr uint8_t CMD_DISABLE = 0xFD;
+inline constexpr uint8_t CMD_SET_ZERO = 0xFE;
+inline constexpr uint8_t CMD_CLEAR_ERROR = 0xFB;
+inline constexpr uint8_t PARAM_READ = 0x33;
+inline constexpr uint8_t PARAM_WRITE = 0x55;
+inline constexpr uint8_t PARAM_REFRESH = 0xCC;
+
+class CanPacketEncoder {
+ public:
+  static CANPacket create_enable_command(const Motor& motor);
+  static CANPacket create_disable_command(const Motor& motor);
+  static CANPacket create_set_zero_command(const Motor& motor);
+  static CANPacket create_clrErr_command(const Motor& motor);
+  static CANPacket create_mit_control_command(const Motor& motor, const MITParam& p);
+  static CANPacket create_pos_vel_control_command(const Motor& motor, const POS_VELParam& p);
+  static CANPacket create_refresh_command(const Motor& motor);
+  static CANPacket create_query_param_command(const Motor& motor, int rid);
+  static CANPacket create_write_param_command(const Motor& motor, int rid, unsigned int value);
+  static CANPacket create_write_param_command(const Motor& motor, int rid, float value);
+  // The control-mode switch: a write of register 10 carrying only the mode byte.
+  static CANPacket create_param_write_RID_command(const Motor& motor, int mode);
+
+  static std::vector<uint8_t> pack_command_data(uint8_t cmd);
+  static std::vector<uint8_t> pack_query_param_data(unsigned int id, int rid);
+  static std::vector<uint8_t> pack_write_param_data(unsigned int id, int rid, unsigned int value);
+  static std::vector<uint8_t> pack_write_param_data(unsigned int id, int rid, float value);
+  static std::vector<uint8_t> pack_switch_control_mode_data(unsigned int id, int mode);
+  static std::vector<uint8_t> pack_mit_control_data(MotorType type, const MITParam& p);
+  static std::vector<uint8_t> pack_posvel_control_data(MotorType type, const POS_VELParam& p);
+
+  // x above max becomes max; a result not above min (NaN included) becomes min.
+  static double limit_min_max(double x, double min, double max);
+  // Truncating (never rounding) scale of x from [min, max] onto 0..2^bits-1.
+  static unsigned int double_to_uint(double x, double min, double max, int bits);
+};
+
+class CanPacketDecoder {
+ public:
+  static StateResult parse_motor_state_data(const Motor& motor, const std::vector<uint8_t>& data);
+  static ParamResult parse_motor_param_data(const std::vector<uint8_t>& data);
+
+  static double uint_to_double(uint16_t u, double min, double max, int bits);
+  static float uint8s_to_float(const std::array<uint8_t, 4>& bytes);
+  static uint32_t uint8s_to_uint32(uint8_t b0, uint8_t b1, uint8_t b2, uint8_t b3);
+  // Registers 7, 8, 9, 10, 13, 14, 15, 16, 35 and 36 hold uint32; all others float32.
+  static bool is_in_ranges(int rid);
+};
+
+}  // namespace kestrel::damiao_motor

@@ -1,0 +1,151 @@
+#include "kestrel/damiao_motor/dm_motor_device.hpp"
+
+#include <algorithm>
+#include <cstring>
+#include <iostream>
+#include <unordered_map>
+
+namespace kestrel::damiao_motor {
+
+namespace {
+
+// Last status code reported per receive identifier, shared by all devices of the process.
+// Created thread-safely on first use; dispatch runs on one thread at a time.
+std::unordered_map<unsigned int, int>& last_error_code() {
+  static std::unordered_map<unsigned int, int> table;
+  return table;
+}
+
+// Prints a line when a motor's status code changes. The first feedback of a motor always
+// prints, even with code 0, because there is nothing to compare it with yet.
+void maybe_report_motor_error(const Motor& motor, const StateResult& s) {
+  const int new_code = s.error_code;
+  auto& table = last_error_code();
+  auto it = table.find(motor.get_recv_id());
+  if (it != table.end() && it->second == new_code) {
+    return;
+  }
+  const int old_code = it != table.end() ? it->second : 0;
+  table[motor.get_recv_id()] = new_code;
+  std::cerr << "[DM ERR] recv_id=0x" << std::hex << motor.get_recv_id() << std::dec
+            << " feedback_id=" << s.feedback_id << " ERR: 0x" << std::hex << old_code << " -> 0x"
+            << new_code << std::dec << " (" << dm_status_text(new_code) << ")"
+            << " t_mos=" << s.t_mos << " t_rotor=" << s.t_rotor << std::endl;
+}
+
+}  // namespace
+
+const char* dm_status_text(int code) {
+  switch (code) {
+    case 0:
+      return "Disabled";
+    case 1:
+      return "Enabled";
+    case 8:
+      return "Over-voltage";
+    case 9:
+      return "Under-voltage";
+    case 10:
+      return "Over-current";
+    case 11:
+      return "MOS over-temperature";
+    case 12:
+      return "Coil over-temperature";
+    case 13:
+      return "Communication lost";
+    case 14:
+      return "Overload";
+    default:
+      return "Unknown/Reserved";
+  }
+}
+
+DMCANDevice::DMCANDevice(Motor& motor, unsigned int param_can_id, bool canfd)
+    : canbus::CANDevice(motor.get_send_id(), motor.get_recv_id(), param_can_id, canfd),
+      motor(motor),
+      canfd_enabled(canfd) {}
+
+DMCANDevice::~DMCANDevice() = default;
+
+can_frame DMCANDevice::create_can_frame(unsigned int can_id, std::vector<uint8_t> data) {
+  can_frame frame;
+  std::memset(&frame, 0, sizeof(frame));
+  frame.can_id = can_id;
+  frame.can_dlc = static_cast<uint8_t>(data.size());
+  std::copy(data.begin(), data.end(), frame.data);
+  return frame;
+}
+
+canfd_frame DMCANDevice::create_canfd_frame(unsigned int can_id, std::vector<uint8_t> data) {
+  canfd_frame frame;
+  std::memset(&frame, 0, sizeof(frame));
+  frame.can_id = can_id;
+  frame.len = static_cast<uint8_t>(data.size());
+  frame.flags = CANFD_BRS;
+  std::copy(data.begin(), data.end(), frame.data);
+  return frame;
+}
+
+std::vector<uint8_t> DMCANDevice::get_data_from_frame(const can_frame& frame) {
+  // A classic frame never holds more than 8 bytes, whatever its length field claims.
+  const size_t length = std::min<size_t>(frame.can_dlc, CAN_MAX_DLEN);
+  return std::vector<uint8_t>(frame.data, frame.data + length);
+}
+
+std::vector<uint8_t> DMCANDevice::get_data_from_frame(const canfd_frame& frame) {
+  const size_t length = std::min<size_t>(frame.len, CANFD_MAX_DLEN);
+  return std::vector<uint8_t>(frame.data, frame.data + length);
+}
+
+void DMCANDevice::handle_state(const std::vector<uint8_t>& data) {
+  const StateResult s = CanPacketDecoder::parse_motor_state_data(motor, data);
+  if (!s.valid) {
+    return;
+  }
+  motor.update_state(s.position, s.velocity, s.torque, s.t_mos, s.t_rotor, s.feedback_id,
+                     s.error_code);
+  maybe_report_motor_error(motor, s);
+}
+
+void DMCANDevice::handle_param(const std::vector<uint8_t>& data) {
+  const ParamResult r = CanPacketDecoder::parse_motor_param_data(data);
+  // Write acknowledgements are decoded and dropped; only read replies carry a value to keep.
+  if (r.valid && r.command == PARAM_READ) {
+    motor.set_temp_param(r.rid, r.value);
+  }
+}
+
+void DMCANDevice::callback(const can_frame& frame) {
+  if (canfd_enabled) {
+    std::cerr << "WARNING: WRONG CALLBACK FUNCTION\n";
+    return;
+  }
+  const std::vector<uint8_t> data = get_data_from_frame(frame);
+  if (callback_mode == CallbackMode::PARAM) {
+    handle_param(data);
+  } else if (callback_mode == CallbackMode::STATE) {
+    if (frame.can_dlc < 8 || frame.can_id != motor.get_recv_id()) {
+      return;
+    }
+    handle_state(data);
+  }
+}
+
+void DMCANDevice::callback(const canfd_frame& frame) {
+  if (!canfd_enabled) {
+    std::cerr << "WARNING: CANFD MODE NOT ENABLED\n";
+    return;
+  }
+  if (frame.can_id != motor.get_recv_id()) {
+    std::cerr << "WARNING: CANFD FRAME ID DOES NOT MATCH MOTOR ID\n";
+    return;
+  }
+  const std::vector<uint8_t> data = get_data_from_frame(frame);
+  if (callback_mode == CallbackMode::STATE) {
+    handle_state(data);
+  } else if (callback_mode == CallbackMode::PARAM) {
+    handle_param(data);
+  }
+}
+
+}  // namespace kestrel::damiao_motor
