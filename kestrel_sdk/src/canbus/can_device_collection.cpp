@@ -4,7 +4,9 @@ namespace kestrel::canbus {
 
 CANDeviceCollection::CANDeviceCollection(CANSocket& socket) : socket(socket) {}
 
-CANDeviceCollection::~CANDeviceCollection() { devices.clear(); }
+CANDeviceCollection::~CANDeviceCollection() {
+  devices.clear();
+}
 
 void CANDeviceCollection::add_device(const std::shared_ptr<CANDevice>& device) {
   if (!device) {

@@ -22,7 +22,9 @@ CANSocket::CANSocket(const std::string& interface_name, bool canfd)
   is_initialized = true;
 }
 
-CANSocket::~CANSocket() { cleanup(); }
+CANSocket::~CANSocket() {
+  cleanup();
+}
 
 bool CANSocket::initialize_socket(const std::string& name) {
   socket_fd = ::socket(PF_CAN, SOCK_RAW, CAN_RAW);

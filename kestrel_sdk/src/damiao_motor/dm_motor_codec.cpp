@@ -11,8 +11,14 @@ namespace {
 
 // Parameter frames address a motor by the low 16 bits of its identifier.
 std::vector<uint8_t> param_header(unsigned int id, uint8_t command, int rid) {
-  return {static_cast<uint8_t>(id & 0xFF), static_cast<uint8_t>((id >> 8) & 0xFF), command,
-          static_cast<uint8_t>(rid & 0xFF), 0, 0, 0, 0};
+  return {static_cast<uint8_t>(id & 0xFF),
+          static_cast<uint8_t>((id >> 8) & 0xFF),
+          command,
+          static_cast<uint8_t>(rid & 0xFF),
+          0,
+          0,
+          0,
+          0};
 }
 
 void put_u32_le(std::vector<uint8_t>& data, size_t offset, uint32_t value) {
@@ -28,7 +34,9 @@ uint32_t float_bits(float value) {
   return bits;
 }
 
-const double* limits_of(MotorType type) { return MOTOR_LIMIT_PARAMS[static_cast<int>(type)]; }
+const double* limits_of(MotorType type) {
+  return MOTOR_LIMIT_PARAMS[static_cast<int>(type)];
+}
 
 }  // namespace
 

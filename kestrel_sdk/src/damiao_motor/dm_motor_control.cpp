@@ -8,11 +8,12 @@ namespace kestrel::damiao_motor {
 Motor::Motor(MotorType type, unsigned int send_id, unsigned int recv_id)
     : send_id(send_id), recv_id(recv_id), motor_type(type) {}
 
-void Motor::set_enabled(bool value) { enabled = value; }
+void Motor::set_enabled(bool value) {
+  enabled = value;
+}
 
-void Motor::update_state(double new_position, double new_velocity, double new_torque,
-                         int new_t_mos, int new_t_rotor, int new_feedback_id,
-                         int new_error_code) {
+void Motor::update_state(double new_position, double new_velocity, double new_torque, int new_t_mos,
+                         int new_t_rotor, int new_feedback_id, int new_error_code) {
   position = new_position;
   velocity = new_velocity;
   torque = new_torque;
@@ -22,12 +23,22 @@ void Motor::update_state(double new_position, double new_velocity, double new_to
   error_code = new_error_code;
 }
 
-void Motor::set_state_tmos(int value) { t_mos = value; }
-void Motor::set_state_trotor(int value) { t_rotor = value; }
-void Motor::set_state_feedback_id(int value) { feedback_id = value; }
-void Motor::set_state_error_code(int value) { error_code = value; }
+void Motor::set_state_tmos(int value) {
+  t_mos = value;
+}
+void Motor::set_state_trotor(int value) {
+  t_rotor = value;
+}
+void Motor::set_state_feedback_id(int value) {
+  feedback_id = value;
+}
+void Motor::set_state_error_code(int value) {
+  error_code = value;
+}
 
-void Motor::set_temp_param(int rid, double value) { params[rid] = value; }
+void Motor::set_temp_param(int rid, double value) {
+  params[rid] = value;
+}
 
 double Motor::get_param(int rid) const {
   auto it = params.find(rid);

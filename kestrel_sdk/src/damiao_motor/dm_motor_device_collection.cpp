@@ -83,9 +83,15 @@ void DMDeviceCollection::query_param_all(int rid) {
       [rid](const Motor& m) { return CanPacketEncoder::create_query_param_command(m, rid); });
 }
 
-void DMDeviceCollection::query_acc_all() { query_param_all(RID_ACC); }
-void DMDeviceCollection::query_dec_all() { query_param_all(RID_DEC); }
-void DMDeviceCollection::query_kp_apr_all() { query_param_all(RID_KP_APR); }
+void DMDeviceCollection::query_acc_all() {
+  query_param_all(RID_ACC);
+}
+void DMDeviceCollection::query_dec_all() {
+  query_param_all(RID_DEC);
+}
+void DMDeviceCollection::query_kp_apr_all() {
+  query_param_all(RID_KP_APR);
+}
 
 void DMDeviceCollection::write_param_one(int index, int rid, unsigned int value) {
   auto device = get_dm_devices()[index];
@@ -142,9 +148,8 @@ void DMDeviceCollection::set_timeout_all(unsigned int t) {
 }
 
 void DMDeviceCollection::switch_all_motors_mode(int mode) {
-  send_to_all([mode](const Motor& m) {
-    return CanPacketEncoder::create_param_write_RID_command(m, mode);
-  });
+  send_to_all(
+      [mode](const Motor& m) { return CanPacketEncoder::create_param_write_RID_command(m, mode); });
 }
 
 void DMDeviceCollection::mit_control_one(int index, const MITParam& param) {

@@ -1,0 +1,195 @@
+// Device callbacks are driven directly with kernel frames: what reaches the motor, and the exact
+// warning and status-change lines.
+#include "kestrel/damiao_motor/dm_motor_device.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "support/stderr_capture.hpp"
+
+namespace dm = kestrel::damiao_motor;
+using kestrel::testing::capture_stderr;
+using Bytes = std::vector<uint8_t>;
+
+namespace {
+
+can_frame classic(uint32_t id, const Bytes& data) {
+  return dm::DMCANDevice::create_can_frame(id, data);
+}
+
+canfd_frame fd(uint32_t id, const Bytes& data) {
+  return dm::DMCANDevice::create_canfd_frame(id, data);
+}
+
+// Feedback of status `code` at the middle of every range, MOS 31 degC, rotor 29 degC.
+Bytes feedback(int code, int id = 1) {
+  return {static_cast<uint8_t>((code << 4) | id), 0x80, 0x00, 0x80, 0x08, 0x00, 0x1F, 0x1D};
+}
+
+// The status-change table is process-wide, keyed by receive identifier: every test takes its own.
+unsigned fresh_recv_id() {
+  static unsigned next = 0x300;
+  return next++;
+}
+
+}  // namespace
+
+TEST(DMCANDeviceFrames, ClassicFrameLayout) {
+  const can_frame f = classic(0x123, {1, 2, 3, 4, 5, 6, 7, 8});
+  EXPECT_EQ(f.can_id, 0x123u);
+  EXPECT_EQ(f.can_dlc, 8);
+  EXPECT_EQ(std::memcmp(f.data, "\x01\x02\x03\x04\x05\x06\x07\x08", 8), 0);
+  EXPECT_EQ(dm::DMCANDevice::get_data_from_frame(f), (Bytes{1, 2, 3, 4, 5, 6, 7, 8}));
+  EXPECT_EQ(dm::DMCANDevice::get_data_from_frame(classic(1, {})), Bytes{});
+}
+
+TEST(DMCANDeviceFrames, FdFrameCarriesBitRateSwitchAndZeroPadding) {
+  const canfd_frame f = fd(0x7FF, {9, 8, 7, 6, 5, 4, 3, 2});
+  EXPECT_EQ(f.can_id, 0x7FFu);
+  EXPECT_EQ(f.len, 8);
+  EXPECT_EQ(f.flags, CANFD_BRS);
+  EXPECT_EQ(f.__res0, 0);
+  EXPECT_EQ(f.__res1, 0);
+  for (int i = 8; i < 64; ++i) {
+    ASSERT_EQ(f.data[i], 0) << i;
+  }
+  EXPECT_EQ(dm::DMCANDevice::get_data_from_frame(f), (Bytes{9, 8, 7, 6, 5, 4, 3, 2}));
+}
+
+TEST(DMCANDeviceIdentity, TakesIdentifiersFromTheMotor) {
+  dm::Motor m(dm::MotorType::DM_V8_T28, 0x03, 0x13);
+  dm::DMCANDevice device(m, 0x7FF, true);
+  EXPECT_EQ(device.get_send_id(), 0x03u);
+  EXPECT_EQ(device.get_recv_id(), 0x13u);
+  EXPECT_EQ(device.get_param_can_id(), 0x7FFu);
+  EXPECT_TRUE(device.is_canfd());
+  EXPECT_EQ(device.get_callback_mode(), dm::CallbackMode::STATE);
+  EXPECT_EQ(&device.get_motor(), &m);
+}
+
+TEST(DMCANDeviceCallbacks, FrameKindMustMatchTheDevice) {
+  const unsigned id = fresh_recv_id();
+  dm::Motor m(dm::MotorType::DM_V8_T28, 0x01, id);
+  dm::DMCANDevice fd_device(m, 0x7FF, true);
+  EXPECT_EQ(capture_stderr([&] { fd_device.callback(classic(id, feedback(1))); }),
+            "WARNING: WRONG CALLBACK FUNCTION\n");
+  dm::DMCANDevice classic_device(m, 0x7FF, false);
+  EXPECT_EQ(capture_stderr([&] { classic_device.callback(fd(id, feedback(1))); }),
+            "WARNING: CANFD MODE NOT ENABLED\n");
+  EXPECT_EQ(m.get_t_mos(), 0) << "refused frames change nothing";
+  EXPECT_EQ(capture_stderr([&] { fd_device.callback(fd(id + 1, feedback(1))); }),
+            "WARNING: CANFD FRAME ID DOES NOT MATCH MOTOR ID\n");
+  EXPECT_EQ(m.get_t_mos(), 0);
+}
+
+TEST(DMCANDeviceCallbacks, ShortFeedbackClassicSilentFdWarns) {
+  const unsigned id = fresh_recv_id();
+  dm::Motor m(dm::MotorType::DM_V8_T28, 0x01, id);
+  dm::DMCANDevice classic_device(m, 0x7FF, false);
+  EXPECT_EQ(capture_stderr([&] {
+              classic_device.callback(classic(id, {0x11, 1, 2, 3, 4, 5}));
+            }),
+            "");
+  dm::DMCANDevice fd_device(m, 0x7FF, true);
+  EXPECT_EQ(capture_stderr([&] {
+              fd_device.callback(fd(id, {0x11, 1, 2, 3, 4, 5}));
+            }),
+            "Warning: Skipping motor state data less than 8 bytes\n");
+  EXPECT_EQ(m.get_t_mos(), 0);
+}
+
+TEST(DMCANDeviceCallbacks, FeedbackUpdatesTheMotor) {
+  for (bool use_fd : {false, true}) {
+    const unsigned id = fresh_recv_id();
+    dm::Motor m(dm::MotorType::DM_V30_T10, 0x05, id);
+    dm::DMCANDevice device(m, 0x7FF, use_fd);
+    capture_stderr([&] {
+      if (use_fd) {
+        device.callback(fd(id, feedback(1, 5)));
+      } else {
+        device.callback(classic(id, feedback(1, 5)));
+      }
+    });
+    EXPECT_EQ(m.get_error_code(), 1);
+    EXPECT_EQ(m.get_feedback_id(), 5);
+    EXPECT_EQ(m.get_t_mos(), 31);
+    EXPECT_EQ(m.get_t_rotor(), 29);
+    EXPECT_NEAR(m.get_position(), 0.00019, 1e-5);
+    EXPECT_FALSE(m.is_enabled()) << "feedback never touches the host-side enabled flag";
+  }
+}
+
+TEST(DMCANDeviceCallbacks, ParameterModeStoresReadRepliesOnly) {
+  const unsigned id = fresh_recv_id();
+  dm::Motor m(dm::MotorType::DM_V8_T28, 0x01, id);
+  dm::DMCANDevice device(m, 0x7FF, false);
+  device.set_callback_mode(dm::CallbackMode::PARAM);
+  device.callback(classic(id, {0x01, 0x00, 0x33, 0x05, 0x00, 0x00, 0x20, 0x41}));
+  EXPECT_EQ(m.get_param(5), 10.0);
+  device.callback(classic(id, {0x01, 0x00, 0x55, 0x04, 0x00, 0x00, 0x20, 0x41}));
+  EXPECT_EQ(m.get_param(4), -1.0) << "write acknowledgements are not stored";
+  // Feedback read as a parameter reply is refused by the decoder.
+  EXPECT_EQ(capture_stderr([&] { device.callback(classic(id, feedback(1))); }),
+            "WARNING: INVALID PARAM DATA\n");
+  EXPECT_EQ(m.get_t_mos(), 0);
+
+  device.set_callback_mode(dm::CallbackMode::IGNORE);
+  EXPECT_EQ(capture_stderr([&] {
+              device.callback(classic(id, feedback(1)));
+              device.callback(classic(id, {0x01, 0x00, 0x33, 0x04, 0x00, 0x00, 0x20, 0x41}));
+            }),
+            "");
+  EXPECT_EQ(m.get_param(4), -1.0);
+  EXPECT_EQ(m.get_t_mos(), 0);
+}
+
+TEST(DMCANDeviceStatusLines, FirstFeedbackThenOnlyChanges) {
+  const unsigned id = 0x11 + 0x400;  // distinct from every other test's identifiers
+  dm::Motor m(dm::MotorType::DM_V8_T28, 0x01, id);
+  dm::DMCANDevice device(m, 0x7FF, false);
+  EXPECT_EQ(capture_stderr([&] { device.callback(classic(id, feedback(1))); }),
+            "[DM ERR] recv_id=0x411 feedback_id=1 ERR: 0x0 -> 0x1 (Enabled) t_mos=31 t_rotor=29\n");
+  EXPECT_EQ(capture_stderr([&] { device.callback(classic(id, feedback(1))); }), "");
+  EXPECT_EQ(
+      capture_stderr([&] { device.callback(classic(id, feedback(8))); }),
+      "[DM ERR] recv_id=0x411 feedback_id=1 ERR: 0x1 -> 0x8 (Over-voltage) t_mos=31 t_rotor=29\n");
+  EXPECT_EQ(capture_stderr([&] { device.callback(classic(id, feedback(15))); }),
+            "[DM ERR] recv_id=0x411 feedback_id=1 ERR: 0x8 -> 0xf (Unknown/Reserved) t_mos=31 "
+            "t_rotor=29\n");
+}
+
+TEST(DMCANDeviceStatusLines, FirstFeedbackPrintsEvenWhenDisabled) {
+  const unsigned id = 0x4AB;
+  dm::Motor m(dm::MotorType::DM_V8_T28, 0x0B, id);
+  dm::DMCANDevice device(m, 0x7FF, true);
+  EXPECT_EQ(
+      capture_stderr([&] { device.callback(fd(id, feedback(0, 0xB))); }),
+      "[DM ERR] recv_id=0x4ab feedback_id=11 ERR: 0x0 -> 0x0 (Disabled) t_mos=31 t_rotor=29\n");
+  // The table is shared by every device with the same receive identifier.
+  dm::Motor twin(dm::MotorType::DM_V8_T28, 0x0B, id);
+  dm::DMCANDevice twin_device(twin, 0x7FF, true);
+  EXPECT_EQ(capture_stderr([&] { twin_device.callback(fd(id, feedback(0, 0xB))); }), "");
+}
+
+TEST(DMStatusText, EveryCode) {
+  const char* expected[16] = {"Disabled",
+                              "Enabled",
+                              "Unknown/Reserved",
+                              "Unknown/Reserved",
+                              "Unknown/Reserved",
+                              "Unknown/Reserved",
+                              "Unknown/Reserved",
+                              "Unknown/Reserved",
+                              "Over-voltage",
+                              "Under-voltage",
+                              "Over-current",
+                              "MOS over-temperature",
+                              "Coil over-temperature",
+                              "Communication lost",
+                              "Overload",
+                              "Unknown/Reserved"};
+  for (int code = 0; code < 16; ++code) {
+    EXPECT_STREQ(dm::dm_status_text(code), expected[code]) << code;
+  }
+}
