@@ -7,7 +7,7 @@ packages=(
   build-essential cmake pkg-config clang-format
   libgtest-dev libgmock-dev libbenchmark-dev
   liborocos-kdl-dev libyaml-cpp-dev libtinyxml2-dev libeigen3-dev
-  python3 python3-matplotlib python3-numpy
+  python3 python3-matplotlib python3-numpy can-utils
 )
 
 missing=()

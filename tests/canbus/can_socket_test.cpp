@@ -1,0 +1,244 @@
+// kestrel::canbus::CANSocket against a userspace CAN bus, exactly as on a kernel interface.
+#include "kestrel/canbus/can_socket.hpp"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include "simbus/simbus_testing.hpp"
+#include "support/simbus_can.hpp"
+#include "support/stderr_capture.hpp"
+
+namespace kestrel::canbus {
+namespace {
+
+using namespace std::chrono_literals;
+using simbus::rawcan::classic_frame;
+using simbus::rawcan::Fd;
+using simbus::rawcan::fd_frame;
+using simbus::rawcan::open_can;
+using simbus::rawcan::read_within;
+using std::chrono::steady_clock;
+
+constexpr const char* kLongName = "a23456789012345";
+
+int open_descriptors() {
+  int count = 0;
+  DIR* dir = ::opendir("/proc/self/fd");
+  while (const dirent* entry = ::readdir(dir)) {
+    count += entry->d_name[0] != '.' ? 1 : 0;
+  }
+  ::closedir(dir);
+  return count - 1;  // the directory stream itself
+}
+
+// The in-process hub holds the far end of every connection and closes it once it has seen the
+// other end go; a leaked descriptor never comes back to the count.
+bool descriptors_return_to(int count) {
+  for (int i = 0; i < 200; ++i) {
+    if (open_descriptors() == count) {
+      return true;
+    }
+    std::this_thread::sleep_for(5ms);
+  }
+  return open_descriptors() == count;
+}
+
+bool is_open(int fd) {
+  return ::fcntl(fd, F_GETFD) != -1;
+}
+
+std::string failure_of(const std::string& name, bool canfd) {
+  try {
+    CANSocket socket(name, canfd);
+  } catch (const CANSocketException& error) {
+    return error.what();
+  }
+  return "no exception";
+}
+
+class CANSocketOnSimbus : public ::testing::Test {
+ protected:
+  simbus::ScopedSimbus bus_{{"can0", kLongName}};
+};
+
+TEST_F(CANSocketOnSimbus, OpensClassicAndFdSocketsOnAServedInterface) {
+  CANSocket classic("can0", false);
+  EXPECT_TRUE(classic.get_is_initialized());
+  EXPECT_GE(classic.get_socket_fd(), 0);
+  EXPECT_FALSE(classic.is_canfd_enabled());
+  EXPECT_EQ(classic.get_interface_name(), "can0");
+  CANSocket fd("can0", true);
+  EXPECT_TRUE(fd.is_canfd_enabled());
+  int enabled = 0;
+  socklen_t length = sizeof(enabled);
+  ASSERT_EQ(::getsockopt(fd.get_socket_fd(), SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &enabled, &length), 0);
+  EXPECT_EQ(enabled, 1);
+
+  Fd peer = open_can("can0");
+  const can_frame out = classic_frame(0x123, {1, 2, 3, 4, 5, 6, 7, 8});
+  ASSERT_TRUE(classic.write_can_frame(out));
+  can_frame got{};
+  ASSERT_EQ(read_within(peer.get(), &got, sizeof(got), 2000), CAN_MTU);
+  EXPECT_EQ(std::memcmp(&got, &out, CAN_MTU), 0);
+
+  const can_frame back = classic_frame(0x321, {9, 8, 7});
+  ASSERT_EQ(::write(peer.get(), &back, CAN_MTU), CAN_MTU);
+  ASSERT_TRUE(classic.is_data_available(2000000));
+  ASSERT_TRUE(classic.read_can_frame(got));
+  EXPECT_EQ(std::memcmp(&got, &back, CAN_MTU), 0);
+}
+
+TEST_F(CANSocketOnSimbus, MissingInterfaceThrowsWithoutAHint) {
+  const int before = open_descriptors();
+  std::string what;
+  const std::string printed =
+      kestrel::testing::capture_stderr([&] { what = failure_of("nosuch0", false); });
+  EXPECT_EQ(what, "Socket error: Failed to initialize socket for interface: nosuch0");
+  EXPECT_EQ(printed, "");
+  EXPECT_TRUE(descriptors_return_to(before)) << open_descriptors() << " vs " << before;
+}
+
+TEST_F(CANSocketOnSimbus, DownInterfacePrintsTheHintOnceAndThrowsWithoutLeaking) {
+  bus_.set_up("can0", false);
+  const int before = open_descriptors();
+  std::string what;
+  const std::string printed =
+      kestrel::testing::capture_stderr([&] { what = failure_of("can0", true); });
+  EXPECT_EQ(what, "Socket error: Failed to initialize socket for interface: can0");
+  EXPECT_EQ(printed,
+            "CAN interface \"can0\" is DOWN. Did you run: sudo ip link set can0 up type can "
+            "bitrate 1000000 ?\n");
+  EXPECT_TRUE(descriptors_return_to(before)) << open_descriptors() << " vs " << before;
+
+  bus_.set_up("can0", true);
+  EXPECT_NO_THROW(CANSocket("can0", true));
+}
+
+TEST_F(CANSocketOnSimbus, NamesLongerThanFifteenCharactersAreCut) {
+  const std::string longer = std::string(kLongName) + "XYZ";
+  CANSocket socket(longer, false);
+  EXPECT_EQ(socket.get_interface_name(), longer);  // kept as given
+  Fd peer = open_can(kLongName);
+  ASSERT_TRUE(socket.write_can_frame(classic_frame(0x7, {7})));
+  can_frame got{};
+  EXPECT_EQ(read_within(peer.get(), &got, sizeof(got), 2000), CAN_MTU);
+
+  bus_.set_up(kLongName, false);
+  const std::string printed = kestrel::testing::capture_stderr(
+      [&] { EXPECT_THROW(CANSocket(longer, false), CANSocketException); });
+  EXPECT_EQ(printed, "CAN interface \"" + longer + "\" is DOWN. Did you run: sudo ip link set " +
+                         longer + " up type can bitrate 1000000 ?\n");
+}
+
+TEST_F(CANSocketOnSimbus, IsDataAvailablePollsOrWaitsAsLongAsAsked) {
+  CANSocket socket("can0", false);
+  Fd peer = open_can("can0");
+  auto start = steady_clock::now();
+  EXPECT_FALSE(socket.is_data_available(0));
+  EXPECT_LT(steady_clock::now() - start, 20ms);
+
+  start = steady_clock::now();
+  EXPECT_FALSE(socket.is_data_available(150000));
+  const auto waited = steady_clock::now() - start;
+  EXPECT_GE(waited, 145ms);
+  EXPECT_LT(waited, 1s);
+
+  std::thread later([&] {
+    std::this_thread::sleep_for(30ms);
+    const can_frame frame = classic_frame(0x1, {});
+    EXPECT_EQ(::write(peer.get(), &frame, CAN_MTU), CAN_MTU);
+  });
+  start = steady_clock::now();
+  EXPECT_TRUE(socket.is_data_available(2000000));  // returns when the frame comes
+  EXPECT_LT(steady_clock::now() - start, 1s);
+  later.join();
+  EXPECT_TRUE(socket.is_data_available(0));
+  can_frame got{};
+  EXPECT_TRUE(socket.read_can_frame(got));
+  // Nothing left: the 100 µs receive time-out ends the read at once.
+  start = steady_clock::now();
+  EXPECT_FALSE(socket.read_can_frame(got));
+  EXPECT_EQ(errno, EAGAIN);
+  EXPECT_LT(steady_clock::now() - start, 50ms);
+}
+
+TEST_F(CANSocketOnSimbus, CleanupTwiceClosesOnce) {
+  CANSocket socket("can0", false);
+  const int number = socket.get_socket_fd();
+  socket.cleanup();
+  EXPECT_EQ(socket.get_socket_fd(), -1);
+  EXPECT_FALSE(is_open(number));
+  // The number is reused; a second cleanup must not close the newcomer.
+  Fd newcomer(::open("/dev/null", O_RDONLY));
+  ASSERT_EQ(newcomer.get(), number);
+  socket.cleanup();
+  EXPECT_TRUE(is_open(number));
+}
+
+TEST_F(CANSocketOnSimbus, DescriptorZeroIsNeverClosed) {
+  Fd saved_stdin(::dup(0));
+  ASSERT_GE(saved_stdin.get(), 0);
+  ::close(0);
+  {
+    CANSocket socket("can0", false);
+    EXPECT_EQ(socket.get_socket_fd(), 0);
+    socket.cleanup();
+    EXPECT_EQ(socket.get_socket_fd(), 0);
+    EXPECT_TRUE(is_open(0));
+    // Still the CAN socket: it takes a frame.
+    EXPECT_TRUE(socket.write_can_frame(classic_frame(0x2, {})));
+  }
+  EXPECT_TRUE(is_open(0));  // the destructor left it alone too
+  ASSERT_EQ(::dup2(saved_stdin.get(), 0), 0);
+}
+
+TEST_F(CANSocketOnSimbus, WritesAfterCleanupFailButTheSocketStaysInitialized) {
+  CANSocket socket("can0", false);
+  socket.cleanup();
+  EXPECT_FALSE(socket.write_can_frame(classic_frame(0x3, {})));
+  EXPECT_EQ(errno, EBADF);
+  EXPECT_TRUE(socket.get_is_initialized());
+  can_frame frame{};
+  EXPECT_FALSE(socket.read_can_frame(frame));
+  EXPECT_FALSE(socket.is_data_available(0));
+}
+
+TEST_F(CANSocketOnSimbus, ClassicSocketRefusesFdFrames) {
+  CANSocket socket("can0", false);
+  EXPECT_FALSE(socket.write_canfd_frame(fd_frame(0x4, 8)));
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(socket.write_raw_frame("x", 1), -1);
+  EXPECT_EQ(errno, EINVAL);
+}
+
+TEST_F(CANSocketOnSimbus, FdSocketExchangesBothFrameKinds) {
+  CANSocket socket("can0", true);
+  Fd peer = open_can("can0", true);
+  const can_frame small = classic_frame(0x10, {1, 2});
+  const canfd_frame big = fd_frame(0x20, 48, CANFD_BRS, 0x40);
+  ASSERT_TRUE(socket.write_can_frame(small));
+  ASSERT_TRUE(socket.write_canfd_frame(big));
+  canfd_frame got{};
+  ASSERT_EQ(read_within(peer.get(), &got, sizeof(got), 2000), CAN_MTU);
+  EXPECT_EQ(std::memcmp(&got, &small, CAN_MTU), 0);
+  ASSERT_EQ(read_within(peer.get(), &got, sizeof(got), 2000), CANFD_MTU);
+  EXPECT_EQ(got.len, 48);
+  EXPECT_EQ(std::memcmp(got.data, big.data, 48), 0);
+
+  ASSERT_EQ(::write(peer.get(), &big, CANFD_MTU), CANFD_MTU);
+  ASSERT_EQ(::write(peer.get(), &small, CAN_MTU), CAN_MTU);
+  ASSERT_TRUE(socket.is_data_available(2000000));
+  ASSERT_TRUE(socket.read_canfd_frame(got));
+  EXPECT_EQ(got.can_id, 0x20u);
+  EXPECT_EQ(got.flags, CANFD_BRS | CANFD_FDF);
+  ASSERT_TRUE(socket.is_data_available(2000000));
+  EXPECT_EQ(socket.read_raw_frame(&got, sizeof(got)), CAN_MTU);  // classic stays 16 bytes
+  EXPECT_EQ(got.can_id, 0x10u);
+}
+
+}  // namespace
+}  // namespace kestrel::canbus
