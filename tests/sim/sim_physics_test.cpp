@@ -1,0 +1,193 @@
+// The simulated motors driving their mechanics: MIT and position-velocity control laws, torque
+// limits, friction, external torque, temperatures, and the Plant contract a rigid-body model
+// will implement.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "sim_test_support.hpp"
+
+namespace kestrel::sim {
+namespace {
+
+using test::command_bytes;
+using test::frictionless;
+using test::Harness;
+
+Payload mit(const dm::MitCommand& c, int type) {
+  return dm::encode_mit(c, dm::limits_of_type(type));
+}
+
+Payload write_float(uint8_t id, uint8_t rid, float value) {
+  return dm::encode_param({id, dm::kParamWrite, rid, dm::float_bits(value)});
+}
+
+TEST(MitControl, PdGainsSettleEachJointAtItsTarget) {
+  Harness h;
+  h.send(0x02, command_bytes(0xFC));
+  h.send(0x04, command_bytes(0xFC));
+  h.send(0x02, mit({-0.5, 0.0, 100.0, 5.0, 0.0}, 3));
+  h.send(0x04, mit({1.0, 0.0, 50.0, 1.0, 0.0}, 1));
+  h.run(3.0);
+  // Coulomb friction leaves at most friction / kp of error.
+  EXPECT_NEAR(h.sim.state(1).q, -0.5, 0.4 / 100.0 + 1e-3);
+  EXPECT_NEAR(h.sim.state(3).q, 1.0, 0.1 / 50.0 + 1e-3);
+  EXPECT_NEAR(h.sim.state(3).dq, 0.0, 1e-3);
+  EXPECT_EQ(h.sim.state(0).q, 0.0);  // never commanded
+}
+
+TEST(MitControl, TorqueIsClampedToTheMotorLimit) {
+  Harness h({frictionless(1, 1, 1.0)});
+  h.send(0x01, command_bytes(0xFC));
+  h.send(0x01, mit({12.0, 0.0, 500.0, 0.0, 10.0}, 1));  // asks for 6010 N·m
+  h.run(0.01);
+  EXPECT_DOUBLE_EQ(h.sim.state(0).torque, 10.0);
+  // Saturated torque is reported as 0xFFF; 10 N·m on 1 kg·m² for 10 ms gives 0.1 rad/s.
+  Payload fb = *h.reply(0x7FF, {0x01, 0x00, 0xCC});
+  EXPECT_EQ(fb[4] & 0x0F, 0x0F);
+  EXPECT_EQ(fb[5], 0xFF);
+  EXPECT_NEAR(h.sim.state(0).dq, 0.1, 1e-6);
+}
+
+TEST(MitControl, DisabledOrUncommandedMotorsCoastAndExternalTorqueAdds) {
+  Harness h({frictionless(1, 1), frictionless(1, 2), frictionless(1, 3)});
+  h.sim.plant().set_state(0, 0.0, 2.0);
+  h.sim.plant().set_state(1, 0.0, 2.0);
+  h.send(0x01, mit({0.0, 0.0, 100.0, 1.0, 0.0}, 1));  // disabled: ignored
+  h.send(0x02, command_bytes(0xFC));                  // enabled, no MIT frame yet: no torque
+  h.sim.set_external_torque(2, 0.1);
+  h.run(1.0);
+  EXPECT_NEAR(h.sim.state(0).q, 2.0, 1e-9);
+  EXPECT_NEAR(h.sim.state(1).q, 2.0, 1e-9);
+  EXPECT_EQ(h.sim.state(1).torque, 0.0);
+  EXPECT_NEAR(h.sim.state(2).dq, 10.0, 1e-9);  // 0.1 N·m on 0.01 kg·m²
+  EXPECT_NEAR(h.sim.state(2).q, 5.0, 0.01);
+
+  // Disabling a holding motor releases the shaft to the external torque.
+  h.sim.set_external_torque(0, -0.5);
+  h.send(0x01, command_bytes(0xFC));
+  h.send(0x01, mit({2.0, 0.0, 200.0, 2.0, 0.0}, 1));
+  h.run(1.0);
+  const double held = h.sim.state(0).q;
+  EXPECT_NEAR(held, 2.0 - 0.5 / 200.0, 1e-3);
+  h.send(0x01, command_bytes(0xFD));
+  h.run(0.2);
+  EXPECT_NEAR(h.sim.state(0).q, held - 0.5 * 50.0 * 0.2 * 0.2, 0.01);
+}
+
+TEST(Friction, StaticFrictionHoldsBelowTheCoulombLevel) {
+  Harness h;  // joint 4: coulomb 0.1 N·m
+  h.sim.set_external_torque(3, 0.09);
+  h.run(0.5);
+  EXPECT_EQ(h.sim.state(3).q, 0.0);
+  h.sim.set_external_torque(3, 0.11);
+  h.run(0.5);
+  EXPECT_GT(h.sim.state(3).q, 0.0);
+}
+
+TEST(PosVelControl, FollowsATrapezoidWithinSpeedAccAndDec) {
+  Harness h({frictionless(1, 1)});
+  h.reply(0x7FF, dm::encode_param({0x01, dm::kParamWrite, reg::kControlMode, dm::kModePosVel}));
+  h.reply(0x7FF, write_float(0x01, reg::kAcc, 5.0f));
+  h.reply(0x7FF, write_float(0x01, reg::kDec, 2.0f));
+  h.send(0x101, dm::encode_pos_vel({2.0f, 1.0f}));  // disabled: ignored
+  h.run(0.1);
+  EXPECT_EQ(h.sim.state(0).q, 0.0);
+
+  h.send(0x01, command_bytes(0xFC));
+  h.send(0x101, dm::encode_pos_vel({2.0f, 1.0f}));
+  // 0.2 s accelerating at 5, cruise at 1 rad/s, 0.5 s braking at 2: 2.0 + 0.1 + 0.25 s.
+  double peak = 0.0;
+  double reached = -1.0;
+  for (int ms = 1; ms <= 3500; ++ms) {
+    h.run(0.001);
+    MotorState s = h.sim.state(0);
+    peak = std::max(peak, s.dq);
+    if (ms == 100) {
+      EXPECT_NEAR(s.dq, 0.5, 0.05);  // ACC-limited
+    }
+    if (reached < 0.0 && s.q > 1.999) {
+      reached = ms / 1000.0;
+    }
+  }
+  EXPECT_LT(peak, 1.02);
+  EXPECT_NEAR(reached, 2.35, 0.1);
+  EXPECT_NEAR(h.sim.state(0).q, 2.0, 1e-3);
+  EXPECT_LE(std::abs(h.sim.state(0).torque), 10.0);
+
+  // In MIT mode the same frame does nothing.
+  h.reply(0x7FF, dm::encode_param({0x01, dm::kParamWrite, reg::kControlMode, dm::kModeMit}));
+  h.send(0x101, dm::encode_pos_vel({0.0f, 1.0f}));
+  EXPECT_FALSE(h.last.front().command.applied);
+  h.run(0.5);
+  EXPECT_NEAR(h.sim.state(0).q, 2.0, 1e-2);
+}
+
+TEST(PosVelControl, HoldsItsPositionAgainstALoadWhenEnabled) {
+  Harness h;
+  h.reply(0x7FF, dm::encode_param({0x02, dm::kParamWrite, reg::kControlMode, dm::kModePosVel}));
+  h.sim.set_posture({0.0, 0.8});
+  h.send(0x02, command_bytes(0xFC));
+  h.sim.set_external_torque(1, 20.0);  // below t_max 28: the speed loop's integrator takes it
+  h.run(2.0);
+  EXPECT_NEAR(h.sim.state(1).q, 0.8, 0.01);
+  EXPECT_NEAR(h.sim.state(1).torque, -20.0, 0.5);
+  h.sim.set_external_torque(1, 40.0);  // beyond t_max: pushed away
+  h.run(0.5);
+  EXPECT_GT(h.sim.state(1).q, 1.0);
+  EXPECT_DOUBLE_EQ(h.sim.state(1).torque, -28.0);
+}
+
+TEST(Thermal, RotorWarmsWithSustainedTorqueOnly) {
+  Harness h({frictionless(1, 1), frictionless(1, 2)});
+  h.sim.set_external_torque(0, -8.0);
+  h.send(0x01, command_bytes(0xFC));
+  h.send(0x01, mit({0.0, 0.0, 500.0, 5.0, 0.0}, 1));
+  h.run(60.0);
+  MotorState loaded = h.sim.state(0);
+  MotorState idle = h.sim.state(1);
+  EXPECT_NEAR(loaded.torque, 8.0, 0.01);
+  // 60 K at full torque, (8/10)² of it, one half of a 120 s time constant: about 15 K.
+  EXPECT_NEAR(loaded.t_rotor, 30.0 + 60.0 * 0.64 * (1.0 - std::exp(-0.5)), 0.5);
+  EXPECT_GT(loaded.t_mos, idle.t_mos + 5.0);
+  EXPECT_DOUBLE_EQ(idle.t_rotor, 30.0);
+}
+
+// A stand-in for the rigid-body model: records what the motors hand it.
+class RecordingPlant : public Plant {
+ public:
+  size_t size() const override { return 2; }
+  void step(double dt, const std::vector<double>& torque) override {
+    time += dt;
+    ++steps;
+    last_torque = torque;
+  }
+  double position(size_t i) const override { return i == 0 ? 0.25 : -0.25; }
+  double velocity(size_t) const override { return 0.0; }
+  void set_state(size_t, double, double) override {}
+
+  double time = 0.0;
+  int steps = 0;
+  std::vector<double> last_torque;
+};
+
+TEST(PlantContract, MotorsHandAnyPlantTheirTorquePlusExternalAtTheInnerRate) {
+  auto plant = std::make_unique<RecordingPlant>();
+  RecordingPlant* p = plant.get();
+  Harness h({frictionless(1, 1), frictionless(3, 2)}, std::move(plant));
+  h.send(0x01, command_bytes(0xFC));
+  h.send(0x01, mit({0.0, 0.0, 4.0, 0.0, 0.0}, 1));  // kp (0 - 0.25): -1 N·m
+  h.sim.set_external_torque(1, 3.0);
+  h.run(0.002);
+  EXPECT_EQ(p->steps, 20);  // 10 kHz inner steps
+  EXPECT_NEAR(p->time, 0.002, 1e-12);
+  EXPECT_NEAR(p->last_torque[0], -1.0, 0.25 * 500.0 / 4095.0);  // one kp step
+  EXPECT_DOUBLE_EQ(p->last_torque[1], 3.0);
+  EXPECT_EQ(to_hex(*h.reply(0x7FF, {0x02, 0x00, 0xCC})).substr(0, 8), "02 7D 70");
+
+  EXPECT_THROW(MotorSimulation({frictionless(1, 1)}, std::make_unique<RecordingPlant>()),
+               std::invalid_argument);
+}
+
+}  // namespace
+}  // namespace kestrel::sim
