@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# The Quick-start demonstration: installs what is missing, builds, starts the simulated arm on
+# a private userspace CAN bus, and runs the demo program against it exactly as a user's own
+# program would run (through the SocketCAN interposer).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$(pwd)
+
+./scripts/setup.sh
+cmake -S "$root" -B "$root/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build "$root/build" -j"$(nproc 2>/dev/null || echo 2)" \
+  --target kestrel-demo kestrel-sim kestrel-simbus kestrel_simbus_preload
+
+bin="$root/build/tools"
+export KESTREL_SIMBUS_DIR
+KESTREL_SIMBUS_DIR=$(mktemp -d "${TMPDIR:-/tmp}/kestrel-demo.XXXXXX")
+sim_log="$KESTREL_SIMBUS_DIR/sim.log"
+"$bin/sim/kestrel-sim" --serve --interface simcan0 >"$sim_log" 2>&1 &
+sim_pid=$!
+cleanup() {
+  kill "$sim_pid" 2>/dev/null || true
+  wait "$sim_pid" 2>/dev/null || true
+  rm -rf "$KESTREL_SIMBUS_DIR"
+}
+trap cleanup EXIT
+
+for _ in $(seq 100); do
+  [ -S "$KESTREL_SIMBUS_DIR/simcan0" ] && break
+  kill -0 "$sim_pid" 2>/dev/null || { cat "$sim_log"; exit 1; }
+  sleep 0.05
+done
+echo "== Simulated arm running on simcan0 (bus directory $KESTREL_SIMBUS_DIR)"
+"$bin/simbus/kestrel-simbus" run -- "$bin/demo/kestrel-demo" --interface simcan0 "$@"
