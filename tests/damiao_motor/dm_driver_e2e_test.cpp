@@ -44,8 +44,9 @@ class DriverE2E : public ::testing::TestWithParam<bool> {
     }
   }
 
-  // The receive loop: every queued frame, until the bus stays quiet for `quiet_us`.
-  void drain(int quiet_us = 3000) {
+  // The receive loop: every queued frame, until the bus stays quiet for `quiet_us`. The default
+  // is generous so that a loaded machine (sanitizers, parallel tests) does not cut replies off.
+  void drain(int quiet_us = 20000) {
     auto& registry = group.get_device_collection();
     if (GetParam()) {
       canfd_frame f;

@@ -1,0 +1,239 @@
+// The Kestrel facade and its two motor groups against simulated motors on the userspace bus.
+#include "kestrel/arm/kestrel.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+#include "kestrel_sim/simulated_motor_bus.hpp"
+#include "simbus/simbus_testing.hpp"
+#include "support/simbus_can.hpp"
+#include "support/stderr_capture.hpp"
+
+namespace kestrel::can::socket {
+namespace {
+
+namespace dm = damiao_motor;
+using namespace std::chrono_literals;
+using kestrel::testing::capture_stderr;
+using Clock = std::chrono::steady_clock;
+using T = dm::MotorType;
+
+const std::vector<T> kArmTypes = {T::DM_V8_T28,  T::DM_V8_T28,  T::DM_V8_T28,
+                                  T::DM_V30_T10, T::DM_V30_T10, T::DM_V30_T10};
+const std::vector<unsigned> kArmIds = {1, 2, 3, 4, 5, 6};
+const std::vector<unsigned> kArmFeedbackIds = {0x11, 0x12, 0x13, 0x14, 0x15, 0x16};
+
+// Received frames of the simulator's log as (identifier, first byte / command) in order.
+std::vector<uint32_t> received_ids(const sim::SimulatedMotorBus& motors) {
+  std::vector<uint32_t> ids;
+  for (const auto& entry : motors.received_frames()) {
+    ids.push_back(entry.frame.id);
+  }
+  return ids;
+}
+
+class FacadeTest : public ::testing::TestWithParam<bool> {
+ protected:
+  FacadeTest() {
+    sim::BusOptions options;
+    options.interface = "can0";
+    options.fd = GetParam();
+    motors = std::make_unique<sim::SimulatedMotorBus>(sim::arm_motor_configs(), options);
+    motors->set_posture({0.1, -0.2, 0.3, -0.4, 0.5, -0.6, -0.3});
+    motors->start();
+  }
+
+  // Waits until the simulator has received `frames` frames since the last clear, then takes in
+  // the replies. Waiting on the frames (not on a quiet gap) keeps the tests exact under load.
+  void settle(size_t frames) {
+    ASSERT_TRUE(motors->wait_for_received(frames, 5s)) << "simulated motors heard too little";
+    arm.recv_all(20000);
+  }
+
+  void init_all() {
+    arm.init_arm_motors(kArmTypes, kArmIds, kArmFeedbackIds);
+    arm.init_gripper_motor(T::DM_V30_T10, 7, 0x17);
+  }
+
+  simbus::ScopedSimbus bus{{"can0"}};
+  std::unique_ptr<sim::SimulatedMotorBus> motors;
+  Kestrel arm{"can0", GetParam()};
+};
+
+TEST_P(FacadeTest, ForwardsToArmThenGripperAndNothingBeforeInit) {
+  arm.enable_all();  // no motor exists yet
+  arm.recv_all(2000);
+  EXPECT_TRUE(motors->received_frames().empty());
+
+  init_all();
+  capture_stderr([&] {
+    arm.enable_all();
+    settle(7);
+  });
+  EXPECT_EQ(received_ids(*motors), (std::vector<uint32_t>{1, 2, 3, 4, 5, 6, 7}));
+  for (size_t i = 0; i < 7; ++i) {
+    EXPECT_TRUE(motors->motor_state(i).enabled) << i;
+  }
+}
+
+TEST_P(FacadeTest, RecvAllDispatchesFeedbackAndReplyToTheRightMotor) {
+  init_all();
+  capture_stderr([&] {
+    arm.refresh_all();
+    settle(7);
+  });
+  const auto joints = arm.get_arm().get_motors();
+  ASSERT_EQ(joints.size(), 6u);
+  const double posture[6] = {0.1, -0.2, 0.3, -0.4, 0.5, -0.6};
+  for (int i = 0; i < 6; ++i) {
+    EXPECT_NEAR(joints[i].get_position(), posture[i], 25.0 / 65535.0) << i;
+  }
+  EXPECT_NEAR(arm.get_gripper().get_motor()->get_position(), -0.3, 25.0 / 65535.0);
+
+  // Register replies land in the motor that was asked, through the bus-wide registry.
+  motors->set_register(4, 4, 7.25);  // joint 5's ACC
+  arm.set_callback_mode_all(dm::CallbackMode::PARAM);
+  motors->clear_frame_log();
+  arm.query_acc_all();
+  settle(7);
+  arm.set_callback_mode_all(dm::CallbackMode::STATE);
+  EXPECT_EQ(arm.get_arm().get_motors()[4].get_param(4), 7.25);
+  EXPECT_GT(arm.get_arm().get_motors()[3].get_param(4), 0.0);
+  EXPECT_NE(arm.get_arm().get_motors()[3].get_param(4), 7.25);
+  EXPECT_GT(arm.get_gripper().get_motor()->get_param(4), 0.0);
+}
+
+TEST_P(FacadeTest, RecvAllOnAQuietBusReturnsAfterItsTimeout) {
+  init_all();
+  for (int timeout_us : {2000, 20000}) {
+    const auto t0 = Clock::now();
+    arm.recv_all(timeout_us);
+    const auto us = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - t0);
+    EXPECT_GE(us.count(), timeout_us);
+    EXPECT_LT(us.count(), timeout_us + 15000) << "returns soon after a quiet timeout";
+  }
+}
+
+TEST_P(FacadeTest, ValueVectorsArePairedPerGroupFromIndexZero) {
+  init_all();
+  const std::vector<float> acc = {1.5f, 2.5f, 3.5f, 4.5f, 5.5f, 6.5f};
+  capture_stderr([&] {
+    arm.set_acc_all(acc);
+    arm.set_timeout_all(1000);
+    arm.switch_all_motors_mode(dm::POS_VEL_MODE);
+    settle(7 + 7 + 7);
+  });
+  for (int i = 0; i < 6; ++i) {
+    EXPECT_EQ(motors->motor_state(i).registers.value(4), acc[i]) << i;
+    EXPECT_EQ(motors->motor_state(i).mode, 2u);
+  }
+  // The gripper group takes element 0 of the arm-sized vector.
+  EXPECT_EQ(motors->motor_state(6).registers.value(4), acc[0]);
+  EXPECT_EQ(motors->motor_state(6).registers.value(9), 1000.0);
+}
+
+TEST_P(FacadeTest, RegisteringAGroupTwiceDoublesEveryForwardedCommand) {
+  init_all();
+  arm.register_dm_device_collection(arm.get_gripper());
+  capture_stderr([&] {
+    arm.disable_all();
+    settle(8);
+  });
+  EXPECT_EQ(received_ids(*motors), (std::vector<uint32_t>{1, 2, 3, 4, 5, 6, 7, 7}));
+}
+
+TEST_P(FacadeTest, GripperCommandsBeforeAndAfterInit) {
+  auto& gripper = arm.get_gripper();
+  EXPECT_EQ(capture_stderr([&] {
+              gripper.open(8.0, 0.1);
+              gripper.close(8.0, 0.1);
+              gripper.set_position(0.5, 8.0, 0.1);
+              gripper.set_distance(0.2, 8.0, 0.1);  // out of range, but no device: silent
+              gripper.set_tau(0.1);
+            }),
+            "");
+  EXPECT_TRUE(motors->received_frames().empty());
+
+  arm.init_gripper_motor(T::DM_V30_T10, 7, 0x17);
+  struct Case {
+    std::function<void()> command;
+    double q;
+    double kp;
+    double tau;
+  };
+  const Case cases[] = {
+      {[&] { gripper.open(8.0, 0.1); }, -1.235463, 8.0, 0.0},
+      {[&] { gripper.close(8.0, 0.1); }, 0.0, 8.0, 0.0},
+      {[&] { gripper.set_position(0.5, 8.0, 0.1); }, -0.6177315, 8.0, 0.0},
+      {[&] { gripper.set_distance(0.085, 12.0, 0.2); }, -1.235598154197257, 12.0, 0.0},
+      {[&] { gripper.set_tau(0.75); }, 0.0, 0.0, 0.75},
+  };
+  for (const auto& c : cases) {
+    motors->clear_frame_log();
+    c.command();
+    ASSERT_TRUE(motors->wait_for_received(1, 1s));
+    const auto state = motors->motor_state(6);
+    ASSERT_TRUE(state.last_mit.has_value());
+    EXPECT_NEAR(state.last_mit->q, c.q, 25.0 / 65535.0);
+    EXPECT_NEAR(state.last_mit->kp, c.kp, 500.0 / 4095.0);
+    EXPECT_NEAR(state.last_mit->tau, c.tau, 20.0 / 4095.0);
+    EXPECT_NEAR(state.last_mit->dq, 0.0, 60.0 / 4095.0);
+  }
+  arm.recv_all(2000);
+}
+
+TEST_P(FacadeTest, OutOfRangeDistanceStillCommandsMinusOneRadian) {
+  arm.init_gripper_motor(T::DM_V30_T10, 7, 0x17);
+  for (double d : {0.0851, -0.001}) {
+    motors->clear_frame_log();
+    EXPECT_EQ(capture_stderr([&] { arm.get_gripper().set_distance(d, 8.0, 0.1); }),
+              "Error: Distance out of range! Must be between 0 and 0.085 meters.\n");
+    ASSERT_TRUE(motors->wait_for_received(1, 1s));
+    EXPECT_NEAR(motors->motor_state(6).last_mit->q, -1.0, 25.0 / 65535.0);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(ClassicAndFd, FacadeTest, ::testing::Values(false, true),
+                         [](const auto& info) { return info.param ? "Fd" : "Classic"; });
+
+TEST(FacadeConstruction, MissingInterfaceThrowsTheSocketError) {
+  simbus::ScopedSimbus bus{{"can0"}};
+  try {
+    Kestrel arm("can9", false);
+    FAIL() << "constructed on a missing interface";
+  } catch (const canbus::CANSocketException& e) {
+    EXPECT_STREQ(e.what(), "Socket error: Failed to initialize socket for interface: can9");
+  }
+}
+
+// Linkage values against references computed independently (exact fused multiply-adds
+// emulated with rational arithmetic), to the last bit.
+TEST(GripperLinkage, DistanceToMotorAngleToTheLastBit) {
+  const std::pair<double, double> references[] = {
+      {0.0, -0.00019983474059870332}, {0.01, -0.1978588209146992}, {0.0425, -0.6822889509948515},
+      {0.07, -1.0307842463707704},    {0.085, -1.235598154197257},
+  };
+  for (const auto& [d, q] : references) {
+    EXPECT_EQ(GripperComponent::distance_to_motor_angle(d), q) << d;
+  }
+  EXPECT_EQ(GripperComponent::distance_to_motor_angle(0.0851), -1.0);
+  EXPECT_EQ(GripperComponent::distance_to_motor_angle(-1e-9), -1.0);
+}
+
+TEST(GripperLinkage, InverseLinkageRecoversTheOpening) {
+  for (double d = 0.0; d <= 0.085; d += 0.0005) {
+    EXPECT_NEAR(
+        GripperComponent::motor_angle_to_distance(GripperComponent::distance_to_motor_angle(d)), d,
+        1e-12)
+        << d;
+  }
+  double sqrt_arg = 0.0;
+  // Turned far past the linkage's reach the coupler cannot close the loop.
+  EXPECT_EQ(GripperComponent::motor_angle_to_distance(-3.0, &sqrt_arg), -1.0);
+  EXPECT_LT(sqrt_arg, 0.0);
+}
+
+}  // namespace
+}  // namespace kestrel::can::socket
