@@ -1,0 +1,158 @@
+// RobotKinematics: the arm's kinematic and dynamic model, built once from the URDF and the
+// `kinematics` section of "robot_kinematics.yaml". One KDL chain runs from the robot base to the
+// tool centre point (URDF joints, then an optional point-mass payload, then the tool offset);
+// forward kinematics, gravity, Coriolis and inertia torques and inverse kinematics all use it.
+// A screw-axis description of the same joints gives a lock-free forward kinematics of the flange.
+//
+// Thread safety: the KDL solvers keep internal state, so every KDL-based member takes the one
+// model mutex; the screw-axis and rotation helpers are pure. Accessors return data that never
+// changes after construction.
+#pragma once
+
+#include <Eigen/Core>
+#include <cstdint>
+#include <kdl/chain.hpp>
+#include <kdl/chaindynparam.hpp>
+#include <kdl/chainfksolverpos_recursive.hpp>
+#include <kdl/chainiksolverpos_lma.hpp>
+#include <kdl/frames.hpp>
+#include <kdl/jntarray.hpp>
+#include <kdl/jntspaceinertiamatrix.hpp>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "kestrel/algorithms/urdf_reader.hpp"
+
+// Homogeneous transform with rotation RPY(roll, pitch, yaw) (fixed X, then Y, then Z, as
+// KDL::Rotation::RPY) and translation xyz.
+Eigen::Matrix4d t_from_xyzrpy(const Eigen::Vector3d& xyz, const Eigen::Vector3d& rpy);
+
+// Rotation by `theta` about the unit axis `omega` (Rodrigues' formula).
+Eigen::Matrix3d exp_so3(const Eigen::Vector3d& omega, double theta);
+
+// Rigid motion of the screw (omega, v) by `theta`: a unit omega turns about the axis, a zero
+// omega translates along v.
+Eigen::Matrix4d exp_se3(const Eigen::Matrix<double, 6, 1>& screw, double theta);
+
+class RobotKinematics {
+ public:
+  // One movable joint of the screw-axis model: its URDF origin relative to the previous movable
+  // joint's frame (fixed joints in between are folded in) and its unit axis in its own frame.
+  struct joint_t {
+    Eigen::Vector3d xyz = Eigen::Vector3d::Zero();
+    Eigen::Vector3d rpy = Eigen::Vector3d::Zero();
+    Eigen::Vector3d axis = Eigen::Vector3d::UnitZ();
+    bool prismatic = false;
+  };
+
+  // Reads "robot_kinematics.yaml" and "OspreyArm.SLDASM.urdf" from the configuration directory
+  // (config_paths.hpp). Throws std::runtime_error on any configuration or URDF error. Prints
+  // "urdf num_joints_: <n>" to standard output once the chain is built.
+  RobotKinematics();
+
+  // Same, from explicitly named files (tools and tests; the simulator uses it to model an arm
+  // whose payload differs from the configured one).
+  RobotKinematics(const std::string& config_path, const std::string& urdf_path);
+
+  ~RobotKinematics();
+  RobotKinematics(const RobotKinematics&) = delete;
+  RobotKinematics& operator=(const RobotKinematics&) = delete;
+
+  // (Re)computes the space-frame screw axes and the home transform from the joint_t records.
+  void build_screw_axes();
+
+  // --- KDL-based (lock the model mutex); joint vectors have num_joints() entries ------------
+  // Tool-centre-point pose: x, y, z (m), then the quaternion qx, qy, qz, qw.
+  std::vector<double> forwardKinematics_kdl(const std::vector<double>& q);
+  // G(q), N·m.
+  std::vector<double> gravity_compensation_kdl(const std::vector<double>& q) const;
+  // C(q, dq)·dq, N·m.
+  std::vector<double> coriolis_compensation_kdl(const std::vector<double>& q,
+                                                const std::vector<double>& dq) const;
+  // M(q)·ddq, N·m.
+  std::vector<double> inertia_compensation_kdl(const std::vector<double>& q,
+                                               const std::vector<double>& ddq) const;
+  // M(q)·ddq + C(q, dq)·dq + G(q), N·m.
+  std::vector<double> dynamic_compensation_kdl(const std::vector<double>& q,
+                                               const std::vector<double>& dq,
+                                               const std::vector<double>& ddq) const;
+
+  // --- Inverse kinematics (defined in the inverse-kinematics source file) ---------------------
+  bool solve_ik_kdl(const std::vector<double>& target_pos, const std::vector<double>& target_euler,
+                    const std::vector<double>& seed, std::vector<double>& out,
+                    bool* fallback_used = nullptr);
+  std::optional<Eigen::VectorXd> inverse_kinematics_jacobian(const Eigen::Vector3d& target_pos,
+                                                             const Eigen::Vector3d& target_euler,
+                                                             const Eigen::VectorXd& q_init,
+                                                             double threshold_pos,
+                                                             double threshold_rot,
+                                                             int max_iterations, double damping);
+
+  // --- Pure helpers ---------------------------------------------------------------------------
+  // Frame of the last movable joint (the flange) by the product of exponentials. Compose with
+  // flange_to_tcp() for the tool centre point that forwardKinematics_kdl reports.
+  Eigen::Matrix4d forward_kinematics(const Eigen::VectorXd& q) const;
+  // (roll, pitch, yaw) of R in the RPY convention, pitch = -asin(R20). In gimbal lock
+  // (|R20| > 0.99999) yaw is 0 and roll is atan2(R11, R12) (R20 > 0) or atan2(-R11, -R12).
+  Eigen::Vector3d rotation_matrix_to_euler(const Eigen::Matrix3d& R) const;
+  // (x, y, z, w).
+  Eigen::Vector4d rotation_matrix_to_quaternion(const Eigen::Matrix3d& R) const;
+  // Rotation vector (axis × angle, base frame) of q_target · q_current⁻¹, shortest way round.
+  // Quaternions are (x, y, z, w) and need not be normalised.
+  Eigen::Vector3d quaternion_error(const Eigen::Vector4d& q_target,
+                                   const Eigen::Vector4d& q_current) const;
+
+  // --- Model data (immutable after construction) ---------------------------------------------
+  int num_joints() const { return num_joints_; }
+  // The URDF joints in chain order, root first (fixed joints included, as in the file).
+  const std::vector<kestrel::algorithms::UrdfJoint>& urdf_joints() const { return urdf_joints_; }
+  // Per movable joint, in chain order. A joint without limits (continuous, or an incomplete
+  // <limit>) has has_limits false and its bounds must not be used.
+  const std::vector<double>& joint_lower_limits() const { return lower_; }
+  const std::vector<double>& joint_upper_limits() const { return upper_; }
+  const std::vector<bool>& joint_has_limits() const { return has_limits_; }
+  // Base to tool centre point, with payload; callers may build their own KDL solvers on it
+  // (it is never modified and outlives them as long as the model does).
+  const KDL::Chain& chain() const { return chain_; }
+  // Gravity acceleration in the base frame, m/s², from the mounting.
+  const Eigen::Vector3d& gravity() const { return gravity_; }
+  const std::vector<joint_t>& screw_joints() const { return joints_; }
+  const Eigen::Matrix<double, 6, Eigen::Dynamic>& screw_axes() const { return screw_axes_; }
+  const Eigen::Matrix4d& home_transform() const { return home_; }
+  // Last movable joint's frame to the tool centre point (trailing fixed joints, then the tool).
+  const Eigen::Matrix4d& flange_to_tcp() const { return flange_to_tcp_; }
+
+ private:
+  void build(const std::string& config_path, const std::string* urdf_path);
+  void check_size(const std::vector<double>& v, const char* message) const;
+
+  std::vector<joint_t> joints_;
+  Eigen::Matrix<double, 6, Eigen::Dynamic> screw_axes_;
+  Eigen::Matrix4d home_ = Eigen::Matrix4d::Identity();
+  Eigen::Matrix4d flange_to_tcp_ = Eigen::Matrix4d::Identity();
+
+  std::vector<double> lower_;
+  std::vector<double> upper_;
+  std::vector<bool> has_limits_;
+  int32_t num_joints_ = 0;
+
+  std::vector<kestrel::algorithms::UrdfJoint> urdf_joints_;
+  KDL::Chain chain_;
+  // The solvers live in place: built once with the chain, no heap round trip, and no way for an
+  // allocation made here to be released inside the KDL library with different allocator rules.
+  std::optional<KDL::ChainIkSolverPos_LMA> ik_solver_;
+  std::optional<KDL::ChainFkSolverPos_recursive> fk_solver_;
+  mutable std::optional<KDL::ChainDynParam> dyn_param_;  // its queries are not const in KDL
+  Eigen::Vector3d gravity_ = Eigen::Vector3d(0.0, 0.0, -9.81);
+
+  // Serialises every use of the KDL solvers and of the scratch arrays below, which keep the
+  // per-call cost of the control loop's torque queries free of KDL-side allocations.
+  mutable std::mutex mutex_;
+  mutable KDL::JntArray q_scratch_;
+  mutable KDL::JntArray dq_scratch_;
+  mutable KDL::JntArray out_scratch_;
+  mutable KDL::JntArray aux_scratch_;
+  mutable KDL::JntSpaceInertiaMatrix mass_scratch_;
+};

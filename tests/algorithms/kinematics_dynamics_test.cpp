@@ -1,0 +1,248 @@
+// Forward kinematics and torque compensation against an independent model of the test arm:
+// frames from a plain Eigen walk, gravity from the potential energy, the mass matrix from the
+// kinetic energy and Coriolis torques from finite differences of the mass matrix.
+#include <gtest/gtest.h>
+
+#include <Eigen/Eigenvalues>
+#include <cmath>
+#include <functional>
+#include <kdl/frames.hpp>
+#include <random>
+#include <thread>
+
+#include "algorithms/test_arm.hpp"
+#include "kestrel/algorithms/kinematics.hpp"
+
+using kestrel::testing::TempDir;
+using kestrel::testing::TestArm;
+
+namespace {
+
+std::vector<double> to_std(const Eigen::VectorXd& v) {
+  return {v.data(), v.data() + v.size()};
+}
+
+Eigen::VectorXd to_eigen(const std::vector<double>& v) {
+  return Eigen::Map<const Eigen::VectorXd>(v.data(), static_cast<Eigen::Index>(v.size()));
+}
+
+class KinematicsDynamics : public ::testing::Test {
+ protected:
+  KinematicsDynamics() : files_(arm_.write(dir_)), model_(files_.first, files_.second) {}
+
+  std::vector<Eigen::VectorXd> random_vectors(int count, double range, unsigned seed = 42) const {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<double> u(-range, range);
+    std::vector<Eigen::VectorXd> out;
+    for (int i = 0; i < count; ++i) {
+      Eigen::VectorXd q(arm_.movable());
+      for (Eigen::Index k = 0; k < q.size(); ++k) {
+        q[k] = u(rng);
+      }
+      out.push_back(q);
+    }
+    return out;
+  }
+
+  Eigen::MatrixXd mass_matrix(const Eigen::VectorXd& q) const {
+    const Eigen::Index n = q.size();
+    Eigen::MatrixXd M(n, n);
+    for (Eigen::Index k = 0; k < n; ++k) {
+      M.col(k) =
+          to_eigen(model_.inertia_compensation_kdl(to_std(q), to_std(Eigen::VectorXd::Unit(n, k))));
+    }
+    return M;
+  }
+
+  TempDir dir_;
+  TestArm arm_;
+  std::pair<std::string, std::string> files_;
+  RobotKinematics model_;
+};
+
+}  // namespace
+
+TEST_F(KinematicsDynamics, KdlPoseMatchesTheIndependentFrameWalk) {
+  for (const auto& q : random_vectors(200, M_PI)) {
+    const std::vector<double> fk = model_.forwardKinematics_kdl(to_std(q));
+    const Eigen::Isometry3d expected = arm_.tcp(q);
+    EXPECT_LT((Eigen::Vector3d(fk[0], fk[1], fk[2]) - expected.translation()).norm(), 1e-12);
+    const Eigen::Quaterniond r(fk[6], fk[3], fk[4], fk[5]);
+    EXPECT_NEAR(r.norm(), 1.0, 1e-12);
+    EXPECT_LT((r.toRotationMatrix() - expected.linear()).norm(), 1e-12);
+  }
+}
+
+TEST_F(KinematicsDynamics, ScrewAxisPoseOfTheFlangeAgreesWithKdl) {
+  EXPECT_LT(
+      (model_.home_transform() - arm_.frames(Eigen::VectorXd::Zero(6)).at("l7").matrix()).norm(),
+      1e-12);
+  for (const auto& q : random_vectors(200, M_PI, 7)) {
+    const Eigen::Matrix4d flange = model_.forward_kinematics(q);
+    EXPECT_LT((flange - arm_.frames(q).at("l7").matrix()).norm(), 1e-12);
+    EXPECT_LT(((flange * model_.flange_to_tcp()) - arm_.tcp(q).matrix()).norm(), 1e-12);
+  }
+}
+
+TEST_F(KinematicsDynamics, GravityTorqueIsTheGradientOfPotentialEnergy) {
+  const double h = 1e-6;
+  for (const auto& q : random_vectors(30, 2.0)) {
+    const Eigen::VectorXd g = to_eigen(model_.gravity_compensation_kdl(to_std(q)));
+    for (Eigen::Index j = 0; j < q.size(); ++j) {
+      const Eigen::VectorXd e = Eigen::VectorXd::Unit(q.size(), j) * h;
+      EXPECT_NEAR(g[j], (arm_.potential(q + e) - arm_.potential(q - e)) / (2 * h), 1e-7);
+    }
+  }
+}
+
+TEST_F(KinematicsDynamics, MassMatrixIsSymmetricPositiveDefiniteAndGivesTheKineticEnergy) {
+  const auto velocities = random_vectors(30, 2.0, 3);
+  const auto postures = random_vectors(30, 2.0, 4);
+  for (std::size_t i = 0; i < postures.size(); ++i) {
+    const Eigen::MatrixXd M = mass_matrix(postures[i]);
+    EXPECT_LT((M - M.transpose()).norm(), 1e-12);
+    EXPECT_GT(Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd>(M).eigenvalues().minCoeff(), 0.0);
+    const Eigen::VectorXd& dq = velocities[i];
+    const double expected = arm_.kinetic(postures[i], dq);
+    EXPECT_NEAR(0.5 * dq.dot(M * dq), expected, 1e-7 * (1.0 + expected));
+  }
+}
+
+TEST_F(KinematicsDynamics, CoriolisTorqueMatchesLagrangesEquation) {
+  // C(q, dq) dq = dM/dt dq - 1/2 d(dq' M dq)/dq, both by central differences of M.
+  const double h = 1e-6;
+  const auto velocities = random_vectors(20, 2.0, 5);
+  const auto postures = random_vectors(20, 2.0, 6);
+  for (std::size_t i = 0; i < postures.size(); ++i) {
+    const Eigen::VectorXd& q = postures[i];
+    const Eigen::VectorXd& dq = velocities[i];
+    const Eigen::MatrixXd M_dot = (mass_matrix(q + h * dq) - mass_matrix(q - h * dq)) / (2 * h);
+    Eigen::VectorXd expected = M_dot * dq;
+    for (Eigen::Index j = 0; j < q.size(); ++j) {
+      const Eigen::VectorXd e = Eigen::VectorXd::Unit(q.size(), j) * h;
+      expected[j] -=
+          0.5 * (dq.dot(mass_matrix(q + e) * dq) - dq.dot(mass_matrix(q - e) * dq)) / (2 * h);
+    }
+    const Eigen::VectorXd c = to_eigen(model_.coriolis_compensation_kdl(to_std(q), to_std(dq)));
+    EXPECT_LT((c - expected).norm(), 1e-6 * (1.0 + expected.norm())) << c.transpose() << "\n"
+                                                                     << expected.transpose();
+  }
+}
+
+TEST_F(KinematicsDynamics, DynamicCompensationIsTheSumOfItsParts) {
+  const auto sets = random_vectors(60, 2.0, 8);
+  for (std::size_t i = 0; i + 2 < sets.size(); i += 3) {
+    const auto q = to_std(sets[i]);
+    const auto dq = to_std(sets[i + 1]);
+    const auto ddq = to_std(sets[i + 2]);
+    const Eigen::VectorXd sum = to_eigen(model_.inertia_compensation_kdl(q, ddq)) +
+                                to_eigen(model_.coriolis_compensation_kdl(q, dq)) +
+                                to_eigen(model_.gravity_compensation_kdl(q));
+    EXPECT_LT((to_eigen(model_.dynamic_compensation_kdl(q, dq, ddq)) - sum).norm(), 1e-12);
+  }
+}
+
+TEST_F(KinematicsDynamics, RejectsVectorsOfTheWrongSize) {
+  const std::vector<double> ok(6, 0.1);
+  const std::vector<double> short_vec(5, 0.1);
+  const std::string gravity_text =
+      "gravity_compensation_kdl: size mismatch between input vector and KDL chain joints";
+  const std::vector<std::pair<std::function<void()>, std::string>> cases = {
+      {[&] { model_.forwardKinematics_kdl(short_vec); },
+       "forwardKinematics_kdl: size mismatch between input vector and KDL chain joints"},
+      {[&] { model_.gravity_compensation_kdl(short_vec); }, gravity_text},
+      {[&] { model_.coriolis_compensation_kdl(short_vec, ok); }, gravity_text},
+      {[&] { model_.coriolis_compensation_kdl(ok, short_vec); }, gravity_text},
+      {[&] { model_.inertia_compensation_kdl(ok, short_vec); },
+       "inertia_compensation_kdl: size mismatch"},
+      {[&] { model_.dynamic_compensation_kdl(ok, ok, short_vec); },
+       "dynamic_compensation_kdl: size mismatch"},
+      {[&] { model_.dynamic_compensation_kdl(short_vec, ok, ok); },
+       "dynamic_compensation_kdl: size mismatch"},
+  };
+  for (const auto& [call, text] : cases) {
+    try {
+      call();
+      ADD_FAILURE() << "no exception, expected: " << text;
+    } catch (const std::runtime_error& e) {
+      EXPECT_EQ(e.what(), text);
+    }
+  }
+}
+
+TEST_F(KinematicsDynamics, ConcurrentQueriesGiveTheSerialResults) {
+  const auto postures = random_vectors(50, 2.0, 9);
+  std::vector<std::vector<double>> gravity;
+  std::vector<std::vector<double>> poses;
+  for (const auto& q : postures) {
+    gravity.push_back(model_.gravity_compensation_kdl(to_std(q)));
+    poses.push_back(model_.forwardKinematics_kdl(to_std(q)));
+  }
+  std::vector<std::thread> threads;
+  std::vector<int> mismatches(4, 0);
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int round = 0; round < 20; ++round) {
+        for (std::size_t i = 0; i < postures.size(); ++i) {
+          mismatches[t] += model_.gravity_compensation_kdl(to_std(postures[i])) != gravity[i];
+          mismatches[t] += model_.forwardKinematics_kdl(to_std(postures[i])) != poses[i];
+        }
+      }
+    });
+  }
+  for (auto& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(mismatches, std::vector<int>(4, 0));
+}
+
+TEST(KinematicsRotations, TransformsFollowTheRpyAndScrewConventions) {
+  const Eigen::Vector3d rpy(0.3, -1.1, 2.5);
+  const Eigen::Matrix4d T = t_from_xyzrpy(Eigen::Vector3d(1, 2, 3), rpy);
+  const KDL::Rotation R = KDL::Rotation::RPY(rpy.x(), rpy.y(), rpy.z());
+  for (int r = 0; r < 3; ++r) {
+    for (int c = 0; c < 3; ++c) {
+      EXPECT_NEAR(T(r, c), R(r, c), 1e-15);
+    }
+  }
+  EXPECT_EQ(Eigen::Vector3d(T.topRightCorner<3, 1>()), Eigen::Vector3d(1, 2, 3));
+  EXPECT_EQ(T.row(3), Eigen::RowVector4d(0, 0, 0, 1));
+
+  const Eigen::Vector3d axis = Eigen::Vector3d(1, -2, 0.5).normalized();
+  EXPECT_LT((exp_so3(axis, 0.8) - Eigen::AngleAxisd(0.8, axis).toRotationMatrix()).norm(), 1e-15);
+  // A revolute screw through point p leaves p in place; a prismatic one translates by v theta.
+  const Eigen::Vector3d p(0.2, -0.1, 0.4);
+  Eigen::Matrix<double, 6, 1> screw;
+  screw << axis, -axis.cross(p);
+  EXPECT_LT(((exp_se3(screw, 1.3) * p.homogeneous()).head<3>() - p).norm(), 1e-14);
+  screw << 0, 0, 0, 0, 0, 1;
+  EXPECT_EQ(Eigen::Vector3d(exp_se3(screw, 0.25).topRightCorner<3, 1>()),
+            Eigen::Vector3d(0, 0, 0.25));
+}
+
+TEST_F(KinematicsDynamics, EulerQuaternionAndErrorHelpers) {
+  std::mt19937 rng(11);
+  std::uniform_real_distribution<double> angle(-M_PI, M_PI);
+  std::uniform_real_distribution<double> pitch(-1.5, 1.5);
+  for (int i = 0; i < 100; ++i) {
+    const Eigen::Vector3d rpy(angle(rng), pitch(rng), angle(rng));
+    const Eigen::Matrix3d R = kestrel::testing::rpy_matrix(rpy);
+    EXPECT_LT((model_.rotation_matrix_to_euler(R) - rpy).norm(), 1e-12);
+    const Eigen::Vector4d q = model_.rotation_matrix_to_quaternion(R);
+    EXPECT_LT((Eigen::Quaterniond(q[3], q[0], q[1], q[2]).toRotationMatrix() - R).norm(), 1e-12);
+    // The error turns the current orientation into the target, in the base frame.
+    const Eigen::Vector3d turn =
+        Eigen::Vector3d(angle(rng), angle(rng), angle(rng)).normalized() * 0.7;
+    const Eigen::Matrix3d target = Eigen::AngleAxisd(turn.norm(), turn.normalized()) * R;
+    const Eigen::Vector4d qt = model_.rotation_matrix_to_quaternion(target);
+    EXPECT_LT((model_.quaternion_error(qt, q) - turn).norm(), 1e-12);
+    EXPECT_LT(model_.quaternion_error(-2.0 * q, q).norm(), 1e-12);  // sign and scale free
+  }
+  // Gimbal lock: R20 = +1 gives pitch -pi/2 with yaw 0; R20 = -1 gives +pi/2.
+  for (const double sign : {1.0, -1.0}) {
+    const Eigen::Vector3d e =
+        model_.rotation_matrix_to_euler(kestrel::testing::rpy_matrix({0.4, -sign * M_PI / 2, 0.0}));
+    EXPECT_NEAR(e.y(), -sign * M_PI / 2, 1e-7);
+    EXPECT_EQ(e.z(), 0.0);
+  }
+}

@@ -1,0 +1,471 @@
+// The shipped arm: OspreyArm.SLDASM.urdf and robot_kinematics.yaml must describe a buildable arm
+// for these motors, and every tuning value must fit it.
+#include <gtest/gtest.h>
+#include <tinyxml2.h>
+#include <yaml-cpp/yaml.h>
+
+#include <Eigen/Eigenvalues>
+#include <Eigen/Geometry>
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <random>
+
+#include "algorithms/test_files.hpp"
+#include "kestrel/algorithms/config_paths.hpp"
+#include "kestrel/algorithms/kinematics.hpp"
+
+using kestrel::algorithms::UrdfJoint;
+using kestrel::testing::TempDir;
+
+namespace {
+
+constexpr double kPeakTorque[6] = {28, 28, 28, 10, 10, 10};  // DM type 3 x3, type 1 x3
+constexpr double kMotorSpeed[6] = {8, 8, 8, 30, 30, 30};
+constexpr double kDefaultWarn[6] = {16, 16, 16, 6, 5, 5};
+constexpr double kPayloadKg = 0.5;
+constexpr double kControlPeriod = 0.0025;
+
+std::vector<double> seq(const YAML::Node& node) {
+  return node.as<std::vector<double>>();
+}
+
+Eigen::Isometry3d origin_of(const UrdfJoint& j) {
+  Eigen::Isometry3d T = Eigen::Isometry3d::Identity();
+  T.linear() = (Eigen::AngleAxisd(j.origin_rpy.z(), Eigen::Vector3d::UnitZ()) *
+                Eigen::AngleAxisd(j.origin_rpy.y(), Eigen::Vector3d::UnitY()) *
+                Eigen::AngleAxisd(j.origin_rpy.x(), Eigen::Vector3d::UnitX()))
+                   .toRotationMatrix();
+  T.translation() = j.origin_xyz;
+  return T;
+}
+
+// Joint axes as lines in the base frame, and the link frames, from the URDF joint list alone.
+struct Pose {
+  std::vector<Eigen::Vector3d> point, axis;
+  std::map<std::string, Eigen::Isometry3d> link;
+};
+
+Pose walk(const RobotKinematics& model, const Eigen::VectorXd& q) {
+  Pose p;
+  p.link["base_link"] = Eigen::Isometry3d::Identity();
+  Eigen::Isometry3d T = Eigen::Isometry3d::Identity();
+  for (std::size_t i = 0; i < model.urdf_joints().size(); ++i) {
+    const UrdfJoint& j = model.urdf_joints()[i];
+    T = T * origin_of(j);
+    p.point.push_back(T.translation());
+    p.axis.push_back(T.linear() * j.axis);
+    T = T * Eigen::AngleAxisd(q[static_cast<Eigen::Index>(i)], j.axis);
+    p.link[j.child_link] = T;
+  }
+  return p;
+}
+
+double line_distance(const Eigen::Vector3d& x, const Eigen::Vector3d& point,
+                     const Eigen::Vector3d& dir) {
+  return (x - point).cross(dir.normalized()).norm();
+}
+
+double segment_distance(const Eigen::Vector3d& p0, const Eigen::Vector3d& p1,
+                        const Eigen::Vector3d& q0, const Eigen::Vector3d& q1) {
+  // Dense sampling of one segment against the exact point-segment distance of the other.
+  const auto point_segment = [](const Eigen::Vector3d& x, const Eigen::Vector3d& a,
+                                const Eigen::Vector3d& b) {
+    const Eigen::Vector3d ab = b - a;
+    const double t =
+        ab.squaredNorm() < 1e-18 ? 0.0 : std::clamp((x - a).dot(ab) / ab.squaredNorm(), 0.0, 1.0);
+    return (a + t * ab - x).norm();
+  };
+  double best = 1e9;
+  for (int i = 0; i <= 400; ++i) {
+    best = std::min(best, point_segment(p0 + (p1 - p0) * (i / 400.0), q0, q1));
+  }
+  return best;
+}
+
+class OspreyArm : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    config_path_ = kestrel::algorithms::resolve_robot_kinematics_config_path();
+    urdf_path_ = kestrel::algorithms::resolve_robot_urdf_path();
+    config_ = new YAML::Node(YAML::LoadFile(config_path_));
+    model_ = new RobotKinematics(config_path_, urdf_path_);
+    // The same arm carrying 0.5 kg at the tool centre point.
+    YAML::Node loaded = YAML::Clone(*config_);
+    loaded["kinematics"]["payload"]["mass"] = kPayloadKg;
+    loaded["kinematics"]["payload"]["com"] = loaded["kinematics"]["tool"]["xyz"];
+    std::string payload_path = dir_->write("payload.yaml", YAML::Dump(loaded));
+    loaded_ = new RobotKinematics(payload_path, urdf_path_);
+  }
+  static void TearDownTestSuite() {
+    delete loaded_;
+    delete model_;
+    delete config_;
+    delete dir_;
+    dir_ = nullptr;
+  }
+
+  static const YAML::Node& cfg() { return *config_; }
+  static std::vector<double> lower() { return model_->joint_lower_limits(); }
+  static std::vector<double> upper() { return model_->joint_upper_limits(); }
+
+  // Postures spread over the whole joint-limit box, with a fixed seed.
+  static std::vector<Eigen::VectorXd> box_samples(int count, unsigned seed) {
+    std::mt19937 rng(seed);
+    std::vector<Eigen::VectorXd> out;
+    for (int i = 0; i < count; ++i) {
+      Eigen::VectorXd q(6);
+      for (int j = 0; j < 6; ++j) {
+        q[j] = std::uniform_real_distribution<double>(lower()[j], upper()[j])(rng);
+      }
+      out.push_back(q);
+    }
+    return out;
+  }
+
+  static Eigen::MatrixXd mass_matrix(const RobotKinematics& m, const Eigen::VectorXd& q) {
+    Eigen::MatrixXd M(6, 6);
+    const std::vector<double> qs(q.data(), q.data() + 6);
+    for (int k = 0; k < 6; ++k) {
+      std::vector<double> e(6, 0.0);
+      e[k] = 1.0;
+      const auto col = m.inertia_compensation_kdl(qs, e);
+      M.col(k) = Eigen::Map<const Eigen::VectorXd>(col.data(), 6);
+    }
+    return M;
+  }
+
+  static inline std::string config_path_;
+  static inline std::string urdf_path_;
+  static inline YAML::Node* config_ = nullptr;
+  static inline RobotKinematics* model_ = nullptr;
+  static inline RobotKinematics* loaded_ = nullptr;
+  static inline TempDir* dir_ = new TempDir;  // lives as long as the suite's files are needed
+};
+
+// Stretched horizontally forwards and backwards with the wrist straight: the largest lever arms.
+std::vector<Eigen::VectorXd> stretched_postures() {
+  std::vector<Eigen::VectorXd> out;
+  for (const double q2 : {M_PI / 2, -M_PI / 2}) {
+    for (const double q4 : {0.0, M_PI / 2, -M_PI / 2}) {
+      Eigen::VectorXd q(6);
+      q << 0.3, q2, -M_PI / 2, q4, -M_PI / 2, 0.0;
+      out.push_back(q);
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
+TEST_F(OspreyArm, LinkInertiasArePhysicalAndTheArmWeighsUnderFiveKilograms) {
+  tinyxml2::XMLDocument doc;
+  ASSERT_EQ(doc.LoadFile(urdf_path_.c_str()), tinyxml2::XML_SUCCESS);
+  const auto links = kestrel::algorithms::detail::parse_links(doc.FirstChildElement("robot"));
+  // Each link carries at least the DM motors mounted on it (type 3 ~0.9 kg, type 1 ~0.35 kg);
+  // link6 carries the gripper motor.
+  const std::map<std::string, double> motors = {
+      {"base_link", 0.9}, {"link1", 0.9},  {"link2", 0.9}, {"link3", 0.35},
+      {"link4", 0.35},    {"link5", 0.35}, {"link6", 0.35}};
+  double total = 0.0;
+  for (const auto& [name, motor_mass] : motors) {
+    ASSERT_EQ(links.count(name), 1u) << name;
+    const auto& l = links.at(name);
+    total += l.mass;
+    EXPECT_GT(l.mass, motor_mass) << name;
+    const auto& i = l.inertia;
+    Eigen::Matrix3d I;
+    I << i[0], i[1], i[2], i[1], i[3], i[4], i[2], i[4], i[5];
+    const Eigen::Vector3d m = Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d>(I).eigenvalues();
+    EXPECT_GT(m.minCoeff(), 0.0) << name;
+    EXPECT_GE(m[0] + m[1], m[2]) << name;  // triangle inequality of principal moments
+    // Plausible for a body of this mass no larger than 0.35 m across.
+    EXPECT_LT(m.maxCoeff(), l.mass * 0.35 * 0.35 / 4) << name;
+  }
+  EXPECT_EQ(links.size(), motors.size());
+  EXPECT_LT(total, 5.0);
+}
+
+TEST_F(OspreyArm, HasSixLimitedRevoluteJointsAndNoGripperJoint) {
+  ASSERT_EQ(model_->num_joints(), 6);
+  ASSERT_EQ(model_->urdf_joints().size(), 6u);
+  EXPECT_EQ(model_->urdf_joints().front().parent_link, "base_link");
+  for (int j = 0; j < 6; ++j) {
+    EXPECT_EQ(model_->urdf_joints()[j].type, "revolute");
+    EXPECT_TRUE(model_->joint_has_limits()[j]);
+    // The zero pose lies inside every range, clear of the planner's joint-limit warning margin.
+    EXPECT_LT(lower()[j], -0.5) << j;
+    EXPECT_GT(upper()[j], 0.5) << j;
+  }
+  // Start-up refuses joint 2 below -1.57 rad: the arm can be there, ordinary postures are not.
+  EXPECT_LT(lower()[1], -1.57 - 0.1);
+  EXPECT_GT(lower()[1], -2.2);
+  EXPECT_GT(upper()[1], 1.57);
+}
+
+TEST_F(OspreyArm, ReachesAboutSixtyCentimetresFromTheShoulder) {
+  double reach = 0.0;
+  auto samples = box_samples(3000, 1);
+  samples.push_back((Eigen::VectorXd(6) << 0, 0, -M_PI / 2, 0, -M_PI / 2, 0).finished());
+  for (const auto& q : samples) {
+    const Eigen::Vector3d flange = model_->forward_kinematics(q).topRightCorner<3, 1>();
+    reach = std::max(reach, (flange - walk(*model_, q).point[1]).norm());
+  }
+  std::cout << "[osprey] shoulder-to-flange reach " << reach << " m\n";
+  EXPECT_GT(reach, 0.55);
+  EXPECT_LT(reach, 0.65);
+}
+
+TEST_F(OspreyArm, WristAxesAlignAtTheConfiguredWristSingularity) {
+  const double target = cfg()["singularity_protection"]["wrist_target_abs_rad"].as<double>();
+  for (auto q : box_samples(200, 2)) {
+    for (const double q5 : {target, -target, 0.0}) {
+      q[4] = q5;
+      const Pose p = walk(*model_, q);
+      // Spherical wrist: axes 4 and 6 pass through the wrist centre (origin of joint 5).
+      EXPECT_LT(line_distance(p.point[4], p.point[3], p.axis[3]), 1e-12);
+      EXPECT_LT(line_distance(p.point[4], p.point[5], p.axis[5]), 1e-12);
+      const double alignment = p.axis[3].cross(p.axis[5]).norm();
+      if (q5 == 0.0) {
+        EXPECT_NEAR(alignment, 1.0, 1e-12);  // bent wrist: far from the singularity
+      } else {
+        EXPECT_LT(alignment, 1e-12) << q.transpose();
+      }
+    }
+  }
+}
+
+TEST_F(OspreyArm, ElbowTargetIsTheStretchedArm) {
+  const auto& sp = cfg()["singularity_protection"];
+  const double j3 = sp["elbow_j3_target_rad"].as<double>();
+  const double j4 = sp["elbow_j4_target_rad"].as<double>();
+  EXPECT_GT(j3, lower()[2]);
+  EXPECT_LT(j3, upper()[2]);
+  const auto stretch = [&](Eigen::VectorXd q, double q3) {
+    q[2] = q3;
+    const Pose p = walk(*model_, q);
+    return line_distance(p.point[4], p.point[1], p.axis[1]);  // wrist centre to shoulder axis
+  };
+  for (auto q : box_samples(30, 3)) {
+    q[3] = j4;
+    double best = 0.0;
+    double best_q3 = 0.0;
+    for (int i = 0; i <= 3600; ++i) {
+      const double q3 = -M_PI + i * (2 * M_PI / 3600);
+      if (stretch(q, q3) > best) {
+        best = stretch(q, q3);
+        best_q3 = q3;
+      }
+    }
+    EXPECT_NEAR(best_q3, j3, 2 * M_PI / 3600);
+    EXPECT_GE(stretch(q, j3), best - 1e-12);
+  }
+}
+
+TEST_F(OspreyArm, GravityWithPayloadStaysBelowTheTorqueWarnings) {
+  std::vector<double> warn(kDefaultWarn, kDefaultWarn + 6);
+  if (cfg()["runtime_joint_safety"]["torque_warn_limits"]) {
+    warn = seq(cfg()["runtime_joint_safety"]["torque_warn_limits"]);
+  }
+  std::vector<Eigen::VectorXd> postures = box_samples(5000, 4);
+  // Dense grid over the joints that move masses against gravity (joint 1 only turns the arm).
+  for (int a = 0; a <= 8; ++a) {
+    for (int b = 0; b <= 8; ++b) {
+      for (int c = 0; c <= 8; ++c) {
+        for (int d = 0; d <= 8; ++d) {
+          Eigen::VectorXd q(6);
+          q << 0.0, lower()[1] + a * (upper()[1] - lower()[1]) / 8,
+              lower()[2] + b * (upper()[2] - lower()[2]) / 8,
+              lower()[3] + c * (upper()[3] - lower()[3]) / 8,
+              lower()[4] + d * (upper()[4] - lower()[4]) / 8, 1.0;
+          postures.push_back(q);
+        }
+      }
+    }
+  }
+  for (const auto& q : stretched_postures()) {
+    postures.push_back(q);
+  }
+  std::vector<double> worst(6, 0.0);
+  for (const auto& q : postures) {
+    const auto g = loaded_->gravity_compensation_kdl(std::vector<double>(q.data(), q.data() + 6));
+    for (int j = 0; j < 6; ++j) {
+      worst[j] = std::max(worst[j], std::abs(g[j]));
+    }
+  }
+  std::cout << "[osprey] worst static gravity torque with " << kPayloadKg << " kg (N·m):";
+  for (int j = 0; j < 6; ++j) {
+    std::cout << ' ' << worst[j];
+    EXPECT_LT(worst[j], warn[j]) << "joint " << j + 1;
+    EXPECT_LT(worst[j], kDefaultWarn[j]) << "joint " << j + 1;
+  }
+  std::cout << '\n';
+  EXPECT_GT(worst[1], 10.0);  // the shoulder really does carry the arm
+}
+
+TEST_F(OspreyArm, ZeroPoseIsClearOfEverySingularityZone) {
+  const auto& sp = cfg()["singularity_protection"];
+  const Eigen::VectorXd zero = Eigen::VectorXd::Zero(6);
+  EXPECT_GT(std::abs(sp["wrist_target_abs_rad"].as<double>()),
+            sp["wrist_warn_margin_rad"].as<double>());
+  EXPECT_GT(
+      std::hypot(sp["elbow_j3_target_rad"].as<double>(), sp["elbow_j4_target_rad"].as<double>()),
+      sp["elbow_warn_radius_rad"].as<double>());
+  EXPECT_GT(walk(*model_, zero).point[4].head<2>().norm(),
+            sp["shoulder_warn_radius_m"].as<double>());
+}
+
+TEST_F(OspreyArm, MitGainsGiveAWellDampedServoForTheLinkInertias) {
+  const auto kp = seq(cfg()["mit_mode"]["kp"]);
+  const auto kd = seq(cfg()["mit_mode"]["kd"]);
+  std::vector<double> j_max(6, 0.0);
+  std::vector<double> j_min(6, 1e9);
+  auto postures = box_samples(2000, 5);
+  for (const auto& q : stretched_postures()) {
+    postures.push_back(q);
+  }
+  postures.push_back(
+      (Eigen::VectorXd(6) << 0, 0, -M_PI / 2, 0, -M_PI / 2, 0).finished());  // upright
+  for (const auto& q : postures) {
+    const Eigen::VectorXd heavy = mass_matrix(*loaded_, q).diagonal();
+    const Eigen::VectorXd light = mass_matrix(*model_, q).diagonal();
+    for (int j = 0; j < 6; ++j) {
+      j_max[j] = std::max(j_max[j], heavy[j]);
+      j_min[j] = std::min(j_min[j], light[j]);
+    }
+  }
+  for (int j = 0; j < 6; ++j) {
+    SCOPED_TRACE("joint " + std::to_string(j + 1));
+    EXPECT_GT(kp[j], 0.0);
+    EXPECT_LE(kp[j], 500.0);  // MIT frame ranges
+    EXPECT_LE(kd[j], 5.0);
+    EXPECT_GE(kd[j] / (2 * std::sqrt(kp[j] * j_max[j])), 0.6);     // damping ratio, heaviest
+    EXPECT_LE(std::sqrt(kp[j] / j_min[j]) * kControlPeriod, 0.5);  // bandwidth, lightest
+    EXPECT_LT(kd[j] * kControlPeriod / j_min[j], 2.0);             // one period never overshoots
+  }
+}
+
+TEST_F(OspreyArm, FeedForwardAndTrajectoryLimitsFitTheMotors) {
+  const auto ff = seq(cfg()["mit_mode"]["feedforward_tau_limits"]);
+  const auto acc = seq(cfg()["joint_trajectory"]["max_acc_limits"]);
+  const auto vel = seq(cfg()["joint_trajectory"]["max_vel_limits"]);
+  const auto jerk = seq(cfg()["joint_trajectory"]["max_jerk_limits"]);
+  const auto stop = seq(cfg()["runtime_joint_safety"]["torque_stop_limits"]);
+  const double vel_stop_scale = cfg()["trajectory_safety"]["velocity_stop_scale"].as<double>();
+  std::vector<double> need(6, 0.0);
+  auto postures = box_samples(2000, 6);
+  for (const auto& q : stretched_postures()) {
+    postures.push_back(q);
+  }
+  for (const auto& q : postures) {
+    const auto g = loaded_->gravity_compensation_kdl(std::vector<double>(q.data(), q.data() + 6));
+    const Eigen::VectorXd m = mass_matrix(*loaded_, q).diagonal();
+    for (int j = 0; j < 6; ++j) {
+      need[j] = std::max(need[j], std::abs(g[j]) + m[j] * acc[j]);
+    }
+  }
+  for (int j = 0; j < 6; ++j) {
+    SCOPED_TRACE("joint " + std::to_string(j + 1));
+    EXPECT_GE(ff[j], need[j]);  // holding plus accelerating at the planner's limit is not clipped
+    EXPECT_LE(ff[j], stop[j]);
+    EXPECT_LT(ff[j], kPeakTorque[j]);
+    EXPECT_GT(vel[j], 0.0);
+    EXPECT_LE(vel[j] * vel_stop_scale, kMotorSpeed[j]);
+    EXPECT_GT(jerk[j], acc[j]);
+  }
+  for (const double s : seq(cfg()["motor_signs"])) {
+    EXPECT_EQ(std::abs(s), 1.0);
+  }
+  for (const char* key : {"max_acc_limits", "max_dec_limits", "kp_apr_limits"}) {
+    const auto values = seq(cfg()["pos_vel_mode"][key]);
+    ASSERT_EQ(values.size(), 6u) << key;
+    for (const double v : values) {
+      EXPECT_EQ(static_cast<double>(static_cast<float>(v)), v) << key;  // survives the register
+    }
+  }
+}
+
+TEST_F(OspreyArm, SelfCollisionBodiesFitTheLinks) {
+  const YAML::Node sc = cfg()["self_collision"];
+  const double warn = sc["warn_distance_m"].as<double>();
+  const double stop = sc["stop_distance_m"].as<double>();
+  struct Body {
+    std::string name, link, type;
+    Eigen::Vector3d a, b;  // capsule ends, or box centre and size
+    double radius = 0.0;
+  };
+  std::vector<Body> bodies;
+  std::map<std::string, int> per_link;
+  for (const auto& n : sc["bodies"]) {
+    Body b{n["name"].as<std::string>(),
+           n["link"].as<std::string>(),
+           n["type"].as<std::string>(),
+           {},
+           {}};
+    const bool capsule = b.type == "capsule";
+    const auto first = seq(n[capsule ? "p0" : "center"]);
+    const auto second = seq(n[capsule ? "p1" : "size"]);
+    b.a = Eigen::Vector3d(first[0], first[1], first[2]);
+    b.b = Eigen::Vector3d(second[0], second[1], second[2]);
+    b.radius = capsule ? n["radius"].as<double>() : 0.0;
+    ++per_link[b.link];
+    bodies.push_back(b);
+  }
+  per_link.erase("base_link");
+  EXPECT_EQ(per_link.size(), 6u);  // every moving link is covered
+  const auto ignored = [&](const Body& x, const Body& y) {
+    for (const auto& pair : sc["ignored_pairs"]) {
+      const auto p = pair.as<std::vector<std::string>>();
+      if ((p[0] == x.name && p[1] == y.name) || (p[0] == y.name && p[1] == x.name)) {
+        return true;
+      }
+    }
+    return false;
+  };
+  const auto clearance = [&](const Pose& pose, const Body& x, const Body& y) {
+    const Eigen::Isometry3d& Tx = pose.link.at(x.link);
+    const Eigen::Isometry3d& Ty = pose.link.at(y.link);
+    if (y.type == "box") {  // capsule against an axis-aligned box in its link frame, sampled
+      double best = 1e9;
+      for (int i = 0; i <= 400; ++i) {
+        const Eigen::Vector3d p = Ty.inverse() * (Tx * (x.a + (x.b - x.a) * (i / 400.0))) - y.a;
+        best = std::min(best, (p.cwiseAbs() - y.b / 2).cwiseMax(0.0).norm());
+      }
+      return best - x.radius;
+    }
+    return segment_distance(Tx * x.a, Tx * x.b, Ty * y.a, Ty * y.b) - x.radius - y.radius;
+  };
+  std::vector<Eigen::VectorXd> working = {Eigen::VectorXd::Zero(6)};
+  working.push_back((Eigen::VectorXd(6) << 0.5, 0.6, 0.4, 0.3, -0.9, 1.0).finished());
+  working.push_back((Eigen::VectorXd(6) << -1.0, -0.4, -0.8, -1.2, -1.2, -2.0).finished());
+  working.push_back((Eigen::VectorXd(6) << 0.0, 1.0, 0.2, 0.0, -1.2, 0.0).finished());
+  for (std::size_t w = 0; w < working.size(); ++w) {
+    const Pose pose = walk(*model_, working[w]);
+    for (std::size_t i = 0; i < bodies.size(); ++i) {
+      for (std::size_t k = i + 1; k < bodies.size(); ++k) {
+        const Body& x = bodies[i].type == "box" ? bodies[k] : bodies[i];
+        const Body& y = bodies[i].type == "box" ? bodies[i] : bodies[k];
+        const double c = clearance(pose, x, y);
+        const std::string pair = x.name + " vs " + y.name + " posture " + std::to_string(w);
+        if (!ignored(x, y)) {
+          EXPECT_GT(c, w == 0 ? warn : stop) << pair;
+        } else if (w == 0) {
+          // Ignoring is only for bodies that touch by construction.
+          EXPECT_TRUE(x.link == y.link || c <= stop) << pair << " clearance " << c;
+        }
+      }
+    }
+  }
+}
+
+TEST(OspreyArmFiles, UrdfMatchesItsGenerator) {
+  if (std::system("python3 --version > /dev/null 2>&1") != 0) {
+    GTEST_SKIP() << "python3 not available";
+  }
+  const std::string command =
+      std::string("python3 ") + KESTREL_SOURCE_DIR + "/tools/urdf/generate_osprey_urdf.py --check";
+  EXPECT_EQ(std::system(command.c_str()), 0) << command;
+}

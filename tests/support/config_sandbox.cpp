@@ -1,0 +1,386 @@
+#include "support/config_sandbox.hpp"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <sstream>
+#include <stdexcept>
+
+#include "kestrel/algorithms/config_paths.hpp"
+
+extern char** environ;
+
+namespace kestrel::testing {
+namespace {
+
+constexpr const char* kScenarioEnv = "KESTREL_CONFIG_SANDBOX_SCENARIO";
+constexpr const char* kRootEnv = "KESTREL_CONFIG_SANDBOX_ROOT";
+constexpr const char* kArgCountEnv = "KESTREL_CONFIG_SANDBOX_ARGC";
+constexpr const char* kArgEnvPrefix = "KESTREL_CONFIG_SANDBOX_ARG_";
+constexpr const char* kEnvPrefix = "KESTREL_CONFIG_SANDBOX_";
+
+std::map<std::string, ConfigScenario>& scenarios() {
+  static std::map<std::string, ConfigScenario> registry;
+  return registry;
+}
+
+// The file of the libkestrel this process actually loaded.
+std::filesystem::path loaded_library() {
+  Dl_info info{};
+  const auto anchor = &kestrel::algorithms::resolve_robot_kinematics_config_path;
+  if (dladdr(reinterpret_cast<const void*>(anchor), &info) == 0 || info.dli_fname == nullptr) {
+    throw std::runtime_error("config_sandbox: dladdr cannot name libkestrel");
+  }
+  return std::filesystem::path(info.dli_fname);
+}
+
+std::string read_file(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    throw std::runtime_error("config_sandbox: cannot read " + path.string());
+  }
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+bool starts_with(const std::string& text, const std::string& prefix) {
+  return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+// Child side: runs the requested scenario before the first test and ends the process with its
+// status, so no test of the binary runs and nothing of gtest's reaches standard output.
+[[noreturn]] void run_scenario_and_exit() {
+  const std::string name = std::getenv(kScenarioEnv);
+  const char* root_env = std::getenv(kRootEnv);
+  const std::string root = root_env != nullptr ? root_env : "";
+  std::vector<std::string> args;
+  if (const char* count = std::getenv(kArgCountEnv)) {
+    const int n = std::atoi(count);
+    for (int i = 0; i < n; ++i) {
+      const char* value = std::getenv((kArgEnvPrefix + std::to_string(i)).c_str());
+      args.emplace_back(value != nullptr ? value : "");
+    }
+  }
+  // Processes the scenario starts must not take themselves for sandbox children.
+  std::vector<std::string> ours;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    const std::string text(*entry);
+    if (starts_with(text, kEnvPrefix)) {
+      ours.push_back(text.substr(0, text.find('=')));
+    }
+  }
+  for (const auto& key : ours) {
+    unsetenv(key.c_str());
+  }
+
+  std::error_code ec;
+  const std::string library = std::filesystem::canonical(loaded_library(), ec).string();
+  if (root.empty() || !starts_with(library, root + "/")) {
+    std::cerr << "[config_sandbox] libkestrel was loaded from " << library
+              << ", not from the sandbox " << root
+              << " (is the test binary linked with DT_RPATH instead of DT_RUNPATH?)\n";
+    std::exit(97);
+  }
+  const auto found = scenarios().find(name);
+  if (found == scenarios().end()) {
+    std::cerr << "[config_sandbox] no scenario named '" << name << "' in this binary\n";
+    std::exit(98);
+  }
+  int status = 0;
+  try {
+    status = found->second(args);
+  } catch (const std::exception& e) {
+    std::cout.flush();
+    std::cerr << "[config_sandbox] scenario '" << name << "' threw: " << e.what() << '\n';
+    status = 96;
+  }
+  std::cout.flush();
+  std::cerr.flush();
+  std::fflush(nullptr);
+  std::exit(status);
+}
+
+class ScenarioDispatcher : public ::testing::EmptyTestEventListener {
+  void OnTestProgramStart(const ::testing::UnitTest&) override { run_scenario_and_exit(); }
+};
+
+[[maybe_unused]] const bool dispatcher_installed = [] {
+  if (std::getenv(kScenarioEnv) == nullptr) {
+    return false;
+  }
+  ::testing::UnitTest::GetInstance()->listeners().Append(new ScenarioDispatcher);
+  return true;
+}();
+
+void set_env(std::vector<std::string>& env, const std::string& key, const std::string& value) {
+  for (auto& entry : env) {
+    if (starts_with(entry, key + "=")) {
+      entry = key + "=" + value;
+      return;
+    }
+  }
+  env.push_back(key + "=" + value);
+}
+
+}  // namespace
+
+bool register_config_scenario(const char* name, ConfigScenario scenario) {
+  return scenarios().emplace(name, scenario).second;
+}
+
+bool in_config_sandbox_child() {
+  return dispatcher_installed;
+}
+
+std::vector<std::string> ChildResult::err_lines() const {
+  std::vector<std::string> lines;
+  std::istringstream in(err);
+  for (std::string line; std::getline(in, line);) {
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+std::string ChildResult::describe() const {
+  std::ostringstream text;
+  text << "child exit_code=" << exit_code << " signal=" << term_signal
+       << " timed_out=" << (timed_out ? "yes" : "no") << "\n--- stdout ---\n"
+       << out << "\n--- stderr ---\n"
+       << err;
+  return text.str();
+}
+
+ConfigSandbox::ConfigSandbox(const std::string& library_subdir, bool copy_shipped_files) {
+  std::string pattern = (std::filesystem::temp_directory_path() / "kestrel-config-XXXXXX").string();
+  if (mkdtemp(pattern.data()) == nullptr) {
+    throw std::runtime_error("config_sandbox: mkdtemp failed: " +
+                             std::string(std::strerror(errno)));
+  }
+  root_ = std::filesystem::canonical(pattern);
+
+  const std::filesystem::path loaded = loaded_library();
+  library_dir_ = root_ / library_subdir;
+  std::filesystem::create_directories(library_dir_);
+  // Keep the loaded name (the soname the executable asks for); copy the real file behind it.
+  library_path_ = library_dir_ / loaded.filename();
+  std::filesystem::copy_file(std::filesystem::canonical(loaded), library_path_);
+
+  if (copy_shipped_files) {
+    write_file(config_path(), shipped_config());
+    write_file(urdf_path(), shipped_urdf());
+  }
+}
+
+ConfigSandbox::~ConfigSandbox() {
+  if (std::getenv("KESTREL_KEEP_SANDBOX") != nullptr) {
+    std::cerr << "[config_sandbox] kept " << root_ << '\n';
+    return;
+  }
+  std::error_code ec;
+  std::filesystem::remove_all(root_, ec);
+}
+
+std::filesystem::path ConfigSandbox::config_dir() const {
+  return root_ / "kestrel_sdk" / "src" / "config";
+}
+
+std::filesystem::path ConfigSandbox::config_path() const {
+  return config_dir() / "robot_kinematics.yaml";
+}
+
+std::filesystem::path ConfigSandbox::urdf_path() const {
+  return config_dir() / "OspreyArm.SLDASM.urdf";
+}
+
+void ConfigSandbox::write_file(const std::filesystem::path& path,
+                               const std::string& contents) const {
+  const std::filesystem::path full = path.is_absolute() ? path : root_ / path;
+  std::filesystem::create_directories(full.parent_path());
+  std::ofstream out(full, std::ios::binary | std::ios::trunc);
+  out << contents;
+  if (!out) {
+    throw std::runtime_error("config_sandbox: cannot write " + full.string());
+  }
+}
+
+std::string ConfigSandbox::shipped_config() {
+  return read_file(kestrel::algorithms::resolve_robot_kinematics_config_path());
+}
+
+std::string ConfigSandbox::shipped_urdf() {
+  return read_file(kestrel::algorithms::resolve_robot_urdf_path());
+}
+
+ChildResult ConfigSandbox::run(const std::string& scenario, const RunOptions& options) const {
+  // Everything the child needs is prepared before fork: after it only async-signal-safe calls.
+  const std::string exe = std::filesystem::read_symlink("/proc/self/exe").string();
+  const std::string cwd = (options.cwd.empty() ? root_ : options.cwd).string();
+  const std::string library_dir =
+      (options.library_dir.empty() ? library_dir_ : options.library_dir).string();
+
+  std::vector<std::string> env;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    if (!starts_with(*entry, kEnvPrefix)) {
+      env.emplace_back(*entry);
+    }
+  }
+  const char* old_path = std::getenv("LD_LIBRARY_PATH");
+  set_env(env, "LD_LIBRARY_PATH",
+          library_dir + (old_path != nullptr && *old_path != '\0' ? ":" + std::string(old_path)
+                                                                  : std::string()));
+  set_env(env, kScenarioEnv, scenario);
+  set_env(env, kRootEnv, root_.string());
+  set_env(env, kArgCountEnv, std::to_string(options.args.size()));
+  for (std::size_t i = 0; i < options.args.size(); ++i) {
+    set_env(env, kArgEnvPrefix + std::to_string(i), options.args[i]);
+  }
+  for (const auto& [key, value] : options.env) {
+    set_env(env, key, value);
+  }
+  std::vector<char*> envp;
+  for (auto& entry : env) {
+    envp.push_back(entry.data());
+  }
+  envp.push_back(nullptr);
+  std::string argv0 = exe;
+  char* argv[] = {argv0.data(), nullptr};
+
+  int out_pipe[2];
+  int err_pipe[2];
+  if (pipe2(out_pipe, O_CLOEXEC) != 0 || pipe2(err_pipe, O_CLOEXEC) != 0) {
+    throw std::runtime_error("config_sandbox: pipe2 failed");
+  }
+  std::fflush(nullptr);
+  const pid_t pid = fork();
+  if (pid < 0) {
+    throw std::runtime_error("config_sandbox: fork failed");
+  }
+  if (pid == 0) {
+    dup2(out_pipe[1], STDOUT_FILENO);
+    dup2(err_pipe[1], STDERR_FILENO);
+    if (chdir(cwd.c_str()) != 0) {
+      static const char message[] = "[config_sandbox] chdir failed\n";
+      (void)!write(STDERR_FILENO, message, sizeof(message) - 1);
+      _exit(126);
+    }
+    execve(exe.c_str(), argv, envp.data());
+    _exit(127);
+  }
+  close(out_pipe[1]);
+  close(err_pipe[1]);
+
+  ChildResult result;
+  const auto deadline = std::chrono::steady_clock::now() + options.timeout;
+  pollfd fds[2] = {{out_pipe[0], POLLIN, 0}, {err_pipe[0], POLLIN, 0}};
+  std::string* sinks[2] = {&result.out, &result.err};
+  int open_pipes = 2;
+  while (open_pipes > 0) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) {
+      result.timed_out = true;
+      kill(pid, SIGKILL);
+      break;
+    }
+    const int ready = poll(fds, 2, static_cast<int>(left.count()));
+    if (ready < 0 && errno != EINTR) {
+      break;
+    }
+    for (int i = 0; i < 2; ++i) {
+      if (fds[i].fd < 0 || (fds[i].revents & (POLLIN | POLLHUP | POLLERR)) == 0) {
+        continue;
+      }
+      char buffer[4096];
+      const ssize_t n = read(fds[i].fd, buffer, sizeof(buffer));
+      if (n > 0) {
+        sinks[i]->append(buffer, static_cast<std::size_t>(n));
+      } else if (n == 0 || errno != EINTR) {
+        close(fds[i].fd);
+        fds[i].fd = -1;
+        --open_pipes;
+      }
+    }
+  }
+  for (const pollfd& fd : fds) {
+    if (fd.fd >= 0) {
+      close(fd.fd);
+    }
+  }
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  // gtest_main announces itself before any test code runs; that line is not the scenario's.
+  const std::string banner = "Running main() from ";
+  if (starts_with(result.out, banner)) {
+    const std::size_t end = result.out.find('\n');
+    result.out.erase(0, end == std::string::npos ? std::string::npos : end + 1);
+  }
+  if (WIFEXITED(status)) {
+    result.exit_code = WEXITSTATUS(status);
+  } else if (WIFSIGNALED(status)) {
+    result.term_signal = WTERMSIG(status);
+  }
+  return result;
+}
+
+std::string replace_yaml_section(const std::string& yaml, const std::string& section,
+                                 const std::string& replacement) {
+  std::vector<std::string> lines;
+  std::istringstream in(yaml);
+  for (std::string line; std::getline(in, line);) {
+    lines.push_back(line + "\n");
+  }
+  const auto is_header = [&](const std::string& line) {
+    return starts_with(line, section + ":") &&
+           (line.size() == section.size() + 1 || line[section.size() + 1] == ' ' ||
+            line[section.size() + 1] == '\n');
+  };
+  const auto is_body = [](const std::string& line) {
+    return line.empty() || line[0] == ' ' || line[0] == '\t' || line[0] == '#' || line == "\n";
+  };
+  const auto is_loose = [](const std::string& line) { return line == "\n" || line[0] == '#'; };
+
+  std::string body = replacement;
+  if (!body.empty() && body.back() != '\n') {
+    body += '\n';
+  }
+  std::size_t begin = 0;
+  while (begin < lines.size() && !is_header(lines[begin])) {
+    ++begin;
+  }
+  if (begin == lines.size()) {
+    return yaml + (yaml.empty() || yaml.back() == '\n' ? "" : "\n") + body;
+  }
+  std::size_t end = begin + 1;
+  while (end < lines.size() && is_body(lines[end])) {
+    ++end;
+  }
+  // Blank lines and column-0 comments at the end introduce the next section: leave them.
+  while (end > begin + 1 && is_loose(lines[end - 1])) {
+    --end;
+  }
+  std::string result;
+  for (std::size_t i = 0; i < begin; ++i) {
+    result += lines[i];
+  }
+  result += body;
+  for (std::size_t i = end; i < lines.size(); ++i) {
+    result += lines[i];
+  }
+  return result;
+}
+
+}  // namespace kestrel::testing
