@@ -1,0 +1,277 @@
+#include "kestrel/controller/controller_config.hpp"
+
+#include <yaml-cpp/yaml.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <functional>
+#include <iostream>
+#include <stdexcept>
+
+#include "kestrel/algorithms/config_paths.hpp"
+
+namespace kestrel::controller {
+
+namespace {
+
+[[noreturn]] void exit_with(const std::string& line) {
+  std::cerr << line << std::endl;
+  std::exit(1);
+}
+
+// A required section: its own wording for an unopenable and an unparsable file; any other error
+// (missing map, bad array, failed validation) is printed as it stands.
+template <typename Config>
+Config load_required(const char* label,
+                     const std::function<Config(const YAML::Node&, const std::string&)>& read) {
+  std::string path;
+  try {
+    path = algorithms::resolve_robot_kinematics_config_path();
+    const YAML::Node root = YAML::LoadFile(path);
+    return read(root, path);
+  } catch (const YAML::BadFile& e) {
+    exit_with(std::string("Failed to open ") + label + " config at " + path + ": " + e.what());
+  } catch (const YAML::ParserException& e) {
+    exit_with(std::string("Failed to parse ") + label + " config at " + path + ": " + e.what());
+  } catch (const std::exception& e) {
+    exit_with(e.what());
+  }
+}
+
+// An optional section: one wording for every error; defaults are validated like read values.
+template <typename Config>
+Config load_optional(
+    const char* label,
+    const std::function<void(Config&, const YAML::Node&, const std::string&)>& read,
+    const std::function<void(const Config&)>& validate) {
+  std::string path;
+  try {
+    path = algorithms::resolve_robot_kinematics_config_path();
+    const YAML::Node root = YAML::LoadFile(path);
+    Config config;
+    read(config, root, path);
+    validate(config);
+    return config;
+  } catch (const std::exception& e) {
+    exit_with(std::string("Failed to load ") + label + " config at " + path + ": " + e.what());
+  }
+}
+
+YAML::Node required_map(const YAML::Node& root, const char* section, const std::string& message) {
+  const YAML::Node node = root[section];
+  if (!node.IsDefined() || !node.IsMap()) {
+    throw std::runtime_error(message);
+  }
+  return node;
+}
+
+// Reads an optional array: an absent or undefined key keeps the default.
+void parse_optional_array(JointArray& out, const YAML::Node& section, const char* key,
+                          const std::string& dotted, const std::string& path) {
+  const YAML::Node node = section[key];
+  if (node.IsDefined()) {
+    parse_joint_array(out, node, dotted, path);
+  }
+}
+
+}  // namespace
+
+void parse_joint_array(JointArray& out, const YAML::Node& node, const std::string& key,
+                       const std::string& path) {
+  const std::string prefix = "Invalid joint array config at " + path + ": field '" + key + "'";
+  if (!node.IsDefined() || !node.IsSequence() || node.size() != out.size()) {
+    throw std::runtime_error(prefix + " must be a sequence of 6 numbers");
+  }
+  for (size_t i = 0; i < out.size(); ++i) {
+    try {
+      out[i] = node[i].as<double>();
+    } catch (const YAML::Exception& e) {
+      throw std::runtime_error(prefix + " contains a non-numeric value: " + e.what());
+    }
+  }
+}
+
+double read_yaml_double_or(const YAML::Node& node, const std::string& key, double fallback) {
+  if (!node.IsDefined() || node.IsNull()) {
+    return fallback;
+  }
+  const YAML::Node value = node[key];
+  if (!value.IsDefined()) {
+    return fallback;
+  }
+  return value.as<double>();  // a YAML null is present and fails here
+}
+
+bool read_bool_or(const YAML::Node& node, const std::string& key) {
+  if (!node.IsDefined() || node.IsNull()) {
+    return true;
+  }
+  const YAML::Node value = node[key];
+  if (!value.IsDefined()) {
+    return true;
+  }
+  try {
+    return value.as<bool>();
+  } catch (const YAML::Exception& e) {
+    throw std::runtime_error("Invalid boolean config field '" + key + "': expected true/false. " +
+                             e.what());
+  }
+}
+
+PosVelModeConfig load_pos_vel_mode_config() {
+  return load_required<PosVelModeConfig>("POS_VEL_MODE", [](const YAML::Node& root,
+                                                            const std::string& path) {
+    const YAML::Node s =
+        required_map(root, "pos_vel_mode",
+                     "Invalid POS_VEL_MODE config at " + path + ": missing 'pos_vel_mode' map");
+    PosVelModeConfig c;
+    parse_joint_array(c.max_acc_limits, s["max_acc_limits"], "pos_vel_mode.max_acc_limits", path);
+    parse_joint_array(c.max_dec_limits, s["max_dec_limits"], "pos_vel_mode.max_dec_limits", path);
+    parse_joint_array(c.kp_apr_limits, s["kp_apr_limits"], "pos_vel_mode.kp_apr_limits", path);
+    return c;
+  });
+}
+
+MitModeConfig load_mit_mode_config() {
+  return load_required<MitModeConfig>("MIT_MODE", [](const YAML::Node& root,
+                                                     const std::string& path) {
+    const YAML::Node s = required_map(
+        root, "mit_mode", "Invalid MIT_MODE config at " + path + ": missing 'mit_mode' map");
+    // "gravity_tau_limits" is the older spelling, consulted only without the new key.
+    YAML::Node limits = s["feedforward_tau_limits"];
+    if (!limits.IsDefined()) {
+      limits = s["gravity_tau_limits"];
+    }
+    if (!limits.IsDefined()) {
+      throw std::runtime_error("Invalid MIT_MODE config at " + path +
+                               ": missing mit_mode.feedforward_tau_limits");
+    }
+    MitModeConfig c;
+    parse_joint_array(c.kp, s["kp"], "mit_mode.kp", path);
+    parse_joint_array(c.kd, s["kd"], "mit_mode.kd", path);
+    parse_joint_array(c.feedforward_tau_limits, limits, "mit_mode.feedforward_tau_limits", path);
+    c.gravity_comp_scale = read_yaml_double_or(s, "gravity_comp_scale", 1.0);
+    c.enable_gravity_compensation = read_bool_or(s, "enable_gravity_compensation");
+    c.enable_coriolis_compensation = read_bool_or(s, "enable_coriolis_compensation");
+    c.enable_inertia_compensation = read_bool_or(s, "enable_inertia_compensation");
+    return c;
+  });
+}
+
+JointTrajectoryConfig load_joint_trajectory_config() {
+  return load_required<JointTrajectoryConfig>(
+      "joint trajectory", [](const YAML::Node& root, const std::string& path) {
+        const YAML::Node s = required_map(
+            root, "joint_trajectory",
+            "Invalid joint trajectory config at " + path + ": missing 'joint_trajectory' map");
+        JointTrajectoryConfig c;
+        parse_joint_array(c.max_vel_limits, s["max_vel_limits"], "joint_trajectory.max_vel_limits",
+                          path);
+        parse_joint_array(c.max_acc_limits, s["max_acc_limits"], "joint_trajectory.max_acc_limits",
+                          path);
+        parse_joint_array(c.max_jerk_limits, s["max_jerk_limits"],
+                          "joint_trajectory.max_jerk_limits", path);
+        c.default_speed_percent = read_yaml_double_or(s, "default_speed_percent", 0.1);
+        c.enforce_time_mode_acc_limit = read_bool_or(s, "enforce_time_mode_acc_limit");
+        c.enforce_time_mode_jerk_limit = read_bool_or(s, "enforce_time_mode_jerk_limit");
+        if (!(c.default_speed_percent > 0.0 && c.default_speed_percent <= 1.0)) {
+          throw std::runtime_error("Invalid joint trajectory config at " + path +
+                                   ": default_speed_percent must be in (0, 1]");
+        }
+        return c;
+      });
+}
+
+RuntimeJointSafetyConfig load_runtime_joint_safety_config() {
+  return load_optional<RuntimeJointSafetyConfig>(
+      "runtime joint safety",
+      [](RuntimeJointSafetyConfig& c, const YAML::Node& root, const std::string& path) {
+        const YAML::Node s = root["runtime_joint_safety"];
+        if (!s.IsDefined()) {
+          return;
+        }
+        c.enabled = read_bool_or(s, "enabled");
+        parse_optional_array(c.torque_warn_limits, s, "torque_warn_limits",
+                             "runtime_joint_safety.torque_warn_limits", path);
+        parse_optional_array(c.torque_stop_limits, s, "torque_stop_limits",
+                             "runtime_joint_safety.torque_stop_limits", path);
+      },
+      [](const RuntimeJointSafetyConfig& c) {
+        for (size_t j = 0; j < c.torque_warn_limits.size(); ++j) {
+          const double warn = c.torque_warn_limits[j];
+          const double stop = c.torque_stop_limits[j];
+          if (!(warn > 0.0 && stop > 0.0 && warn <= stop)) {
+            throw std::runtime_error(
+                "runtime_joint_safety torque limits must be positive and stop >= warn");
+          }
+        }
+      });
+}
+
+GripperWatchdogConfig load_gripper_watchdog_config() {
+  return load_optional<GripperWatchdogConfig>(
+      "gripper watchdog",
+      [](GripperWatchdogConfig& c, const YAML::Node& root, const std::string&) {
+        const YAML::Node s = root["gripper_watchdog"];
+        if (!s.IsDefined()) {
+          return;
+        }
+        c.enabled = read_bool_or(s, "enabled");
+        c.command_period_ms = read_yaml_double_or(s, "command_period_ms", c.command_period_ms);
+        c.state_timeout_ms = read_yaml_double_or(s, "state_timeout_ms", c.state_timeout_ms);
+        c.position_error_warn_m =
+            read_yaml_double_or(s, "position_error_warn_m", c.position_error_warn_m);
+        c.position_error_stop_m =
+            read_yaml_double_or(s, "position_error_stop_m", c.position_error_stop_m);
+        c.position_error_stop_ms =
+            read_yaml_double_or(s, "position_error_stop_ms", c.position_error_stop_ms);
+      },
+      [](const GripperWatchdogConfig& c) {
+        // The two distances only need to be in order: a negative warning level is accepted.
+        if (!(c.command_period_ms > 0.0 && c.state_timeout_ms > 0.0 &&
+              c.position_error_stop_ms > 0.0 &&
+              c.position_error_warn_m <= c.position_error_stop_m)) {
+          throw std::runtime_error("invalid gripper_watchdog config");
+        }
+      });
+}
+
+GripperControlConfig load_gripper_control_config() {
+  return load_optional<GripperControlConfig>(
+      "gripper control",
+      [](GripperControlConfig& c, const YAML::Node& root, const std::string&) {
+        const YAML::Node s = root["gripper_control"];
+        if (!s.IsDefined()) {
+          return;
+        }
+        c.default_kp = read_yaml_double_or(s, "default_kp", c.default_kp);
+        c.default_kd = read_yaml_double_or(s, "default_kd", c.default_kd);
+      },
+      [](const GripperControlConfig& c) {
+        if (!(c.default_kp >= 0.1 && c.default_kp <= 20.0 && c.default_kd >= 0.1 &&
+              c.default_kd <= 1.0)) {
+          throw std::runtime_error(
+              "invalid gripper_control config: default_kp must be in [0.1,20.0], default_kd "
+              "must be in [0.1,1.0]");
+        }
+      });
+}
+
+JointArray load_motor_signs_config() {
+  return load_required<JointArray>(
+      "motor_signs", [](const YAML::Node& root, const std::string& path) {
+        JointArray signs{};
+        parse_joint_array(signs, root["motor_signs"], "motor_signs", path);
+        return signs;
+      });
+}
+
+void check_motor_signs(const JointArray& signs) {
+  for (double s : signs) {
+    if (std::abs(std::abs(s) - 1.0) > 1e-9) {
+      throw std::invalid_argument("motor_signs must contain only +1 or -1");
+    }
+  }
+}
+
+}  // namespace kestrel::controller

@@ -1,0 +1,87 @@
+// The controller's own sections of "robot_kinematics.yaml": MIT and position-velocity motor
+// settings, trajectory limits, motor signs, run-time torque limits, the gripper watchdog and the
+// gripper's default gains. Read once, while the controller is constructed.
+//
+// A configuration error ends the process: the loader prints one line to standard error and exits
+// with status 1 (a controller must never run on half-read tuning). The one exception is a motor
+// sign that is not +1 or -1, which throws std::invalid_argument from the constructor.
+#pragma once
+
+#include <array>
+#include <string>
+
+namespace YAML {
+class Node;
+}
+
+namespace kestrel::controller {
+
+using JointArray = std::array<double, 6>;
+
+struct MitModeConfig {
+  JointArray kp{};
+  JointArray kd{};
+  JointArray feedforward_tau_limits{};  // symmetric clip of the feed-forward torque, N·m
+  double gravity_comp_scale = 1.0;
+  bool enable_gravity_compensation = true;
+  bool enable_coriolis_compensation = true;
+  bool enable_inertia_compensation = true;
+};
+
+// Written to each arm motor's ACC, DEC and KP_APR registers at start-up in POS_VEL_MODE.
+struct PosVelModeConfig {
+  JointArray max_acc_limits{};
+  JointArray max_dec_limits{};
+  JointArray kp_apr_limits{};
+};
+
+struct JointTrajectoryConfig {
+  JointArray max_vel_limits{};   // rad/s
+  JointArray max_acc_limits{};   // rad/s²
+  JointArray max_jerk_limits{};  // rad/s³
+  double default_speed_percent = 0.1;
+  bool enforce_time_mode_acc_limit = true;
+  bool enforce_time_mode_jerk_limit = true;
+};
+
+struct RuntimeJointSafetyConfig {
+  bool enabled = true;
+  JointArray torque_warn_limits{16.0, 16.0, 16.0, 6.0, 5.0, 5.0};  // N·m of measured torque
+  JointArray torque_stop_limits{20.0, 20.0, 20.0, 8.0, 6.0, 6.0};
+};
+
+struct GripperWatchdogConfig {
+  bool enabled = true;
+  double command_period_ms = 5.0;
+  double state_timeout_ms = 100.0;
+  double position_error_warn_m = 0.015;
+  double position_error_stop_m = 0.035;
+  double position_error_stop_ms = 500.0;
+};
+
+struct GripperControlConfig {
+  double default_kp = 8.0;  // allowed 0.1 .. 20.0
+  double default_kd = 0.1;  // allowed 0.1 .. 1.0
+};
+
+// Readers shared by every section.
+// Six numbers from a sequence; `key` is the dotted field name used in the messages.
+void parse_joint_array(JointArray& out, const YAML::Node& node, const std::string& key,
+                       const std::string& path);
+// `fallback` when the section or the key is absent; yaml-cpp's conversion error otherwise.
+double read_yaml_double_or(const YAML::Node& node, const std::string& key, double fallback);
+// The same for booleans, fallback true; a non-boolean throws "Invalid boolean config field ...".
+bool read_bool_or(const YAML::Node& node, const std::string& key);
+
+// Loaders: each resolves and parses the file by itself and exits the process on an error.
+PosVelModeConfig load_pos_vel_mode_config();
+MitModeConfig load_mit_mode_config();
+JointTrajectoryConfig load_joint_trajectory_config();
+RuntimeJointSafetyConfig load_runtime_joint_safety_config();
+GripperWatchdogConfig load_gripper_watchdog_config();
+GripperControlConfig load_gripper_control_config();
+// The six signs as read; check_motor_signs() validates them (throws std::invalid_argument).
+JointArray load_motor_signs_config();
+void check_motor_signs(const JointArray& signs);
+
+}  // namespace kestrel::controller
