@@ -1,0 +1,227 @@
+// The safety sections reader: defaults, every key, the validation texts, and the process exit
+// of load_safety_config on a bad file.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <iostream>
+
+#include "algorithms/test_files.hpp"
+#include "kestrel/algorithms/safety_config.hpp"
+#include "support/config_sandbox.hpp"
+
+using namespace kestrel::algorithms;
+using kestrel::testing::ConfigSandbox;
+using kestrel::testing::TempDir;
+
+namespace {
+
+std::string error_of(const std::function<void()>& action) {
+  try {
+    action();
+  } catch (const std::exception& e) {
+    return e.what();
+  }
+  return "<no exception>";
+}
+
+bool starts_with(const std::string& text, const std::string& prefix) {
+  return text.rfind(prefix, 0) == 0;
+}
+
+const std::string kCapsule = "{name: a, link: link1, p0: [0, 0, 0], p1: [0, 0, 1], radius: 0.1}";
+
+}  // namespace
+
+KESTREL_CONFIG_SCENARIO(print_safety_config) {
+  const SafetyConfig c = load_safety_config();
+  std::cout << c.singularity_protection.enabled << c.trajectory_safety.enabled
+            << c.self_collision.enabled << ' ' << c.self_collision.bodies.size() << '\n';
+  return 0;
+}
+
+TEST(SafetyConfig, MissingSectionsAndKeysKeepTheDefaults) {
+  TempDir dir;
+  for (const char* yaml : {"logging: {}\n",
+                           "singularity_protection:\ntrajectory_safety: {}\n"
+                           "self_collision: {}\n"}) {
+    const SafetyConfig c = read_safety_config(dir.write("a.yaml", yaml));
+    EXPECT_TRUE(c.singularity_protection.enabled);
+    EXPECT_TRUE(c.trajectory_safety.enabled);
+    EXPECT_FALSE(c.self_collision.enabled);
+    EXPECT_TRUE(c.self_collision.bodies.empty() && c.self_collision.ignored_pairs.empty());
+    EXPECT_EQ(c.trajectory_safety.joint_limit_warn_margin_rad, 0.174533);  // not 10 degrees
+    EXPECT_EQ(c.trajectory_safety.joint_limit_stop_margin_rad, 0.05236);
+    EXPECT_EQ(c.singularity_protection.elbow_j3_target_rad, -2.912226);
+    EXPECT_EQ(c.trajectory_safety.tracking_error_stop_cycles, 30);
+    EXPECT_EQ(c.self_collision.stop_distance_m, 0.01);
+  }
+}
+
+TEST(SafetyConfig, EveryKeyReachesItsField) {
+  TempDir dir;
+  using SP = SingularityProtectionConfig;
+  using TS = TrajectorySafetyConfig;
+  const std::pair<const char*, double SP::*> singularity[] = {
+      {"wrist_target_abs_rad", &SP::wrist_target_abs_rad},
+      {"wrist_warn_margin_rad", &SP::wrist_warn_margin_rad},
+      {"wrist_stop_margin_rad", &SP::wrist_stop_margin_rad},
+      {"shoulder_warn_radius_m", &SP::shoulder_warn_radius_m},
+      {"shoulder_stop_radius_m", &SP::shoulder_stop_radius_m},
+      {"elbow_j3_target_rad", &SP::elbow_j3_target_rad},
+      {"elbow_j4_target_rad", &SP::elbow_j4_target_rad},
+      {"elbow_warn_radius_rad", &SP::elbow_warn_radius_rad},
+      {"elbow_stop_radius_rad", &SP::elbow_stop_radius_rad},
+      {"jacobian_warn_sigma_min", &SP::jacobian_warn_sigma_min},
+      {"jacobian_stop_sigma_min", &SP::jacobian_stop_sigma_min},
+      {"jacobian_warn_condition", &SP::jacobian_warn_condition},
+      {"jacobian_stop_condition", &SP::jacobian_stop_condition},
+      {"jacobian_angular_scale_m", &SP::jacobian_angular_scale_m},
+      {"yellow_min_speed_scale", &SP::yellow_min_speed_scale}};
+  for (const auto& [key, field] : singularity) {
+    const auto c = read_safety_config(dir.write(
+        "a.yaml", std::string("singularity_protection: {enabled: false, ") + key + ": 0.75}"));
+    EXPECT_EQ(c.singularity_protection.*field, 0.75) << key;
+    EXPECT_FALSE(c.singularity_protection.enabled);
+  }
+  const std::pair<const char*, double TS::*> trajectory[] = {
+      {"joint_limit_warn_margin_rad", &TS::joint_limit_warn_margin_rad},
+      {"joint_limit_stop_margin_rad", &TS::joint_limit_stop_margin_rad},
+      {"tracking_error_warn_rad", &TS::tracking_error_warn_rad},
+      {"tracking_error_stop_rad", &TS::tracking_error_stop_rad},
+      {"velocity_stop_scale", &TS::velocity_stop_scale},
+      {"acceleration_stop_scale", &TS::acceleration_stop_scale},
+      {"jerk_stop_scale", &TS::jerk_stop_scale}};
+  for (const auto& [key, field] : trajectory) {
+    const auto c = read_safety_config(
+        dir.write("a.yaml", std::string("trajectory_safety: {enabled: false, ") + key + ": 2.5}"));
+    EXPECT_EQ(c.trajectory_safety.*field, 2.5) << key;
+    EXPECT_FALSE(c.trajectory_safety.enabled);
+  }
+  const auto c = read_safety_config(dir.write("a.yaml", R"(
+trajectory_safety: {velocity_warn_scale: 0.5, acceleration_warn_scale: 0.5, jerk_warn_scale: 0.5,
+  tracking_error_stop_cycles: 5, derivative_stop_cycles: -2}
+self_collision:
+  enabled: true
+  warn_distance_m: 0.02
+  stop_distance_m: 0.02
+  ignored_pairs: [[Gripper, base], [b, a]]
+  bodies:
+    - {name: Gripper, link: link6, type: box, center: [1, 2, 3], size: [4, 5, 6]}
+    - {name: base, link: base_link, p0: [1, 2, 3], p1: [4, 5, 6], radius: 0.5}
+    - {name: tilted, link: link2, type: box, center: [0, 0, 0], size: [1, 1, 1], rpy: [1, 2, 3]}
+)"));
+  const auto& ts = c.trajectory_safety;
+  EXPECT_EQ(ts.velocity_warn_scale + ts.acceleration_warn_scale + ts.jerk_warn_scale, 1.5);
+  EXPECT_EQ(ts.tracking_error_stop_cycles, 5);
+  EXPECT_EQ(ts.derivative_stop_cycles, -2);  // not range-checked
+  const auto& sc = c.self_collision;
+  EXPECT_TRUE(sc.enabled);
+  EXPECT_EQ(sc.warn_distance_m, sc.stop_distance_m);  // equal distances are accepted
+  using Pair = std::pair<std::string, std::string>;
+  EXPECT_EQ(sc.ignored_pairs, (std::vector<Pair>{{"Gripper", "base"}, {"b", "a"}}));
+  ASSERT_EQ(sc.bodies.size(), 3u);
+  const std::array<double, 3> zero{0, 0, 0}, a{1, 2, 3}, b{4, 5, 6};
+  EXPECT_TRUE(sc.bodies[0].type == "box" && sc.bodies[0].center == a && sc.bodies[0].size == b &&
+              sc.bodies[0].rpy == zero);  // a box without rpy is not rotated
+  EXPECT_TRUE(sc.bodies[1].type == "capsule" && sc.bodies[1].link == "base_link" &&
+              sc.bodies[1].p0 == a && sc.bodies[1].p1 == b && sc.bodies[1].radius == 0.5);
+  EXPECT_EQ(sc.bodies[2].rpy, a);
+}
+
+TEST(SafetyConfig, RejectsEachInvalidValueWithItsOwnText) {
+  TempDir dir;
+  const auto error_for = [&](const std::string& yaml) {
+    return error_of([&] { read_safety_config(dir.write("a.yaml", yaml + "\n")); });
+  };
+  const std::string body = "self_collision: {bodies: [" + kCapsule + ", ";
+  const std::pair<std::string, std::string> cases[] = {
+      {"singularity_protection: {jacobian_angular_scale_m: 0}",
+       "singularity_protection.jacobian_angular_scale_m must be positive"},
+      {"singularity_protection: {yellow_min_speed_scale: 0}",
+       "singularity_protection.yellow_min_speed_scale must be in (0, 1]"},
+      {"singularity_protection: {yellow_min_speed_scale: 1.0001}",
+       "singularity_protection.yellow_min_speed_scale must be in (0, 1]"},
+      {"trajectory_safety: {tracking_error_stop_cycles: 0}",
+       "trajectory_safety.tracking_error_stop_cycles must be positive"},
+      {"trajectory_safety: {velocity_stop_scale: 1.0}",
+       "trajectory_safety stop scales must be >= warning scales"},
+      {"trajectory_safety: {acceleration_warn_scale: 1.7}",
+       "trajectory_safety stop scales must be >= warning scales"},
+      {"trajectory_safety: {jerk_stop_scale: 1.4}",
+       "trajectory_safety stop scales must be >= warning scales"},
+      {"self_collision: {warn_distance_m: 0.009}",
+       "self_collision.warn_distance_m must be >= stop_distance_m"},
+      {"self_collision: {ignored_pairs: [[a, b, c]]}",
+       "self_collision.ignored_pairs entries must be [name_a, name_b]"},
+      {"self_collision: {ignored_pairs: [a]}",
+       "self_collision.ignored_pairs entries must be [name_a, name_b]"},
+      {body + "{name: s, link: link1, type: sphere, radius: 1}]}",
+       "self_collision.bodies only supports type=capsule or type=box"},
+      {body + "{name: c, link: link1, p0: [0, 0, 0], radius: 1}]}",
+       "self_collision.bodies.p1 must be a sequence of 3 numbers"},
+      {body + "{name: c, link: link1, p0: [0, 0], p1: [0, 0, 0], radius: 1}]}",
+       "self_collision.bodies.p0 must be a sequence of 3 numbers"},
+      {body + "{name: b, link: link1, type: box, center: [0, 0, 0]}]}",
+       "self_collision.bodies.size must be a sequence of 3 numbers"},
+      {body + "{name: b, link: link1, type: box, size: [1, 1, 1]}]}",
+       "self_collision.bodies.center must be a sequence of 3 numbers"},
+      {body + "{name: b, link: link1, type: box, center: [0, 0, 0], size: [1, 1, 1], rpy: 0}]}",
+       "self_collision.bodies.rpy must be a sequence of 3 numbers"},
+      {body + "{link: link1, p0: [0, 0, 0], p1: [0, 0, 0], radius: 1}]}",
+       "self_collision.bodies entries require name and link"},
+      {body + "{name: c, p0: [0, 0, 0], p1: [0, 0, 0], radius: 1}]}",
+       "self_collision.bodies entries require name and link"},
+      {body + "{name: c, link: link1, p0: [0, 0, 0], p1: [0, 0, 0]}]}",
+       "self_collision capsule radius must be positive"},
+      {body + "{name: b, link: link1, type: box, center: [0, 0, 0], size: [1, 0, 1]}]}",
+       "self_collision box size must be positive"},
+      // Validation runs in a fixed order: the singularity section is judged first.
+      {"self_collision: {warn_distance_m: 0}\nsingularity_protection: {jacobian_angular_scale_m: "
+       "-1}",
+       "singularity_protection.jacobian_angular_scale_m must be positive"},
+  };
+  for (const auto& [yaml, message] : cases) {
+    EXPECT_EQ(error_for(yaml), message) << yaml;
+  }
+  EXPECT_PRED2(starts_with, error_for("self_collision: {enabled: maybe}"),
+               "Invalid boolean config field 'enabled': expected true/false. ");
+  EXPECT_NE(error_for("trajectory_safety: {tracking_error_stop_cycles: 2.5}"), "<no exception>");
+  EXPECT_NE(error_for("singularity_protection: {wrist_warn_margin_rad: wide}"), "<no exception>");
+}
+
+TEST(SafetyConfigLoad, EndsTheProcessWithOneLineNamingTheFile) {
+  ConfigSandbox box;
+  const auto expect_exit = [&box](const std::string& reason_prefix) {
+    const auto r = box.run("print_safety_config");
+    EXPECT_EQ(r.exit_code, 1) << r.describe();
+    ASSERT_EQ(r.err_lines().size(), 1u) << r.describe();
+    EXPECT_PRED2(
+        starts_with, r.err_lines()[0],
+        "Failed to load safety config at " + box.config_path().string() + ": " + reason_prefix);
+  };
+  box.write_config("singularity_protection: {enabled: maybe}\n");
+  expect_exit("Invalid boolean config field 'enabled': expected true/false. ");
+  box.write_config("self_collision: {enabled: true, bodies: [" + kCapsule +
+                   "]}\ntrajectory_safety: {tracking_error_stop_cycles: -1}\n");
+  expect_exit("trajectory_safety.tracking_error_stop_cycles must be positive");
+  box.write_config("self_collision: [unclosed\n");
+  expect_exit("");
+
+  ConfigSandbox empty("kestrel_sdk/build", false);
+  const auto missing = empty.run("print_safety_config");
+  EXPECT_EQ(missing.exit_code, 1) << missing.describe();
+  EXPECT_PRED2(starts_with, missing.err,
+               "Failed to load safety config at : Failed to locate config file "
+               "'robot_kinematics.yaml'");
+}
+
+TEST(SafetyConfigLoad, DefaultsWithoutSectionsAndTheShippedFile) {
+  ConfigSandbox box;
+  box.write_config("logging: {ik_diagnostics: false}\n");
+  const auto defaults = box.run("print_safety_config");
+  ASSERT_EQ(defaults.exit_code, 0) << defaults.describe();
+  EXPECT_EQ(defaults.out, "110 0\n");  // singularity and trajectory safety on, self-collision off
+  const auto shipped = ConfigSandbox().run("print_safety_config");
+  ASSERT_EQ(shipped.exit_code, 0) << shipped.describe();
+  EXPECT_EQ(shipped.out, "111 13\n");
+}

@@ -1,0 +1,210 @@
+// The singularity assessment on the shipped arm: its Jacobian and wrist centre against the link
+// frames, postures whose answer is known, and the zone boundaries and speed scales.
+#include <gtest/gtest.h>
+
+#include <Eigen/SVD>
+#include <limits>
+#include <random>
+
+#include "algorithms/test_files.hpp"
+#include "kestrel/algorithms/singularity.hpp"
+#include "safety/osprey_geometry.hpp"
+#include "safety/safety_samples.hpp"
+
+using namespace kestrel::algorithms;
+using kestrel::testing::Posture;
+using kestrel::testing::shipped_model;
+
+namespace {
+
+const Posture kForward{0.0, 0.6, -0.28, 0.0, -0.32, 0.0};  // a working posture, clear of all zones
+
+// Every measure switched off except the wrist margin: target 1.25, warning 0.5, stop 0.25.
+SingularityProtectionConfig wrist_only() {
+  SingularityProtectionConfig c;
+  c.wrist_target_abs_rad = 1.25;
+  c.wrist_warn_margin_rad = 0.5;
+  c.wrist_stop_margin_rad = 0.25;
+  c.shoulder_warn_radius_m = c.shoulder_stop_radius_m = c.elbow_warn_radius_rad = -1;
+  c.elbow_stop_radius_rad = c.jacobian_warn_sigma_min = c.jacobian_stop_sigma_min = -1;
+  c.jacobian_warn_condition = c.jacobian_stop_condition = std::numeric_limits<double>::infinity();
+  return c;
+}
+
+Posture with(Posture q, int joint, double value, int joint2 = -1, double value2 = 0) {
+  q[joint] = value;
+  if (joint2 >= 0) {
+    q[joint2] = value2;
+  }
+  return q;
+}
+
+SafetyResult assess(const std::vector<Posture>& postures, const SingularityProtectionConfig& c) {
+  kestrel::testing::Samples s(postures.size());
+  for (std::size_t i = 0; i < postures.size(); ++i) {
+    s[i].position = postures[i];
+  }
+  return assess_singularity(shipped_model(), s, c);
+}
+
+bool has(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+}  // namespace
+
+TEST(Singularity, JacobianAndWristCentreAgreeWithTheLinkFrames) {
+  auto& model = shipped_model();
+  std::mt19937 rng(2);
+  std::uniform_real_distribution<double> angle(-1.5, 1.5);
+  for (int trial = 0; trial < 20; ++trial) {
+    Posture q;
+    for (double& v : q) {
+      v = angle(rng);
+    }
+    const auto frames = kestrel::testing::link_frames(model.urdf_joints(), q);
+    EXPECT_LT((joint_origin_position(model, q) - frames.at("link5").translation()).norm(), 1e-12);
+    const auto J = finite_difference_jacobian(model, q);
+    const auto tcp = model.forwardKinematics_kdl(std::vector<double>(q.begin(), q.end()));
+    const Eigen::Vector3d p(tcp[0], tcp[1], tcp[2]);
+    const Eigen::Matrix3d R = Eigen::Quaterniond(tcp[6], tcp[3], tcp[4], tcp[5]).toRotationMatrix();
+    for (int j = 0; j < 6; ++j) {
+      const auto& joint = model.urdf_joints()[static_cast<std::size_t>(j)];
+      const Eigen::Isometry3d& F = frames.at(joint.child_link);
+      const Eigen::Vector3d axis = F.linear() * joint.axis;  // base frame, through F's origin
+      EXPECT_LT((J.block<3, 1>(0, j) - axis.cross(p - F.translation())).norm(), 1e-4) << j;
+      EXPECT_LT((J.block<3, 1>(3, j) - R.transpose() * axis).norm(), 1e-4) << j;  // tool frame
+    }
+  }
+  // The singular values match a two-sided Jacobi decomposition, badly conditioned ones too.
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
+  for (int trial = 0; trial < 200; ++trial) {
+    Eigen::Matrix<double, 6, 6> m;
+    for (int k = 0; k < 36; ++k) {
+      m(k) = u(rng);
+    }
+    m.col(trial % 6) *= trial % 2 ? 1e-6 : 1.0;
+    const auto reference = Eigen::JacobiSVD<Eigen::Matrix<double, 6, 6>>(m).singularValues();
+    const auto range = detail::singular_value_range(m);
+    EXPECT_NEAR(range.sigma_max / reference(0), 1.0, 1e-12);
+    EXPECT_NEAR(range.sigma_min / reference(5), 1.0, 1e-9);
+  }
+}
+
+TEST(Singularity, KnownPosturesOfTheShippedArm) {
+  const SingularityProtectionConfig c = load_safety_config().singularity_protection;
+  EXPECT_EQ(assess({kForward}, c).level, SafetyLevel::ok);
+  // Wrist aligned: |q5| at the target gives margin 0, on either side.
+  for (const double q5 : {-c.wrist_target_abs_rad, c.wrist_target_abs_rad}) {
+    const SafetyResult r = assess({kForward, with(kForward, 4, q5)}, c);
+    EXPECT_EQ(r.level, SafetyLevel::stop);
+    EXPECT_TRUE(r.sample == 1 && r.joint == -1 && r.speed_scale == 0.0 &&
+                r.code == "singularity_stop");
+    EXPECT_TRUE(has(r.message, "singularity stop at sample=1 q=[0, 0.6, -0.28, 0, ")) << r.message;
+    EXPECT_TRUE(has(r.message, " wrist_margin_rad=0 shoulder_radius_m=")) << r.message;
+  }
+  // Stretched elbow: q3 at the configured target or its mirror, q4 at its target.
+  for (const double q3 : {c.elbow_j3_target_rad, -c.elbow_j3_target_rad}) {
+    const SafetyResult r = assess({with(kForward, 2, q3, 3, c.elbow_j4_target_rad)}, c);
+    EXPECT_EQ(r.level, SafetyLevel::stop);
+    EXPECT_TRUE(has(r.message, "elbow_radius_rad=0 ")) << r.message;
+  }
+  // Wrist centre on the base axis: q3 solved for x = 0 with the upper arm leaning back.
+  double lo = -1.3, hi = -0.6;
+  for (int i = 0; i < 80; ++i) {
+    const double mid = 0.5 * (lo + hi);
+    (joint_origin_position(shipped_model(), {0, -0.3, mid, 0, 0, 0}).x() > 0 ? hi : lo) = mid;
+  }
+  const Posture on_axis{0.7, -0.3, lo, 0.4, -0.3, 0.2};
+  EXPECT_LT(joint_origin_position(shipped_model(), on_axis).head<2>().norm(), 1e-9);
+  EXPECT_EQ(assess({kForward, on_axis}, c).level, SafetyLevel::stop);
+  // q5 = 1.50: margin 0.0708, wrist scale 0.077 clamped up to the configured minimum.
+  const SafetyResult slow = assess({kForward, with(kForward, 4, 1.50), kForward}, c);
+  EXPECT_EQ(slow.level, SafetyLevel::warning);
+  EXPECT_EQ(slow.code, "singularity_warn");
+  EXPECT_EQ(slow.speed_scale, c.yellow_min_speed_scale);
+  EXPECT_EQ(slow.sample, 1u);
+  EXPECT_EQ(slow.threshold, c.jacobian_warn_sigma_min);
+  EXPECT_TRUE(
+      has(slow.message, "singularity warning: wrist_margin_rad=0.0707963, shoulder_radius_m="))
+      << slow.message;
+  SingularityProtectionConfig off = c;
+  off.enabled = false;
+  EXPECT_EQ(assess({with(kForward, 4, -c.wrist_target_abs_rad)}, off).level, SafetyLevel::ok);
+  EXPECT_EQ(assess({}, c).level, SafetyLevel::ok);
+}
+
+TEST(Singularity, InclusiveZonesLinearScalesAndTheWorstSample) {
+  const SingularityProtectionConfig c = wrist_only();
+  const auto wrist_at = [&](double q5) { return assess({with(kForward, 4, q5)}, c); };
+  EXPECT_EQ(wrist_at(1.0).level, SafetyLevel::stop);       // margin 0.25: the stop margin
+  EXPECT_EQ(wrist_at(-1.0).level, SafetyLevel::stop);      // |q5| counts
+  EXPECT_EQ(wrist_at(0.75).level, SafetyLevel::ok);        // margin 0.5: in the zone, scale 1
+  EXPECT_EQ(wrist_at(0.7501).level, SafetyLevel::ok);      // scale 0.9996 is not reported
+  EXPECT_NEAR(wrist_at(0.7505).speed_scale, 0.998, 1e-9);  // 0.998 is
+  EXPECT_NEAR(wrist_at(0.875).speed_scale, 0.5, 1e-12);    // half way
+  EXPECT_EQ(wrist_at(0.99).speed_scale, 0.2);              // clamped to the minimum
+  // Margins 0.45, 0.25: the first stop ends the assessment.
+  EXPECT_TRUE(
+      has(assess({with(kForward, 4, 0.8), with(kForward, 4, 1.0), kForward}, c).message,
+          "singularity stop at sample=1 q=[0, 0.6, -0.28, 0, 1, 0] wrist_margin_rad=0.25 "));
+  // Margins 0.45, 0.3, 0.45: the middle sample is the worst, and the scale is its scale.
+  const SafetyResult warn =
+      assess({with(kForward, 4, 0.8), with(kForward, 4, 0.95), with(kForward, 4, 0.8)}, c);
+  EXPECT_TRUE(warn.level == SafetyLevel::warning && warn.sample == 1 && warn.threshold == -1.0);
+  EXPECT_NEAR(warn.speed_scale, 0.2, 1e-12);
+  EXPECT_TRUE(has(warn.message, "singularity warning: wrist_margin_rad=0.3, shoulder_radius_m="));
+
+  // The Jacobian measures, with this posture's own values as the bounds.
+  Eigen::Matrix<double, 6, 6> J = finite_difference_jacobian(shipped_model(), kForward);
+  J.bottomRows<3>() *= c.jacobian_angular_scale_m;
+  const auto range = detail::singular_value_range(J);
+  const double cond = range.sigma_max / range.sigma_min;
+  SingularityProtectionConfig sigma = c, condition = c;
+  sigma.jacobian_stop_sigma_min = range.sigma_min;
+  condition.jacobian_stop_condition = cond;
+  EXPECT_EQ(assess({kForward}, sigma).level, SafetyLevel::stop);
+  EXPECT_EQ(assess({kForward}, condition).level, SafetyLevel::stop);
+  sigma.jacobian_stop_sigma_min = 0.5 * range.sigma_min;
+  sigma.jacobian_warn_sigma_min = 1.5 * range.sigma_min;
+  condition.jacobian_warn_condition = 0.5 * cond;
+  condition.jacobian_stop_condition = 1.5 * cond;
+  EXPECT_NEAR(assess({kForward}, sigma).speed_scale, 0.5, 1e-9);
+  EXPECT_NEAR(assess({kForward}, condition).speed_scale, 0.5, 1e-9);
+
+  // The elbow posture matches either sign of q3, modulo a turn.
+  SingularityProtectionConfig elbow = c;
+  elbow.elbow_j3_target_rad = -2.912226;
+  elbow.elbow_j4_target_rad = -0.267559;
+  elbow.elbow_stop_radius_rad = 1e-9;
+  for (const double q3 : {2.912226, -2.912226, -2.912226 + 2 * M_PI}) {
+    EXPECT_EQ(assess({with(kForward, 2, q3, 3, -0.267559)}, elbow).level, SafetyLevel::stop) << q3;
+  }
+}
+
+TEST(Singularity, AJacobianWithoutFullRankStops) {
+  // A five-joint arm: its sixth Jacobian column is zero, sigma_min 0, the condition infinite.
+  kestrel::testing::TempDir dir;
+  std::string urdf = "<robot name=\"five\"><link name=\"l0\"/>";
+  const char* joints[] = {"0 0 0.1\" /><axis xyz=\"0 0 1", "0 0 0.1\" /><axis xyz=\"0 1 0",
+                          "0 0 0.3\" /><axis xyz=\"0 1 0", "0.1 0 0\" /><axis xyz=\"1 0 0",
+                          "0.2 0 0\" /><axis xyz=\"0 1 0"};
+  for (int i = 0; i < 5; ++i) {
+    const std::string n = std::to_string(i);
+    const std::string child = "l" + std::to_string(i + 1);
+    urdf += "<link name=\"" + child + "\"/><joint name=\"j" + n +
+            "\" type=\"revolute\"><parent link=\"l" + n + "\"/><child link=\"" + child +
+            "\"/><origin xyz=\"" + joints[i] +
+            "\"/><limit lower=\"-3\" upper=\"3\" effort=\"1\" velocity=\"1\"/></joint>";
+  }
+  RobotKinematics five(
+      dir.write("five.yaml", "kinematics: {tool: {xyz: [0, 0, 0.1], rpy: [0, 0, 0]}}\n"),
+      dir.write("five.urdf", urdf + "</robot>"));
+  SingularityProtectionConfig c = wrist_only();
+  c.jacobian_stop_condition = 1e300;
+  kestrel::testing::Samples s(1);
+  s[0].position = {0.1, 0.5, -0.5, 0.2, -0.4, 0.0};
+  const SafetyResult r = assess_singularity(five, s, c);
+  EXPECT_EQ(r.level, SafetyLevel::stop);
+  EXPECT_TRUE(has(r.message, "jacobian_sigma_min=0 jacobian_condition=inf")) << r.message;
+}
