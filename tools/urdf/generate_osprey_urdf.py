@@ -93,13 +93,15 @@ LINKS = [
 JOINTS = [
     ("joint1", "base_link", "link1", (0.0, 0.0, BASE_TO_J1), (0.0, 0.0, 0.0), (0, 0, 1),
      -2.90, 2.90, 28.0, 8.0),
-    # Joint 2 reaches somewhat past -pi/2 (upper arm leaning back beyond horizontal) so that the
-    # controller's start-up check at -1.57 rad guards a posture the arm can actually be in.
+    # Joint 2 stops before the upper-arm beam meets the turntable bracket (contact at about
+    # 1.41 rad either way). The controller's start-up check at -1.57 rad therefore never trips
+    # on a healthy arm: it catches a motor whose zero or reading is wrong.
     ("joint2", "link1", "link2", (0.0, 0.0, J1_TO_SHOULDER), (0.0, 0.0, 0.0), (0, 1, 0),
-     -1.80, 1.80, 28.0, 8.0),
-    # Stretched at -pi/2; the positive side stops before the joint-4 motor meets the upper arm.
+     -1.40, 1.40, 28.0, 8.0),
+    # Stretched at -pi/2; the positive side stops before the joint-4 motor meets the upper-arm
+    # beam (contact at about 0.60 rad).
     ("joint3", "link2", "link3", (0.0, 0.0, UPPER_ARM), (0.0, 0.0, 0.0), (0, 1, 0),
-     -1.95, 1.00, 28.0, 8.0),
+     -1.95, 0.58, 28.0, 8.0),
     ("joint4", "link3", "link4", (ELBOW_TO_J4, 0.0, 0.0), (0.0, 0.0, 0.0), (1, 0, 0),
      -2.90, 2.90, 10.0, 30.0),
     # Straight wrist at -pi/2; the positive side stops before the gripper folds onto the forearm.
