@@ -120,7 +120,8 @@ TEST(KestrelSimProgram, ServesTheArmWithCommandLineFaultsAndStopsOnSigterm) {
   }
   const Payload enable{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFC};
   EXPECT_EQ(ask(fd, 0x01, enable), "11 7F FF 7F F7 FF 21 1E");
-  EXPECT_EQ(ask(fd, 0x02, enable), "12 85 1E 7F F7 FF 21 1E");  // q = 0.5 rad
+  // Joint 2 at 0.5 rad; its motor is mounted with sign -1, so the shaft reads -0.5 rad.
+  EXPECT_EQ(ask(fd, 0x02, enable), "12 7A E0 7F F7 FF 21 1E");
   EXPECT_EQ(ask(fd, 0x03, enable), "83 7F FF 7F F7 FF 21 1E");  // over-voltage
   EXPECT_EQ(ask(fd, 0x03, Payload{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFB}),
             "83 7F FF 7F F7 FF 21 1E");  // a command-line fault survives clear-error

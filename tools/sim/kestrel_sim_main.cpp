@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "kestrel/controller/controller_config.hpp"
+#include "kestrel_sim/rigid_body_arm_plant.hpp"
 #include "kestrel_sim/simulated_motor_bus.hpp"
 #include "simbus/hub.hpp"
 
@@ -32,7 +34,14 @@ type 1; command ids 1..7, feedback ids 0x11..0x17) on a CAN interface.
   --serve                  host the userspace CAN bus for NAME in this process
   --no-wire-time           with --serve: relay frames at once instead of at 1 Mbit/s
                            (5 Mbit/s FD data phase)
-  --start-posture Q1,..,Q7 shaft positions at start, rad (fewer values leave the rest at 0)
+  --start-posture Q1,..,Q6[,G]
+                           joint angles where the arm rests at power-on, rad (fewer values
+                           leave the rest at 0), and the gripper motor angle G; the arm is
+                           held there until its motors are first driven
+  --plant rigid|simple     mechanics: the arm's rigid-body dynamics from the URDF under gravity
+                           (default), or independent joints without gravity
+  --payload KG[,X,Y,Z]     an extra point mass at the tool centre point (offset X,Y,Z m in the
+                           tool frame) that the controller's configuration does not know about
   --silent ID              motor ID (1..7) never answers; repeatable
   --fault ID:CODE          motor ID reports status CODE (8 over-voltage, 9 under-voltage,
                            10 over-current, 11 MOS over-temperature, 12 coil
@@ -53,6 +62,9 @@ struct Options {
   bool serve = false;
   bool wire_time = true;
   std::vector<double> posture;
+  std::string plant = "rigid";
+  double payload_mass = 0.0;
+  std::array<double, 3> payload_com{};
   std::vector<int> silent;
   std::vector<std::pair<int, int>> faults;
   std::vector<std::pair<int, double>> torques;
@@ -125,6 +137,25 @@ Options parse(int argc, char** argv) {
       if (o.posture.size() > 7) {
         usage_error("--start-posture takes at most 7 values");
       }
+    } else if (arg == "--plant") {
+      o.plant = value();
+      if (o.plant != "rigid" && o.plant != "simple") {
+        usage_error("--plant must be 'rigid' or 'simple'");
+      }
+    } else if (arg == "--payload") {
+      std::stringstream list(value());
+      std::string item;
+      std::vector<double> values;
+      while (std::getline(list, item, ',')) {
+        values.push_back(parse_double(item, "payload value"));
+      }
+      if ((values.size() != 1 && values.size() != 4) || values[0] < 0.0) {
+        usage_error("--payload takes KG or KG,X,Y,Z with KG >= 0");
+      }
+      o.payload_mass = values[0];
+      for (size_t k = 1; k < values.size(); ++k) {
+        o.payload_com[k - 1] = values[k];
+      }
     } else if (arg == "--silent") {
       o.silent.push_back(parse_int(value(), "motor id", 1, 7));
     } else if (arg == "--fault") {
@@ -185,8 +216,29 @@ int main(int argc, char** argv) {
     kestrel::sim::BusOptions options;
     options.interface = o.interface;
     options.fd = o.fd;
-    SimulatedMotorBus bus(kestrel::sim::arm_motor_configs(), options);
-    bus.set_posture(o.posture);
+    std::unique_ptr<kestrel::sim::Plant> plant;
+    std::vector<double> shaft_posture = o.posture;
+    if (o.plant == "rigid") {
+      kestrel::sim::RigidBodyArmOptions arm;
+      for (size_t j = 0; j < o.posture.size() && j < 6; ++j) {
+        arm.start_posture[j] = o.posture[j];
+      }
+      arm.gripper_start_angle = o.posture.size() > 6 ? o.posture[6] : 0.0;
+      arm.payload_mass = o.payload_mass;
+      arm.payload_com = Eigen::Vector3d(o.payload_com[0], o.payload_com[1], o.payload_com[2]);
+      plant = kestrel::sim::RigidBodyArmPlant::from_shipped_configuration(arm);
+      shaft_posture.clear();  // the plant starts there itself
+    } else {
+      // Independent joints: the joint angles become shaft angles through the motor signs.
+      const auto signs = kestrel::controller::load_motor_signs_config();
+      for (size_t j = 0; j < shaft_posture.size() && j < 6; ++j) {
+        shaft_posture[j] *= signs[j];
+      }
+    }
+    SimulatedMotorBus bus(kestrel::sim::arm_motor_configs(), options, std::move(plant));
+    if (!shaft_posture.empty()) {
+      bus.set_posture(shaft_posture);
+    }
     for (int id : o.silent) {
       bus.set_silent(bus.index_of(id), true);
     }
