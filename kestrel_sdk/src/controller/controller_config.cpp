@@ -138,10 +138,10 @@ MitModeConfig load_mit_mode_config() {
     const YAML::Node s = required_map(
         root, "mit_mode", "Invalid MIT_MODE config at " + path + ": missing 'mit_mode' map");
     // "gravity_tau_limits" is the older spelling, consulted only without the new key.
-    YAML::Node limits = s["feedforward_tau_limits"];
-    if (!limits.IsDefined()) {
-      limits = s["gravity_tau_limits"];
-    }
+    // Chosen at construction: yaml-cpp cannot rebind a node fetched for a missing key.
+    const YAML::Node current = s["feedforward_tau_limits"];
+    const YAML::Node older = s["gravity_tau_limits"];
+    const YAML::Node limits = current.IsDefined() ? current : older;
     if (!limits.IsDefined()) {
       throw std::runtime_error("Invalid MIT_MODE config at " + path +
                                ": missing mit_mode.feedforward_tau_limits");

@@ -1,0 +1,248 @@
+// ArmController's private implementation: configuration, hardware facade, kinematic model,
+// the command slot, the published state and the two threads. Not installed.
+//
+// Threads and locks:
+//  - application threads write the command slot under command_mutex and notify motion_cv after
+//    unlocking; they read the published state through the try_get_latest_* readers;
+//  - the control thread (control_loop) is the only code that talks to the motors once running;
+//    it copies the command slot under command_mutex and publishes state under state_mutex and
+//    torque_mutex; no CAN traffic ever happens under any of these locks;
+//  - the torque-monitor thread reads torques under torque_mutex and raises emergency_stop_flag.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kestrel/algorithms/kinematics.hpp"
+#include "kestrel/algorithms/safety_config.hpp"
+#include "kestrel/algorithms/trajectory_safety.hpp"
+#include "kestrel/arm/kestrel.hpp"
+#include "kestrel/controller/controller_config.hpp"
+#include "kestrel/controller/interfaces.hpp"
+#include "kestrel/controller/loop_statistics.hpp"
+
+class ArmController::Impl {
+ public:
+  using JointArray = kestrel::controller::JointArray;
+  using Sample = kestrel::algorithms::WaypointTrajectorySample;
+  using Timeline = std::shared_ptr<const std::vector<Sample>>;
+  using Clock = std::chrono::steady_clock;
+
+  static constexpr int kJoints = 6;
+  static constexpr double kControlHz = 400.0;  // planning and control rate
+
+  // Command kinds of the command slot.
+  enum CommandKind : int32_t {
+    kNone = 0,
+    kJointRaw = 1,
+    kJointTrajectory = 2,
+    kJointWaypoints = 3,
+    kGravityRegressor = 4,
+    kGravityKdl = 5,
+  };
+
+  // The one command slot, guarded by command_mutex.
+  struct CommandState {
+    int32_t kind = kNone;
+    JointArray target{};
+    JointArray target_velocity{};
+    JointArray start{};
+    double duration = 0.0;
+    bool started = false;
+    int64_t start_time_ns = 0;
+    std::shared_ptr<const std::vector<double>> gripper_timeline;  // metres, one per sample
+    double sample_period = 0.0025;
+    bool waypoint_started = false;
+    int64_t waypoint_start_time_ns = 0;
+    double gripper_target = 0.0;  // opening, metres
+    double gripper_kp = 8.0;
+    double gripper_kd = 0.1;
+    // [0]: the command is to be sent (the watchdog clears it); [1]: not yet sent once.
+    std::array<uint8_t, 2> gripper_command_pending{0, 0};
+    Timeline waypoint_samples;
+    int64_t command_counter = 0;
+    int64_t command_id = 0;
+    // A chunk update waiting for its switch time: it replaces waypoint_samples then, and its
+    // id becomes the command id (so a waiter on the replaced motion returns at the switch).
+    Timeline next_waypoint_samples;
+    std::shared_ptr<const std::vector<double>> next_gripper_timeline;
+    int64_t next_switch_time_ns = 0;
+    int64_t next_command_id = 0;
+  };
+
+  Impl(const std::string& can_interface, bool use_canfd, ArmController* owner, bool enable_gripper,
+       ControlMode control_mode, bool skip_hardware_init);
+  ~Impl();
+
+  void initial_kestrel();
+  void start_two_thread();
+  bool uses_pos_vel_mode() const { return control_mode == POS_VEL_MODE; }
+
+  // Thread bodies.
+  void control_loop();
+  void monitor_motor_torque();
+  // Sets exit_flag, wakes every waiter, joins the control thread then the monitor thread.
+  // Never called from either controller thread.
+  void request_stop_and_join();
+  void notify_motion_state_changed();
+
+  // Published-state readers: copy under the state's mutex when its valid flag is set.
+  bool try_get_latest_joint_state(JointArray& out);
+  bool try_get_latest_joint_velocity_state(JointArray& out);
+  bool try_get_latest_gripper_state(double& out);
+  bool try_get_latest_gripper_distance_state(double& out);
+  bool try_get_latest_torque_state(JointArray& out);
+
+  static double clamp(double value, double low, double high);
+  // Into the joint's URDF limits when the URDF gives it limits; unchanged otherwise.
+  double clamp_to_urdf_joint_limit(int joint, double value) const;
+
+  // Command writers (application threads): lock, write, unlock, notify.
+  void write_joint_raw_command(const JointArray& q, const JointArray& v);
+  void write_joint_trajectory_command(const JointArray& q, double duration);
+  void write_gravity_command(CommandKind kind);
+  void write_gripper_command(double distance, double kp, double kd);
+  // Installs a waypoint timeline as a kind-3 command and returns its command id.
+  int64_t write_waypoint_command(Timeline samples,
+                                 std::shared_ptr<const std::vector<double>> gripper_timeline,
+                                 double sample_period);
+
+  static int64_t now_ns();
+
+  // ---- Joint waypoint planning (waypoint_planner.cpp) ----
+  // Quintic segments through q_start and the waypoints, one sample per control period. Limits
+  // are used as given (speed scaling is the caller's); time_sec > 0 shares that time evenly.
+  std::vector<Sample> plan_joint_waypoint_trajectory(
+      const JointArray& q_start, const std::vector<JointArray>& waypoints, const JointArray& vmax,
+      const JointArray& amax, const JointArray& jmax, double time_sec, double control_hz,
+      std::vector<double>* gripper_timeline_out = nullptr,
+      const std::vector<double>* point_gripper_targets = nullptr,
+      const JointArray* start_velocity = nullptr) const;
+  // Joint-limit margins, then singularity, then self-collision, merged.
+  kestrel::algorithms::SafetyResult evaluate_waypoint_trajectory_safety(
+      const std::vector<Sample>& samples);
+  ArmController::PlannedTrajectory plan_joint_waypoints_with_gripper(
+      const std::vector<double>& q_start, const std::vector<std::vector<double>>& waypoints,
+      const std::vector<double>& gripper_positions, double time_sec, double speed_percent);
+  // The latest measured gripper opening clamped into the stroke, 0 before any feedback.
+  double current_gripper_opening();
+
+  // ---- Waypoint motion execution (waypoint_execution.cpp) ----
+  // Plans from the current joint state, checks, publishes as a kind-3 command and waits for it
+  // to end; returns the planned duration. `gripper_positions` may be null.
+  double publish_joint_waypoint_trajectory_command(
+      const std::vector<std::vector<double>>& waypoints, double time_sec, double speed_percent,
+      double control_hz, const std::vector<double>* gripper_positions);
+  // Plans a chunk that takes over the running motion switch_delay_sec from now, continuous in
+  // position and velocity there; returns its planned duration without waiting.
+  double publish_joint_waypoint_chunk_update_command(
+      const std::vector<std::vector<double>>& waypoints, double time_sec, double speed_percent,
+      double switch_delay_sec, double control_hz, const std::vector<double>* gripper_positions);
+  // Blocks until the waypoint command `command_id` is over; throws when a stop ended it.
+  void wait_for_waypoint_motion(int64_t command_id);
+
+  struct PreparedMotion;
+  // The checks and planning shared by both publishers (`prefix` names the caller in messages).
+  PreparedMotion prepare_waypoint_motion(const std::vector<std::vector<double>>& waypoints,
+                                         double time_sec, double speed_percent, double control_hz,
+                                         const std::vector<double>* gripper_positions,
+                                         const JointArray& start, const JointArray* start_velocity,
+                                         const char* prefix);
+  // The commanded state (position, velocity) the arm will have at `when_ns`, from the running
+  // or pending timeline, else the hold target or the measured joints.
+  bool commanded_state_at(int64_t when_ns, JointArray& position, JointArray& velocity);
+  void record_last_samples(const std::vector<Sample>& samples);
+
+  // ---- Control loop pieces (control thread only; see control_loop.cpp) ----
+  struct LoopState;
+  struct CycleTargets;
+  void read_feedback(LoopState& loop, int64_t now);
+  void take_command(LoopState& loop, int64_t now);
+  bool compute_targets(LoopState& loop, int64_t now, CycleTargets& out);
+  void send_arm_frames(LoopState& loop, const CycleTargets& targets);
+  void send_gripper_frame(LoopState& loop, const CycleTargets& targets, int64_t now);
+  void supervise_runtime_limits(LoopState& loop);
+  void supervise_waypoint_tracking(LoopState& loop, const CycleTargets& targets);
+  void supervise_gripper(LoopState& loop, const CycleTargets& targets, int64_t now);
+  void report_clips(LoopState& loop, int64_t now);
+  void end_waypoint_playback(LoopState& loop, const JointArray& hold);
+  void carry_out_emergency_stop();
+
+  // ---- Configuration (read once, at construction) ----
+  ArmController* owner;
+  bool enable_gripper;
+  ControlMode control_mode;
+  bool skip_hardware_init;
+  kestrel::controller::PosVelModeConfig pos_vel_config;
+  kestrel::controller::MitModeConfig mit_config;
+  kestrel::controller::JointTrajectoryConfig trajectory_config;
+  kestrel::algorithms::SafetyConfig safety_config;
+  kestrel::controller::RuntimeJointSafetyConfig runtime_safety_config;
+  kestrel::controller::GripperWatchdogConfig gripper_watchdog_config;
+  kestrel::controller::GripperControlConfig gripper_control_config;
+  JointArray motor_signs{1, 1, 1, 1, 1, 1};
+
+  // Built-in values.
+  double command_sample_period = 0.0025;
+  double gripper_default_kp = 8.0;
+  double gripper_default_kd = 0.1;
+  double gripper_stroke = 0.085;
+  size_t torque_window_length = 10;
+  std::vector<std::deque<double>> torque_windows = std::vector<std::deque<double>>(7);
+  // Runtime velocity/acceleration/jerk supervision besides trajectory_safety.enabled
+  // (runtime_joint_safety.enabled).
+  bool runtime_derivative_checks_enabled = true;
+
+  // ---- Hardware and model ----
+  std::unique_ptr<kestrel::can::socket::Kestrel> kestrel;
+  std::unique_ptr<RobotKinematics> kinematics;
+  // Copies of the URDF limits and the planner's limits, fixed after construction.
+  JointArray joint_lower{};
+  JointArray joint_upper{};
+  std::array<bool, kJoints> joint_has_limits{};
+  JointArray max_vel{};
+  JointArray max_acc{};
+  JointArray max_jerk{};
+
+  // ---- Command slot ----
+  std::mutex command_mutex;
+  std::condition_variable motion_cv;
+  CommandState command;
+  int64_t gripper_command_time_ns = 0;
+  bool gripper_command_seen = false;
+
+  // ---- Published state (written by the control thread) ----
+  std::mutex state_mutex;
+  JointArray joint_positions{};
+  JointArray joint_velocities{};
+  std::atomic<bool> joint_state_valid{false};
+  std::atomic<bool> joint_velocity_valid{false};
+  double gripper_position = 0.0;
+  double gripper_distance = 0.0;
+  int64_t gripper_state_time_ns = 0;
+  std::atomic<bool> gripper_state_valid{false};
+  std::mutex torque_mutex;
+  JointArray joint_torques{};
+  std::atomic<bool> torque_state_valid{false};
+
+  // ---- Threads and stop flags (never cleared) ----
+  std::atomic<bool> exit_flag{false};
+  std::atomic<bool> emergency_stop_flag{false};
+  std::atomic<bool> control_loop_running{false};
+  std::thread control_thread;
+  std::thread monitor_thread;
+  kestrel::controller::LoopTimingRecorder loop_timing;
+
+  // ---- Last commanded waypoint samples (own mutex) ----
+  std::mutex last_samples_mutex;
+  std::vector<std::vector<double>> last_waypoint_samples;
+};

@@ -1,0 +1,324 @@
+// Direct commands and state queries: joint moves, raw joint streaming, gripper, gravity
+// compensation, latest state. Each command checks its arguments, then writes the command slot.
+#include <cmath>
+#include <iostream>
+#include <stdexcept>
+
+#include "kestrel/controller/arm_controller_impl.hpp"
+
+namespace {
+
+constexpr const char* kNoGripper = "该模式未包含夹爪";
+
+// Every public number is checked before anything changes: the motor codec maps NaN to the
+// bottom of its range, so a NaN target must never reach the bus.
+void require_finite(const std::vector<double>& values, const char* what) {
+  for (double v : values) {
+    if (!std::isfinite(v)) {
+      throw std::invalid_argument(std::string(what) + " must contain only finite values");
+    }
+  }
+}
+
+void require_finite(double value, const char* what) {
+  if (!std::isfinite(value)) {
+    throw std::invalid_argument(std::string(what) + " must be finite");
+  }
+}
+
+kestrel::controller::JointArray to_joint_array(const std::vector<double>& v) {
+  kestrel::controller::JointArray a{};
+  for (size_t i = 0; i < a.size(); ++i) {
+    a[i] = v[i];
+  }
+  return a;
+}
+
+}  // namespace
+
+// ---- Command writers ------------------------------------------------------------------------
+
+void ArmController::Impl::write_joint_raw_command(const JointArray& q, const JointArray& v) {
+  {
+    std::lock_guard<std::mutex> lock(command_mutex);
+    command.kind = kJointRaw;
+    command.target = q;
+    command.target_velocity = v;
+    command.started = false;
+    command.waypoint_started = false;
+    command.waypoint_samples.reset();
+    command.gripper_timeline.reset();
+    command.next_waypoint_samples.reset();
+    command.next_gripper_timeline.reset();
+  }
+  notify_motion_state_changed();
+}
+
+void ArmController::Impl::write_joint_trajectory_command(const JointArray& q, double duration) {
+  {
+    std::lock_guard<std::mutex> lock(command_mutex);
+    command.kind = kJointTrajectory;
+    command.target = q;
+    command.target_velocity.fill(0.0);
+    command.duration = duration;
+    command.started = false;
+    command.waypoint_started = false;
+    command.waypoint_samples.reset();
+    command.gripper_timeline.reset();
+    command.next_waypoint_samples.reset();
+    command.next_gripper_timeline.reset();
+  }
+  notify_motion_state_changed();
+}
+
+void ArmController::Impl::write_gravity_command(CommandKind kind) {
+  {
+    std::lock_guard<std::mutex> lock(command_mutex);
+    command.kind = kind;
+    command.started = false;
+    command.waypoint_started = false;
+    command.waypoint_samples.reset();
+    command.gripper_timeline.reset();
+    command.next_waypoint_samples.reset();
+    command.next_gripper_timeline.reset();
+  }
+  notify_motion_state_changed();
+}
+
+void ArmController::Impl::write_gripper_command(double distance, double kp, double kd) {
+  std::lock_guard<std::mutex> lock(command_mutex);
+  command.gripper_target = distance;
+  command.gripper_kp = kp;
+  command.gripper_kd = kd;
+  command.gripper_command_pending = {1, 1};
+  gripper_command_time_ns = now_ns();
+  gripper_command_seen = true;
+}
+
+int64_t ArmController::Impl::write_waypoint_command(
+    Timeline samples, std::shared_ptr<const std::vector<double>> gripper_timeline,
+    double sample_period) {
+  int64_t id;
+  {
+    std::lock_guard<std::mutex> lock(command_mutex);
+    id = command.command_counter++;
+    command.kind = kJointWaypoints;
+    command.started = false;
+    command.waypoint_started = false;
+    command.command_id = id;
+    command.waypoint_samples = std::move(samples);
+    command.gripper_timeline = std::move(gripper_timeline);
+    command.next_waypoint_samples.reset();
+    command.next_gripper_timeline.reset();
+    if (command.gripper_timeline) {
+      command.gripper_kp = gripper_default_kp;
+      command.gripper_kd = gripper_default_kd;
+      command.gripper_command_pending = {1, 1};
+      gripper_command_time_ns = now_ns();
+      gripper_command_seen = true;
+    }
+    command.sample_period = sample_period;
+    if (command.waypoint_samples && !command.waypoint_samples->empty()) {
+      const auto& last = command.waypoint_samples->back();
+      std::copy(last.position.begin(), last.position.end(), command.target.begin());
+    }
+    command.target_velocity.fill(0.0);
+  }
+  notify_motion_state_changed();
+  return id;
+}
+
+// ---- Published-state readers ----------------------------------------------------------------
+
+bool ArmController::Impl::try_get_latest_joint_state(JointArray& out) {
+  std::lock_guard<std::mutex> lock(state_mutex);
+  if (!joint_state_valid.load()) {
+    return false;
+  }
+  out = joint_positions;
+  return true;
+}
+
+bool ArmController::Impl::try_get_latest_joint_velocity_state(JointArray& out) {
+  std::lock_guard<std::mutex> lock(state_mutex);
+  if (!joint_velocity_valid.load()) {
+    return false;
+  }
+  out = joint_velocities;
+  return true;
+}
+
+bool ArmController::Impl::try_get_latest_gripper_state(double& out) {
+  std::lock_guard<std::mutex> lock(state_mutex);
+  if (!gripper_state_valid.load()) {
+    return false;
+  }
+  out = gripper_position;
+  return true;
+}
+
+bool ArmController::Impl::try_get_latest_gripper_distance_state(double& out) {
+  std::lock_guard<std::mutex> lock(state_mutex);
+  if (!gripper_state_valid.load()) {
+    return false;
+  }
+  out = gripper_distance;
+  return true;
+}
+
+// ---- Public joint commands ------------------------------------------------------------------
+
+void ArmController::set_joint(const std::vector<double>& q, double time) {
+  if (q.size() != 6) {
+    throw std::invalid_argument("q_end size mismatch");
+  }
+  require_finite(q, "q_end");
+  require_finite(time, "tf");
+  if (!(time > 0.0)) {
+    throw std::invalid_argument("tf must be positive");
+  }
+  Impl::JointArray target = to_joint_array(q);
+  for (int j = 0; j < Impl::kJoints; ++j) {
+    target[j] = impl().clamp_to_urdf_joint_limit(j, target[j]);
+  }
+  impl().write_joint_trajectory_command(target, time);
+}
+
+void ArmController::set_joint_raw(const std::vector<double>& q, const std::vector<double>& v) {
+  if (q.size() != 6) {
+    throw std::invalid_argument("q_end length does not match num_joints");
+  }
+  if (v.size() != 6) {
+    throw std::invalid_argument("v_end length does not match num_joints");
+  }
+  require_finite(q, "q_end");
+  require_finite(v, "v_end");
+  impl().write_joint_raw_command(to_joint_array(q), to_joint_array(v));
+}
+
+// ---- Gripper --------------------------------------------------------------------------------
+
+void ArmController::openGripper() {
+  if (!impl().enable_gripper) {
+    std::cout << kNoGripper << std::endl;
+    return;
+  }
+  impl().write_gripper_command(impl().gripper_stroke, impl().gripper_default_kp,
+                               impl().gripper_default_kd);
+}
+
+void ArmController::closeGripper() {
+  if (!impl().enable_gripper) {
+    std::cout << kNoGripper << std::endl;
+    return;
+  }
+  impl().write_gripper_command(0.0, impl().gripper_default_kp, impl().gripper_default_kd);
+}
+
+void ArmController::setGripperPosition(double position) {
+  setGripperPosition_raw(position);
+}
+
+void ArmController::setGripperPosition_raw(double position) {
+  require_finite(position, "gripper position");
+  if (position < 0.0 || position > 1.0) {
+    std::cerr << "[Warning] Gripper position must be in [0, 1], but got: " << position
+              << ". Value will be clamped.\n";
+  }
+  if (!impl().enable_gripper) {
+    std::cout << kNoGripper << std::endl;
+    return;
+  }
+  const double p = Impl::clamp(position, 0.0, 1.0);
+  impl().write_gripper_command(p * impl().gripper_stroke, impl().gripper_default_kp,
+                               impl().gripper_default_kd);
+}
+
+void ArmController::setGripperDistance(double distance, double kp, double kd) {
+  require_finite(distance, "gripper distance");
+  require_finite(kp, "gripper kp");
+  require_finite(kd, "gripper kd");
+  if (distance < 0.0 || distance > impl().gripper_stroke) {
+    // The text speaks of millimetres although the value is in metres.
+    std::cerr << "[Warning] Gripper distance must be in [0mm, 85 mm], but got: " << distance
+              << ". Value will be clamped.\n";
+  }
+  if (!impl().enable_gripper) {
+    std::cout << kNoGripper << std::endl;
+    return;
+  }
+  impl().write_gripper_command(Impl::clamp(distance, 0.0, impl().gripper_stroke),
+                               Impl::clamp(kp, 0.1, 20.0), Impl::clamp(kd, 0.1, 1.0));
+}
+
+void ArmController::setGripperDistance(double distance) {
+  setGripperDistance(distance, 8.0, 0.1);
+}
+
+// ---- Gravity compensation -------------------------------------------------------------------
+
+void ArmController::identify_gravity_compensation() {
+  impl().write_gravity_command(Impl::kGravityKdl);
+}
+
+void ArmController::identify_gravity_compensation_kdl() {
+  impl().write_gravity_command(Impl::kGravityKdl);
+}
+
+// ---- State queries --------------------------------------------------------------------------
+
+std::vector<double> ArmController::get_joint() {
+  Impl::JointArray q{};
+  if (!impl().try_get_latest_joint_state(q)) {
+    return {};
+  }
+  return std::vector<double>(q.begin(), q.end());
+}
+
+std::vector<double> ArmController::get_joint_velocities() {
+  Impl::JointArray v{};
+  if (!impl().try_get_latest_joint_velocity_state(v)) {
+    return {};
+  }
+  return std::vector<double>(v.begin(), v.end());
+}
+
+std::vector<double> ArmController::get_joint_torques() {
+  Impl::JointArray t{};
+  if (!impl().try_get_latest_torque_state(t)) {
+    return {};
+  }
+  return std::vector<double>(t.begin(), t.end());
+}
+
+std::vector<double> ArmController::get_end_effector_pose() {
+  Impl::JointArray q{};
+  if (!impl().try_get_latest_joint_state(q)) {
+    return {};
+  }
+  return impl().kinematics->forwardKinematics_kdl(std::vector<double>(q.begin(), q.end()));
+}
+
+double ArmController::get_gripper_position() {
+  if (!impl().enable_gripper) {
+    std::cout << kNoGripper << std::endl;
+    return -1.0;
+  }
+  double distance = 0.0;
+  if (!impl().try_get_latest_gripper_distance_state(distance)) {
+    return 0.0;
+  }
+  return Impl::clamp(distance / impl().gripper_stroke, 0.0, 1.0);
+}
+
+double ArmController::get_gripper_distance() {
+  if (!impl().enable_gripper) {
+    std::cout << kNoGripper << std::endl;
+    return -1.0;
+  }
+  double distance = 0.0;
+  if (!impl().try_get_latest_gripper_distance_state(distance)) {
+    return 0.0;
+  }
+  return Impl::clamp(distance, 0.0, impl().gripper_stroke);
+}

@@ -1,0 +1,155 @@
+// ArmController: the public face of the library. One object opens the CAN bus, brings the arm's
+// six joint motors and the gripper up, and runs two threads: a 2.5 ms control loop (the only code
+// that talks to the motors once running) and a 20 ms torque monitor. Public operations check
+// their arguments, then write one command slot that the control loop executes on its next cycle.
+//
+//   ArmController arm(true, "can0", false, MIT_MODE, false);
+//   arm.set_joint({0.0, 0.3, -0.6, 0.0, -0.8, 0.0}, 2.0);   // 2 s rest-to-rest move
+//   arm.move_joint_waypoints({{...}, {...}}, 0.0, 0.5);      // plans, checks, waits
+//   std::vector<double> q = arm.get_joint();
+//
+// Bad arguments throw std::invalid_argument before anything changes; plans that cannot be made
+// throw std::runtime_error; configuration errors end the process with status 1 and one line on
+// standard error. A controller that has stopped (cleanup, emergency stop) cannot be restarted.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kestrel/controller/loop_statistics.hpp"
+#include "kestrel/damiao_motor/dm_motor_control.hpp"
+
+using ControlMode = kestrel::damiao_motor::ControlMode;
+using kestrel::damiao_motor::MIT_MODE;
+using kestrel::damiao_motor::POS_VEL_MODE;
+
+// A rest-to-rest 7th-order trajectory per joint: zero velocity, acceleration and jerk at both
+// ends. positions[j][i] is joint j at times[i].
+struct SepticTrajectory {
+  std::vector<std::vector<double>> positions;
+  std::vector<std::vector<double>> velocities;
+  std::vector<std::vector<double>> accelerations;
+  std::vector<double> times;
+};
+
+// q_start and q_end hold six values, or one value for all six joints; samples at `freq` Hz up to
+// and including `tf` seconds.
+SepticTrajectory generate_septuple_trajectory(const std::vector<double>& q_start,
+                                              const std::vector<double>& q_end, double tf,
+                                              double freq);
+
+class ArmController {
+ public:
+  // One item of a motion program (run_motion_program).
+  struct MotionProgramItem {
+    std::string type;                            // "movej", "movel", "movep" or "sleep", any case
+    std::vector<std::vector<double>> waypoints;  // movej: joint postures, 6 values each, rad
+    std::vector<std::vector<double>> poses;      // movel / movep: [x, y, z, roll, pitch, yaw]
+    double time_sec = 0.0;                       // > 0: duration of this item's part of the motion
+    double speed_percent = 0.0;                  // > 0: speed fraction (0, 1]
+    double sleep_sec = 0.0;                      // sleep: pause, s
+    double blend_radius_m = 0.0;                 // movel / movep: corner blend radius, m
+  };
+
+  // A planned joint trajectory: one sample per control period (positions, velocities and
+  // accelerations of the six joints) and the gripper opening beside each sample, metres.
+  struct PlannedTrajectory {
+    std::vector<std::vector<double>> positions;
+    std::vector<std::vector<double>> velocities;
+    std::vector<std::vector<double>> accelerations;
+    std::vector<double> gripper;
+  };
+
+  // Opens `can_interface`, reads the configuration, brings the motors up (unless
+  // skip_hardware_init) and starts the control and torque-monitor threads.
+  ArmController(bool enable_gripper, const std::string& can_interface, bool use_canfd,
+                ControlMode control_mode, bool skip_hardware_init);
+  ~ArmController();
+
+  ArmController(const ArmController&) = delete;
+  ArmController& operator=(const ArmController&) = delete;
+
+  // Stops both threads, disables the motors (not with skip_hardware_init) and releases the bus.
+  // Idempotent.
+  void cleanup();
+
+  // ---- Joint commands -----------------------------------------------------------------------
+  // Rest-to-rest 7th-order move to q (clamped to the URDF limits) in `time` seconds.
+  void set_joint(const std::vector<double>& q, double time);
+  // Streams one raw target: positions (clamped by the loop) and velocities, executed as given.
+  void set_joint_raw(const std::vector<double>& q, const std::vector<double>& v);
+
+  // ---- Gripper (0 m = closed, 0.085 m = open) -------------------------------------------------
+  void openGripper();
+  void closeGripper();
+  void setGripperPosition(double position);      // 0 closed .. 1 open
+  void setGripperPosition_raw(double position);  // clamped into [0, 1] with a warning
+  void setGripperDistance(double distance, double kp, double kd);
+  void setGripperDistance(double distance);
+
+  // ---- Gravity compensation (floating arm, torque only) ----------------------------------------
+  void identify_gravity_compensation();
+  void identify_gravity_compensation_kdl();
+
+  // ---- Planning ------------------------------------------------------------------------------
+  // Plans (without moving) joint waypoints from q_start with one normalised gripper value per
+  // waypoint, at 400 Hz, in time mode (time_sec > 0) or speed mode (speed_percent, or the
+  // configured default when both are 0), and checks it; a safety stop throws std::runtime_error.
+  PlannedTrajectory plan_joint_waypoints_with_gripper(
+      const std::vector<double>& q_start, const std::vector<std::vector<double>>& waypoints,
+      const std::vector<double>& gripper_positions, double time_sec, double speed_percent);
+
+  // ---- Joint waypoint motions ------------------------------------------------------------------
+  // Plans a motion from the current joints through `waypoints` (six joint values each, clamped
+  // to the URDF limits) at 400 Hz, checks it, runs it and returns when it has ended, with its
+  // planned duration in seconds. time_sec > 0: the motion takes that long; otherwise
+  // speed_percent (0, 1] of the joint speed limits, or the configured default when 0.
+  double move_joint_waypoints(const std::vector<std::vector<double>>& waypoints, double time_sec,
+                              double speed_percent);
+  // The same with one normalised gripper value (0 closed .. 1 open) per waypoint.
+  double move_joint_waypoints_with_gripper(const std::vector<std::vector<double>>& waypoints,
+                                           const std::vector<double>& gripper_positions,
+                                           double time_sec, double speed_percent);
+  // Replaces the running motion by a new chunk `switch_delay_sec` from now, planned from the
+  // state the running motion will have then (no jump in position or velocity). Returns the
+  // chunk's planned duration at once, without waiting.
+  double update_joint_waypoint_chunk(const std::vector<std::vector<double>>& waypoints,
+                                     double time_sec, double speed_percent,
+                                     double switch_delay_sec);
+  double update_joint_waypoint_chunk_with_gripper(const std::vector<std::vector<double>>& waypoints,
+                                                  const std::vector<double>& gripper_positions,
+                                                  double time_sec, double speed_percent,
+                                                  double switch_delay_sec);
+  // The samples of the last published waypoint motion: six joint values, then the tool point's
+  // x, y, z (m) and orientation quaternion qx, qy, qz, qw.
+  std::vector<std::vector<double>> get_last_waypoint_command_samples();
+
+  // ---- Latest state ----------------------------------------------------------------------------
+  std::vector<double> get_joint();              // rad; empty before the first feedback
+  std::vector<double> get_joint_velocities();   // rad/s; empty before the first feedback
+  std::vector<double> get_joint_torques();      // N·m; empty before the first feedback
+  std::vector<double> get_end_effector_pose();  // x, y, z, qx, qy, qz, qw of the tool point
+  double get_gripper_position();                // [0, 1]; -1 without gripper
+  double get_gripper_distance();                // [0, 0.085] m; -1 without gripper
+
+  // True once an emergency stop (torque monitor or run-time supervision) has disabled the arm.
+  bool emergency_stopped() const;
+  // True while the control loop runs.
+  bool running() const;
+  // Timing of the control loop so far: compute time and wake-up lateness per cycle, missed
+  // deadlines. Cheap to call from any thread.
+  kestrel::controller::ControlLoopStatistics control_loop_statistics() const;
+
+ private:
+  class Impl;
+  friend class ArmControllerTestAccess;  // tests hand the command slot timelines directly
+
+  // The implementation; throws std::runtime_error once cleanup() has released it.
+  Impl& impl() const;
+
+  std::atomic<bool> cleaned_up_{false};
+  std::unique_ptr<Impl> impl_;
+};

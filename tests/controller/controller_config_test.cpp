@@ -1,0 +1,220 @@
+// The controller's configuration sections: defaults, accepted edge values, and the one line each
+// error prints before the process ends with status 1. Each variant runs in a child process
+// against an edited copy of the shipped file.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <iostream>
+
+#include "controller/controller_fixture.hpp"
+#include "support/config_sandbox.hpp"
+
+namespace {
+
+using kestrel::testing::ChildResult;
+using kestrel::testing::ConfigSandbox;
+using kestrel::testing::replace_yaml_section;
+
+// Builds a controller without touching motors and prints the sections it read.
+KESTREL_CONFIG_SCENARIO(controller_sections) {
+  kestrel::simbus::ScopedSimbus bus({"can0"});
+  try {
+    ArmController arm(true, "can0", false, MIT_MODE, true);
+    auto& impl = ArmControllerTestAccess::impl(arm);
+    const auto print = [](const char* name, const kestrel::controller::JointArray& a) {
+      std::cout << name;
+      for (double v : a) {
+        std::cout << ' ' << v;
+      }
+      std::cout << '\n';
+    };
+    print("ff", impl.mit_config.feedforward_tau_limits);
+    print("warn", impl.runtime_safety_config.torque_warn_limits);
+    print("stop", impl.runtime_safety_config.torque_stop_limits);
+    print("signs", impl.motor_signs);
+    const auto& wd = impl.gripper_watchdog_config;
+    std::cout << "watchdog " << wd.enabled << ' ' << wd.command_period_ms << ' '
+              << wd.state_timeout_ms << ' ' << wd.position_error_warn_m << ' '
+              << wd.position_error_stop_m << ' ' << wd.position_error_stop_ms << '\n';
+    std::cout << "gripper " << impl.gripper_default_kp << ' ' << impl.gripper_default_kd << '\n';
+    std::cout << "speed " << impl.trajectory_config.default_speed_percent << '\n';
+  } catch (const std::exception& e) {
+    std::cout << "exception: " << e.what() << '\n';
+    return 3;
+  }
+  return 0;
+}
+
+// Moves the simulated arm (rigid-body physics) to a reaching posture and reports how far it
+// stands from it after settling.
+KESTREL_CONFIG_SCENARIO(hold_reaching_posture) {
+  kestrel::testing::SimulatedArm sim;
+  ArmController arm(true, "can0", false, MIT_MODE, false);
+  const std::vector<double> reaching = {0.3, 0.8, -0.3, 0.0, -0.7, 0.0};
+  arm.set_joint(reaching, 2.0);
+  std::this_thread::sleep_for(std::chrono::milliseconds(3000));
+  const auto q = sim.joint_positions();
+  double worst = 0.0;
+  for (int j = 0; j < 6; ++j) {
+    worst = std::max(worst, std::abs(q[j] - reaching[j]));
+  }
+  std::cout << "hold_error " << worst << '\n';
+  return 0;
+}
+
+double hold_error(const ChildResult& r) {
+  const auto at = r.out.find("hold_error ");
+  EXPECT_NE(at, std::string::npos) << r.describe();
+  return at == std::string::npos ? 1e9 : std::stod(r.out.substr(at + 11));
+}
+
+class ControllerConfig : public ::testing::Test {
+ protected:
+  // Runs the scenario on the shipped file with `section` replaced (or removed when empty).
+  ChildResult run_with(const std::string& section, const std::string& replacement) {
+    box.write_config(replace_yaml_section(ConfigSandbox::shipped_config(), section, replacement));
+    return box.run("controller_sections");
+  }
+
+  // The last line of standard error of a child that ended with status 1.
+  std::string fatal_line(const ChildResult& r) {
+    EXPECT_EQ(r.exit_code, 1) << r.describe();
+    const auto lines = r.err_lines();
+    return lines.empty() ? "" : lines.back();
+  }
+
+  std::string path() const { return box.config_path().string(); }
+
+  ConfigSandbox box;
+};
+
+constexpr const char* kSix = "[1, 2, 3, 4, 5, 6]";
+
+TEST_F(ControllerConfig, OptionalSectionsFallBackToValidatedDefaults) {
+  std::string yaml = ConfigSandbox::shipped_config();
+  for (const char* section : {"runtime_joint_safety", "gripper_watchdog", "gripper_control"}) {
+    yaml = replace_yaml_section(yaml, section, "");
+  }
+  box.write_config(yaml);
+  const auto r = box.run("controller_sections");
+  ASSERT_EQ(r.exit_code, 0) << r.describe();
+  EXPECT_THAT(r.out, ::testing::HasSubstr("warn 16 16 16 6 5 5\n"));
+  EXPECT_THAT(r.out, ::testing::HasSubstr("stop 20 20 20 8 6 6\n"));
+  EXPECT_THAT(r.out, ::testing::HasSubstr("watchdog 1 5 100 0.015 0.035 500\n"));
+  EXPECT_THAT(r.out, ::testing::HasSubstr("gripper 8 0.1\n"));
+}
+
+TEST_F(ControllerConfig, GravityFeedForwardHoldsTheArmWhereTheGainsAloneCannot) {
+  const std::string shipped = ConfigSandbox::shipped_config();
+  box.write_config(shipped);
+  const double with = hold_error(box.run("hold_reaching_posture"));
+  const std::string off = "enable_gravity_compensation: true";
+  ASSERT_NE(shipped.find(off), std::string::npos);
+  std::string without_yaml = shipped;
+  without_yaml.replace(without_yaml.find(off), off.size(), "enable_gravity_compensation: false");
+  box.write_config(without_yaml);
+  const double without = hold_error(box.run("hold_reaching_posture"));
+  std::cout << "[controller] hold error with gravity feed-forward " << with << " rad, without "
+            << without << " rad\n";
+  EXPECT_LT(with, 0.015);
+  EXPECT_GT(without, 5.0 * with);
+}
+
+TEST_F(ControllerConfig, MitModeFeedForwardLimits) {
+  auto r = run_with("mit_mode", std::string("mit_mode:\n  kp: ") + kSix + "\n  kd: " + kSix +
+                                    "\n  gravity_tau_limits: [6, 5, 4, 3, 2, 1]\n");
+  ASSERT_EQ(r.exit_code, 0) << r.describe();
+  EXPECT_THAT(r.out, ::testing::HasSubstr("ff 6 5 4 3 2 1\n")) << "the older spelling is used";
+
+  r = run_with("mit_mode", std::string("mit_mode:\n  kp: ") + kSix + "\n  kd: " + kSix + "\n");
+  EXPECT_EQ(fatal_line(r),
+            "Invalid MIT_MODE config at " + path() + ": missing mit_mode.feedforward_tau_limits");
+
+  r = run_with("mit_mode", std::string("mit_mode:\n  kp: [1, 2, 3]\n  kd: ") + kSix +
+                               "\n  feedforward_tau_limits: " + kSix + "\n");
+  EXPECT_EQ(fatal_line(r), "Invalid joint array config at " + path() +
+                               ": field 'mit_mode.kp' must be a sequence of 6 numbers");
+
+  r = run_with("mit_mode", std::string("mit_mode:\n  kp: ") + kSix + "\n  kd: " + kSix +
+                               "\n  feedforward_tau_limits: " + kSix +
+                               "\n  enable_gravity_compensation: maybe\n");
+  EXPECT_THAT(fatal_line(r),
+              ::testing::StartsWith("Invalid boolean config field 'enable_gravity_compensation': "
+                                    "expected true/false. yaml-cpp: error at line"));
+
+  r = run_with("mit_mode", "");
+  EXPECT_EQ(fatal_line(r), "Invalid MIT_MODE config at " + path() + ": missing 'mit_mode' map");
+}
+
+TEST_F(ControllerConfig, RequiredSectionsAndArrays) {
+  auto r = run_with("pos_vel_mode", "");
+  EXPECT_EQ(fatal_line(r),
+            "Invalid POS_VEL_MODE config at " + path() + ": missing 'pos_vel_mode' map");
+  r = run_with("joint_trajectory", "");
+  EXPECT_EQ(fatal_line(r),
+            "Invalid joint trajectory config at " + path() + ": missing 'joint_trajectory' map");
+  r = run_with("pos_vel_mode",
+               std::string("pos_vel_mode:\n  max_acc_limits: ") + kSix +
+                   "\n  max_dec_limits: [1, 2, x, 4, 5, 6]\n  kp_apr_limits: " + kSix + "\n");
+  EXPECT_THAT(fatal_line(r),
+              ::testing::StartsWith("Invalid joint array config at " + path() +
+                                    ": field 'pos_vel_mode.max_dec_limits' contains a non-numeric "
+                                    "value: yaml-cpp: error at line"));
+}
+
+TEST_F(ControllerConfig, DefaultSpeedPercentRange) {
+  const std::string limits = std::string("\n  max_vel_limits: ") + kSix +
+                             "\n  max_acc_limits: " + kSix + "\n  max_jerk_limits: " + kSix;
+  for (const char* bad : {"0", "1.0000001", "-0.5"}) {
+    const auto r = run_with("joint_trajectory", "joint_trajectory:" + limits +
+                                                    "\n  default_speed_percent: " + bad + "\n");
+    EXPECT_EQ(fatal_line(r), "Invalid joint trajectory config at " + path() +
+                                 ": default_speed_percent must be in (0, 1]")
+        << bad;
+  }
+  auto r = run_with("joint_trajectory",
+                    "joint_trajectory:" + limits + "\n  default_speed_percent: 1.0\n");
+  EXPECT_THAT(r.out, ::testing::HasSubstr("speed 1\n")) << r.describe();
+  r = run_with("joint_trajectory", "joint_trajectory:" + limits + "\n");
+  EXPECT_THAT(r.out, ::testing::HasSubstr("speed 0.1\n")) << r.describe();
+}
+
+TEST_F(ControllerConfig, TorqueLimitsOrder) {
+  auto r = run_with("runtime_joint_safety",
+                    "runtime_joint_safety:\n  torque_warn_limits: [5, 5, 5, 5, 5, 5]\n"
+                    "  torque_stop_limits: [5, 5, 5, 5, 5, 5]\n");
+  EXPECT_EQ(r.exit_code, 0) << "equal warn and stop limits are accepted\n" << r.describe();
+  r = run_with("runtime_joint_safety",
+               "runtime_joint_safety:\n  torque_warn_limits: [5, 5, 5, 5, 5, 7]\n"
+               "  torque_stop_limits: [6, 6, 6, 6, 6, 6]\n");
+  EXPECT_EQ(fatal_line(r), "Failed to load runtime joint safety config at " + path() +
+                               ": runtime_joint_safety torque limits must be positive and stop >= "
+                               "warn");
+}
+
+TEST_F(ControllerConfig, GripperSections) {
+  auto r = run_with("gripper_watchdog", "gripper_watchdog:\n  position_error_warn_m: 0.05\n");
+  EXPECT_EQ(fatal_line(r), "Failed to load gripper watchdog config at " + path() +
+                               ": invalid gripper_watchdog config");
+  r = run_with("gripper_watchdog", "gripper_watchdog:\n  position_error_warn_m: -1\n");
+  EXPECT_EQ(r.exit_code, 0) << "only the order of the distances is checked\n" << r.describe();
+  r = run_with("gripper_control", "gripper_control:\n  default_kp: 20.0\n  default_kd: 0.1\n");
+  EXPECT_THAT(r.out, ::testing::HasSubstr("gripper 20 0.1\n")) << r.describe();
+  r = run_with("gripper_control", "gripper_control:\n  default_kd: 1.01\n");
+  EXPECT_EQ(fatal_line(r), "Failed to load gripper control config at " + path() +
+                               ": invalid gripper_control config: default_kp must be in "
+                               "[0.1,20.0], default_kd must be in [0.1,1.0]");
+}
+
+TEST_F(ControllerConfig, MotorSigns) {
+  auto r = run_with("motor_signs", "motor_signs: [1, -1, 1, 1, -1, 1]\n");
+  EXPECT_THAT(r.out, ::testing::HasSubstr("signs 1 -1 1 1 -1 1\n")) << r.describe();
+  r = run_with("motor_signs", "motor_signs: [1, -1, 1, 2, -1, 1]\n");
+  EXPECT_EQ(r.exit_code, 3) << "a bad sign throws, it does not end the process\n" << r.describe();
+  EXPECT_THAT(r.out, ::testing::HasSubstr("exception: motor_signs must contain only +1 or -1"));
+  r = run_with("motor_signs", "motor_signs: [1, -1, 1, 1, -1]\n");
+  EXPECT_EQ(fatal_line(r), "Invalid joint array config at " + path() +
+                               ": field 'motor_signs' must be a sequence of 6 numbers");
+}
+
+}  // namespace

@@ -1,0 +1,235 @@
+// The control loop and the torque monitor against the simulated arm: the 7th-order joint move,
+// waypoint playback and its tracking supervision, run-time velocity supervision, and the
+// emergency stop raised by a sustained overload.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "controller/controller_fixture.hpp"
+#include "kestrel/controller/septic_profile.hpp"
+#include "support/stderr_capture.hpp"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Access = ArmControllerTestAccess;
+using kestrel::testing::eventually;
+using kestrel::testing::SimulatedArm;
+using Clock = std::chrono::steady_clock;
+
+// Runs a controller on the simulated arm with standard output and error captured.
+class LoopTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ::testing::internal::CaptureStdout();
+    ::testing::internal::CaptureStderr();
+    arm = std::make_unique<ArmController>(true, "can0", false, MIT_MODE, false);
+    ASSERT_TRUE(eventually([&] { return arm->get_joint().size() == 6; }, 2s));
+  }
+
+  // Stops the controller and returns (stdout, stderr); a failed test shows them.
+  std::pair<std::string, std::string> finish() {
+    arm.reset();
+    finished = true;
+    captured = {::testing::internal::GetCapturedStdout(), ::testing::internal::GetCapturedStderr()};
+    return captured;
+  }
+
+  void TearDown() override {
+    if (!finished) {
+      finish();
+    }
+    if (HasFailure()) {
+      std::cout << "---- controller stdout\n"
+                << captured.first << "---- controller stderr\n"
+                << captured.second;
+    }
+  }
+
+  bool finished = false;
+  std::pair<std::string, std::string> captured;
+
+  SimulatedArm sim;
+  std::unique_ptr<ArmController> arm;
+};
+
+TEST_F(LoopTest, SetJointFollowsTheSepticProfileAndArrives) {
+  const std::vector<double> start = arm->get_joint();
+  const std::vector<double> target = {0.3, 0.2, -0.4, 0.5, -0.3, 0.6};
+  const double duration = 1.5;
+  arm->set_joint(target, duration);
+  const auto t0 = Clock::now();
+  double worst = 0.0;
+  while (Clock::now() - t0 < std::chrono::duration<double>(duration)) {
+    std::this_thread::sleep_for(10ms);
+    const double s = std::chrono::duration<double>(Clock::now() - t0).count() / duration;
+    const auto q = arm->get_joint();
+    for (int j = 0; j < 6; ++j) {
+      const double planned = start[j] + (target[j] - start[j]) *
+                                            kestrel::controller::septic_position(std::min(s, 1.0));
+      worst = std::max(worst, std::abs(q[j] - planned));
+    }
+  }
+  EXPECT_LT(worst, 0.08) << "largest deviation from the profile while moving";
+  std::this_thread::sleep_for(500ms);
+  const auto q = arm->get_joint();
+  for (int j = 0; j < 6; ++j) {
+    EXPECT_NEAR(q[j], target[j], 0.01) << "joint " << j + 1;
+  }
+  EXPECT_NEAR(arm->get_joint_velocities()[0], 0.0, 0.05);
+}
+
+TEST_F(LoopTest, OutOfRangeTargetsAreClampedToTheUrdfLimits) {
+  auto& impl = Access::impl(*arm);
+  // Slow enough that run-time supervision has nothing to say about the 3 rad of travel.
+  arm->set_joint({0.0, 0.0, 0.0, 0.0, 0.0, 100.0}, 3.0);
+  std::this_thread::sleep_for(3500ms);
+  EXPECT_NEAR(arm->get_joint()[5], impl.joint_upper[5], 0.02);
+}
+
+TEST_F(LoopTest, BadArgumentsChangeNothing) {
+  EXPECT_THROW(arm->set_joint({0, 0, 0, 0, 0}, 1.0), std::invalid_argument);
+  EXPECT_THROW(arm->set_joint({0, 0, 0, 0, 0, 0}, 0.0), std::invalid_argument);
+  EXPECT_THROW(arm->set_joint({0, 0, NAN, 0, 0, 0}, 1.0), std::invalid_argument);
+  EXPECT_THROW(arm->set_joint({0, 0, 0, 0, 0, 0}, INFINITY), std::invalid_argument);
+  EXPECT_THROW(arm->set_joint_raw({0, 0, 0, 0, 0, 0}, {0, 0, 0, 0, 0, NAN}), std::invalid_argument);
+  EXPECT_THROW(arm->setGripperDistance(NAN), std::invalid_argument);
+  try {
+    arm->set_joint_raw({0, 0, 0, 0, 0, 0}, {0, 0});
+  } catch (const std::invalid_argument& e) {
+    EXPECT_STREQ(e.what(), "v_end length does not match num_joints");
+  }
+  EXPECT_EQ(Access::command_kind(*arm), 0) << "no command reached the slot";
+}
+
+TEST_F(LoopTest, WaypointTimelinePlaysBackAndEndsInAHold) {
+  const auto start = arm->get_joint();
+  std::vector<Access::Sample> samples(401);
+  for (size_t i = 0; i < samples.size(); ++i) {
+    const double s = static_cast<double>(i) / 400.0;  // one second
+    for (int j = 0; j < 6; ++j) {
+      const double span = (j == 2 ? -0.3 : 0.2);
+      samples[i].position[j] = start[j] + span * kestrel::controller::septic_position(s);
+      samples[i].velocity[j] = span * kestrel::controller::septic_velocity(s);
+      samples[i].acceleration[j] = span * kestrel::controller::septic_acceleration(s);
+    }
+  }
+  const auto final_position = samples.back().position;
+  Access::play(*arm, std::move(samples));
+  EXPECT_EQ(Access::command_kind(*arm), 3);
+  ASSERT_TRUE(eventually([&] { return Access::command_kind(*arm) == 1; }, 3s))
+      << "playback ends in a hold";
+  std::this_thread::sleep_for(300ms);
+  for (int j = 0; j < 6; ++j) {
+    EXPECT_NEAR(arm->get_joint()[j], final_position[j], 0.01);
+  }
+}
+
+TEST_F(LoopTest, UnfollowableTimelineTurnsIntoAHoldWithoutEmergencyStop) {
+  // Joint 4's motor falls silent mid-motion: its feedback freezes while the timeline moves on,
+  // so the tracking error grows past the stop level and stays there.
+  const auto start = arm->get_joint();
+  std::vector<Access::Sample> samples(801);
+  for (size_t i = 0; i < samples.size(); ++i) {
+    const double s = static_cast<double>(i) / 800.0;
+    for (int j = 0; j < 6; ++j) {
+      samples[i].position[j] = start[j];
+    }
+    samples[i].position[3] += 0.6 * kestrel::controller::septic_position(s);
+    samples[i].velocity[3] = 0.6 * kestrel::controller::septic_velocity(s) / 2.0;
+  }
+  sim.motors().set_silent(3, true);
+  Access::play(*arm, std::move(samples));
+  ASSERT_TRUE(eventually([&] { return Access::command_kind(*arm) == 1; }, 3s));
+  sim.motors().set_silent(3, false);
+  EXPECT_FALSE(arm->emergency_stopped());
+  EXPECT_TRUE(arm->running());
+  const auto [out, err] = finish();
+  EXPECT_THAT(err, ::testing::HasSubstr("[control_loop] waypoint tracking error warning: joint="));
+  EXPECT_THAT(
+      err,
+      ::testing::ContainsRegex(
+          "\\[control_loop\\] waypoint tracking error stop: joint=4 error_rad=0\\.2[5-9][0-9]* "
+          "threshold=0\\.25 cycles=30"));
+  EXPECT_THAT(err, ::testing::Not(::testing::HasSubstr("emergency_stop_flag=1")));
+}
+
+TEST_F(LoopTest, SustainedVelocityExcessStopsTheArm) {
+  // A smooth timeline brings joint 4 up to 6 rad/s, above 1.3 x its 4 rad/s limit, with its
+  // acceleration and jerk inside their bands, so that the velocity check is the one that acts.
+  const auto start = arm->get_joint();
+  std::vector<Access::Sample> samples;
+  double position = start[3];
+  for (int i = 0; i <= 800; ++i) {
+    const double s = std::min(i / 400.0, 1.0);  // 1 s ramp, then cruise
+    Access::Sample sample;
+    for (int j = 0; j < 6; ++j) {
+      sample.position[j] = start[j];
+    }
+    sample.velocity[3] = 6.0 * kestrel::controller::septic_position(s);
+    sample.acceleration[3] = i < 400 ? 6.0 * kestrel::controller::septic_velocity(s) : 0.0;
+    position += sample.velocity[3] * 0.0025;
+    sample.position[3] = position;
+    samples.push_back(sample);
+  }
+  Access::play(*arm, std::move(samples));
+  ASSERT_TRUE(eventually([&] { return !arm->running(); }, 1s));
+  for (size_t i = 0; i < 7; ++i) {
+    EXPECT_FALSE(sim.motors().motor_state(i).enabled) << i;
+  }
+  const auto [out, err] = finish();
+  EXPECT_THAT(err, ::testing::ContainsRegex(
+                       "\\[control_loop\\] runtime joint velocity stop: joint=4 value=[0-9.]+ "
+                       "threshold=5\\.2 cycles=8"));
+  EXPECT_THAT(err,
+              ::testing::HasSubstr("[control_loop] emergency_stop_flag=1, calling disable_all()"));
+  EXPECT_THAT(
+      err, ::testing::HasSubstr("[control_loop] loop exited. exit_flag=1 emergency_stop_flag=1"));
+}
+
+TEST_F(LoopTest, TorqueBetweenWarnAndStopOnlyWarns) {
+  sim.ramp_external_torque(3, 0.0, 7.0, 1000ms);  // joint 4: warn 6, stop 8 N·m
+  std::this_thread::sleep_for(7s);
+  EXPECT_FALSE(arm->emergency_stopped());
+  sim.ramp_external_torque(3, 7.0, 0.0, 500ms);
+  const auto [out, err] = finish();
+  EXPECT_THAT(
+      out,
+      ::testing::ContainsRegex(
+          "⚠️ 警告：电机4 平均力矩：-?[0-9.]+ 平均力矩超过报警阈值 6，"
+          "停止阈值 8 已持续 0 秒！若继续超限，将在 6 秒后断电！"));
+  EXPECT_THAT(out, ::testing::Not(::testing::HasSubstr("触发急停")));
+}
+
+TEST_F(LoopTest, SustainedOverloadTriggersTheEmergencyStopAfterSixSeconds) {
+  sim.ramp_external_torque(3, 0.0, 7.9, 800ms);  // just below joint 4's 8 N·m stop limit
+  sim.ramp_external_torque(3, 7.9, 9.0, 100ms);
+  const auto t0 = Clock::now();
+  ASSERT_TRUE(eventually([&] { return arm->emergency_stopped(); }, 9s));
+  const double seconds = std::chrono::duration<double>(Clock::now() - t0).count();
+  EXPECT_GT(seconds, 5.8);
+  EXPECT_LT(seconds, 7.5);
+  ASSERT_TRUE(eventually([&] { return !arm->running(); }, 1s));
+  sim.motors().set_external_torque(3, 0.0);
+  for (size_t i = 0; i < 7; ++i) {
+    EXPECT_FALSE(sim.motors().motor_state(i).enabled) << i;
+  }
+  const auto [out, err] = finish();
+  const auto warning = out.find("⚠️ 警告：电机4");
+  const auto trigger = out.find("❌ 电机4 平均力矩超阈值已持续 ");
+  ASSERT_NE(warning, std::string::npos);
+  ASSERT_NE(trigger, std::string::npos);
+  EXPECT_LT(warning, trigger) << "warnings come first";
+  EXPECT_THAT(out, ::testing::HasSubstr(" 秒，触发急停！"));
+  EXPECT_THAT(err,
+              ::testing::ContainsRegex(
+                  "\\[torque_monitor\\] trigger emergency_stop on joint 4, avg_torque=-?[0-9.]+, "
+                  "threshold=8, over_limit_time=6"));
+  EXPECT_THAT(err, ::testing::HasSubstr(
+                       "[control_loop] disable_all done, exit_flag set, control loop exiting"));
+  EXPECT_THAT(
+      err, ::testing::HasSubstr("[torque_monitor] loop exited. exit_flag=1 emergency_stop_flag=1"));
+}
+
+}  // namespace
