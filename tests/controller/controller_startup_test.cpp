@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <regex>
 
 #include "controller/controller_fixture.hpp"
 #include "kestrel/controller/controller_config.hpp"
@@ -97,8 +96,16 @@ std::vector<WireFrame> received(kestrel::sim::SimulatedMotorBus& motors, size_t 
   return out;
 }
 
+// The text as a POSIX extended regular expression that matches exactly it.
 std::string escape_regex(const std::string& text) {
-  return std::regex_replace(text, std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)");
+  std::string out;
+  for (char c : text) {
+    if (std::strchr(".^$|()[]{}*+?\\", c) != nullptr) {
+      out += '\\';
+    }
+    out += c;
+  }
+  return out;
 }
 
 class StartupSequence : public ::testing::TestWithParam<std::tuple<ControlMode, bool>> {};

@@ -141,6 +141,12 @@ bool register_config_scenario(const char* name, ConfigScenario scenario) {
   return scenarios().emplace(name, scenario).second;
 }
 
+void run_config_scenario_if_child() {
+  if (in_config_sandbox_child()) {
+    run_scenario_and_exit();
+  }
+}
+
 bool in_config_sandbox_child() {
   return dispatcher_installed;
 }

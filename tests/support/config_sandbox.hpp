@@ -46,6 +46,10 @@ bool register_config_scenario(const char* name, ConfigScenario scenario);
 // True in a child started by ConfigSandbox::run (for code that must behave differently there).
 bool in_config_sandbox_child();
 
+// For programs without gtest (benchmarks): in a sandbox child, runs the requested scenario and
+// ends the process with its status; otherwise returns at once. Call it first thing in main().
+void run_config_scenario_if_child();
+
 struct ChildResult {
   int exit_code = -1;   // exit status, or -1 when the child was ended by a signal
   int term_signal = 0;  // the signal that ended it, else 0

@@ -79,7 +79,11 @@ class RobotKinematics {
                                                const std::vector<double>& dq,
                                                const std::vector<double>& ddq) const;
 
-  // --- Inverse kinematics (defined in the inverse-kinematics source file) ---------------------
+  // --- Inverse kinematics (ik_solver.cpp) --------------------------------------------------------
+  // Joints for a tool-centre-point target (RPY orientation) near `seed`, by the strategy of
+  // ik_solver.mode; false (and one "solve_ik_kdl failed: ..." line) when nothing is accepted.
+  // inverse_kinematics_jacobian: damped least squares on the screw-axis model, tool-centre-point
+  // targets; empty when it does not converge.
   bool solve_ik_kdl(const std::vector<double>& target_pos, const std::vector<double>& target_euler,
                     const std::vector<double>& seed, std::vector<double>& out,
                     bool* fallback_used = nullptr);
@@ -125,6 +129,8 @@ class RobotKinematics {
   const Eigen::Matrix4d& flange_to_tcp() const { return flange_to_tcp_; }
 
  private:
+  class IkSearch;  // one inverse-kinematics call's search state (ik_solver.cpp)
+
   void build(const std::string& config_path, const std::string* urdf_path);
   void check_size(const std::vector<double>& v, const char* message) const;
 

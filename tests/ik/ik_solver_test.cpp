@@ -1,0 +1,306 @@
+// Inverse kinematics: argument errors, round trips, the strategies of each mode and the exact
+// lines their fallbacks and failures print. Settings are read once per process, so every
+// configuration variant runs in a child process against an edited copy of the shipped file.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <iostream>
+#include <random>
+
+#include "kestrel/algorithms/kinematics.hpp"
+#include "support/config_sandbox.hpp"
+#include "support/stderr_capture.hpp"
+
+namespace {
+
+using kestrel::testing::capture_stderr;
+using kestrel::testing::ChildResult;
+using kestrel::testing::ConfigSandbox;
+using kestrel::testing::replace_yaml_section;
+using Joints = std::vector<double>;
+
+RobotKinematics& model() {
+  static RobotKinematics* m = new RobotKinematics();  // outlives the tests
+  return *m;
+}
+
+// Position and RPY angles of the tool point at q.
+std::pair<Joints, Joints> pose_of(const Joints& q) {
+  const auto fk = model().forwardKinematics_kdl(q);
+  const KDL::Rotation r = KDL::Rotation::Quaternion(fk[3], fk[4], fk[5], fk[6]);
+  double roll, pitch, yaw;
+  r.GetRPY(roll, pitch, yaw);
+  return {{fk[0], fk[1], fk[2]}, {roll, pitch, yaw}};
+}
+
+double position_error(const Joints& q, const Joints& target) {
+  const auto fk = model().forwardKinematics_kdl(q);
+  return std::hypot(fk[0] - target[0], fk[1] - target[1], fk[2] - target[2]);
+}
+
+const Joints kWorking = {0.3, 0.5, -0.4, 0.2, -0.6, 0.1};
+
+// The elbow stretched (the wrist bent, away from its own singularity), and a seed near it:
+// close enough that fallback answers pass the 20 ms velocity-plausibility window.
+const Joints kStretched = {0.0, 0.9, -M_PI / 2, 0.0, -1.0, 0.0};
+const Joints kNearStretched = {0.0, 0.9, -M_PI / 2 + 0.01, 0.0, -1.0, 0.0};
+
+// A target `by` metres beyond the arm's reach, with the stretched posture's orientation.
+std::pair<Joints, Joints> beyond_reach(double by) {
+  const Joints& stretched = kStretched;
+  auto [pos, euler] = pose_of(stretched);
+  const auto fk = model().forwardKinematics_kdl(stretched);
+  const double shoulder_z = 0.165;
+  double dx = fk[0], dz = fk[2] - shoulder_z;
+  const double n = std::hypot(dx, dz);
+  pos[0] += by * dx / n;
+  pos[2] += by * dz / n;
+  return {pos, euler};
+}
+
+TEST(SolveIk, ArgumentErrors) {
+  Joints out;
+  try {
+    model().solve_ik_kdl({0.1, 0.2}, {0, 0, 0}, kWorking, out);
+    FAIL();
+  } catch (const std::invalid_argument& e) {
+    EXPECT_STREQ(e.what(), "solve_ik_kdl expects 3D position and 3D Euler target");
+  }
+  try {
+    model().solve_ik_kdl({0.1, 0.2, 0.3}, {0, 0, 0}, {0, 0, 0, 0, 0}, out);
+    FAIL();
+  } catch (const std::invalid_argument& e) {
+    EXPECT_STREQ(e.what(), "solve_ik_kdl seed size does not match KDL joint count");
+  }
+  EXPECT_TRUE(out.empty()) << "out is written only on success";
+}
+
+TEST(SolveIk, TargetAtTheSeedIsSolvedByKdlAtOnce) {
+  const auto [pos, euler] = pose_of(kWorking);
+  Joints out;
+  bool fallback = true;
+  const std::string err = capture_stderr(
+      [&] { EXPECT_TRUE(model().solve_ik_kdl(pos, euler, kWorking, out, &fallback)); });
+  EXPECT_EQ(err, "");
+  EXPECT_FALSE(fallback);
+  for (int j = 0; j < 6; ++j) {
+    EXPECT_NEAR(out[j], kWorking[j], 1e-6);
+  }
+}
+
+TEST(SolveIk, RoundTripsFromNearbySeedsStayOnTheBranch) {
+  std::mt19937 rng(11);
+  int solved = 0;
+  const int trials = 300;
+  for (int t = 0; t < trials; ++t) {
+    Joints q(6), seed(6);
+    for (int j = 0; j < 6; ++j) {
+      const double lo = model().joint_lower_limits()[j] + 0.1;
+      const double hi = model().joint_upper_limits()[j] - 0.1;
+      q[j] = std::uniform_real_distribution<double>(lo, hi)(rng);
+      seed[j] = q[j] + std::uniform_real_distribution<double>(-0.05, 0.05)(rng);
+    }
+    const auto [pos, euler] = pose_of(q);
+    Joints out;
+    bool ok = false;
+    capture_stderr([&] { ok = model().solve_ik_kdl(pos, euler, seed, out); });
+    if (ok) {
+      ++solved;
+      EXPECT_LT(position_error(out, pos), 0.003);
+      double delta = 0.0;
+      for (int j = 0; j < 6; ++j) {
+        delta = std::max(delta, std::abs(out[j] - q[j]));
+      }
+      EXPECT_LT(delta, 0.2) << "a near seed finds the nearby solution";
+    }
+  }
+  EXPECT_GE(solved, trials * 99 / 100);
+}
+
+TEST(SolveIk, TargetJustBeyondReachIsAcceptedWithinTolerance) {
+  const auto [pos, euler] = beyond_reach(0.0015);
+  Joints out;
+  bool fallback = false;
+  bool ok = false;
+  const std::string err = capture_stderr(
+      [&] { ok = model().solve_ik_kdl(pos, euler, kNearStretched, out, &fallback); });
+  ASSERT_TRUE(ok) << err;
+  EXPECT_TRUE(fallback);
+  EXPECT_THAT(err, ::testing::StartsWith("[WARN][solve_ik_kdl] accepted KDL residual IK fallback, "
+                                         "target_pos=["));
+  EXPECT_THAT(err, ::testing::HasSubstr(", fk_pos_error_m=0.001"));
+}
+
+TEST(SolveIk, UnreachableTargetFailsWithOneLine) {
+  const auto [pos, euler] = beyond_reach(0.05);
+  Joints out;
+  bool fallback = true;
+  bool ok = true;
+  const std::string err = capture_stderr(
+      [&] { ok = model().solve_ik_kdl(pos, euler, kNearStretched, out, &fallback); });
+  EXPECT_FALSE(ok);
+  EXPECT_FALSE(fallback);
+  EXPECT_TRUE(out.empty());
+  EXPECT_THAT(err, ::testing::MatchesRegex("solve_ik_kdl failed: ret=-[0-9]+, reason=[^\n]+, "
+                                           "target_pos=\\[[^]]+\\], target_euler=\\[[^]]+\\]\n"));
+}
+
+TEST(JacobianIk, ConvergesToTheToolPointAndFailsWithItsLine) {
+  const auto [pos, euler] = pose_of(kWorking);
+  Eigen::VectorXd start(6);
+  for (int j = 0; j < 6; ++j) {
+    start[j] = kWorking[j] + 0.05;
+  }
+  const auto q = model().inverse_kinematics_jacobian(Eigen::Vector3d(pos[0], pos[1], pos[2]),
+                                                     Eigen::Vector3d(euler[0], euler[1], euler[2]),
+                                                     start, 1e-4, 1e-3, 200, 1e-4);
+  ASSERT_TRUE(q.has_value());
+  EXPECT_LT(position_error(Joints(q->data(), q->data() + 6), pos), 2e-4);
+
+  std::optional<Eigen::VectorXd> none;
+  const std::string err = capture_stderr([&] {
+    none = model().inverse_kinematics_jacobian(
+        Eigen::Vector3d(0.1, 0.2, 0.3), Eigen::Vector3d(0, 0, 0), start, 1e-4, 1e-3, 0, 0.01);
+  });
+  EXPECT_FALSE(none.has_value());
+  EXPECT_EQ(err,
+            "inverse_kinematics_jacobian failed: reason=failed to converge within "
+            "iteration/threshold limits, max_iterations=0, threshold_pos=0.0001, "
+            "threshold_rot=0.001, damping=0.01, target_pos=[0.1, 0.2, 0.3], target_euler=[0, 0, "
+            "0]\n");
+}
+
+// ---- Configuration variants -------------------------------------------------------------------
+
+// args: target x y z roll pitch yaw, then the six seed values. Prints the result and stderr.
+KESTREL_CONFIG_SCENARIO(solve_ik) {
+  RobotKinematics kin;
+  Joints pos = {std::stod(args[0]), std::stod(args[1]), std::stod(args[2])};
+  Joints euler = {std::stod(args[3]), std::stod(args[4]), std::stod(args[5])};
+  Joints seed;
+  for (size_t i = 6; i < 12; ++i) {
+    seed.push_back(std::stod(args[i]));
+  }
+  Joints out;
+  bool fallback = false;
+  const bool ok = kin.solve_ik_kdl(pos, euler, seed, out, &fallback);
+  std::cout << "ok=" << ok << " fallback=" << fallback << " out=";
+  for (double v : out) {
+    std::cout << v << ' ';
+  }
+  std::cout << '\n';
+  return 0;
+}
+
+class IkConfig : public ::testing::Test {
+ protected:
+  ChildResult solve(const std::string& sections, const Joints& pos, const Joints& euler,
+                    const Joints& seed) {
+    std::string yaml = ConfigSandbox::shipped_config();
+    yaml = replace_yaml_section(yaml, "ik_solver", "");
+    yaml = replace_yaml_section(yaml, "ik_fallback", "");
+    yaml = replace_yaml_section(yaml, "logging", "");
+    box.write_config(yaml + "\n" + sections);
+    kestrel::testing::RunOptions options;
+    for (const auto& v : {pos, euler, seed}) {
+      for (double x : v) {
+        std::ostringstream s;
+        s.precision(17);
+        s << x;
+        options.args.push_back(s.str());
+      }
+    }
+    return box.run("solve_ik", options);
+  }
+  ConfigSandbox box;
+};
+
+TEST_F(IkConfig, FastModeWithoutKdlFallbackPrintsItsFailure) {
+  const auto [pos, euler] = beyond_reach(0.05);
+  const auto r =
+      solve("ik_solver: {mode: fast, allow_kdl_fallback: false}\n", pos, euler, kNearStretched);
+  ASSERT_EQ(r.exit_code, 0) << r.describe();
+  EXPECT_THAT(r.out, ::testing::HasSubstr("ok=0 fallback=0"));
+  EXPECT_THAT(r.err,
+              ::testing::MatchesRegex("solve_ik_kdl failed: fast IK residual exceeded tolerance, "
+                                      "target_pos=\\[[^]]+\\], target_euler=\\[[^]]+\\]\n"));
+}
+
+TEST_F(IkConfig, FastModeSolvesAReachableTargetWithoutKdl) {
+  const auto [pos, euler] = pose_of(kWorking);
+  Joints seed = kWorking;
+  seed[1] += 0.03;
+  const auto r = solve("ik_solver: {mode: fast, allow_kdl_fallback: false}\n", pos, euler, seed);
+  EXPECT_THAT(r.out, ::testing::HasSubstr("ok=1 fallback=0")) << r.describe();
+  EXPECT_EQ(r.err, "");
+}
+
+TEST_F(IkConfig, VelocityCheckAtItsBoundary) {
+  // Tight tolerances make the fast solver land exactly on the answer; joint 2 of the answer
+  // lies 0.06 or 0.07 rad from the seed, against 3 rad/s x 0.02 s = 0.06 rad.
+  const std::string settings =
+      "ik_solver: {mode: fast, allow_kdl_fallback: false, position_tolerance_m: 1.0e-7, "
+      "orientation_tolerance_rad: 1.0e-7, max_fast_iterations: 60, max_joint_delta_time_sec: "
+      "0.02, max_joint_velocity_rad_s: [3, 3, 3, 3, 3, 3]}\nlogging: {ik_diagnostics: true}\n";
+  for (double offset : {0.06, 0.07}) {
+    Joints seed = kWorking;
+    seed[2] -= offset;
+    const auto [pos, euler] = pose_of(kWorking);
+    const auto r = solve(settings, pos, euler, seed);
+    if (offset == 0.06) {
+      EXPECT_THAT(r.out, ::testing::HasSubstr("ok=1")) << r.describe();
+    } else {
+      EXPECT_THAT(r.out, ::testing::HasSubstr("ok=0")) << r.describe();
+      EXPECT_THAT(r.err, ::testing::HasSubstr(
+                             "[DEBUG][solve_ik_kdl] rejected fast residual IK: joint2 delta=0.07 "
+                             "exceeds velocity-derived limit=0.06 (max_vel=3, dt=0.02)"));
+    }
+  }
+}
+
+TEST_F(IkConfig, PositionTolerantFallbackRetargetsWithinItsRadius) {
+  const auto [pos, euler] = beyond_reach(0.004);
+  const Joints seed = kNearStretched;
+  // No time budget: the outcome must not depend on how fast this machine is.
+  // A wider radius than the 4 mm overshoot, so that an inward candidate lands well inside the
+  // reach rather than on the singular boundary.
+  auto r = solve(
+      "ik_solver: {mode: kdl}\nik_fallback: {enabled: true, position_tolerance_m: 0.008, "
+      "max_time_ms: 0}\n",
+      pos, euler, seed);
+  EXPECT_THAT(r.out, ::testing::HasSubstr("ok=1 fallback=1")) << r.describe();
+  EXPECT_THAT(r.err, ::testing::HasSubstr("; accepted position-tolerant IK fallback, "
+                                          "original_target_pos=["));
+  EXPECT_THAT(r.err, ::testing::HasSubstr(", tolerance_m=0.008, fk_pos_error_m="));
+
+  r = solve("ik_solver: {mode: kdl}\nik_fallback: {enabled: true, max_candidates: 0}\n", pos, euler,
+            seed);
+  EXPECT_THAT(r.out, ::testing::HasSubstr("ok=0")) << r.describe();
+  EXPECT_THAT(r.err, ::testing::HasSubstr("; tolerant fallback failed, tolerance_m=0.005, "
+                                          "candidates_tried=0, max_candidates=0, max_time_ms=3, "
+                                          "time_exceeded=false\n"));
+}
+
+TEST_F(IkConfig, ContinuousJointIsWrappedIntoOneTurn) {
+  std::string urdf = ConfigSandbox::shipped_urdf();
+  const std::string revolute = R"(<joint name="joint6" type="revolute">)";
+  ASSERT_NE(urdf.find(revolute), std::string::npos);
+  urdf.replace(urdf.find(revolute), revolute.size(), R"(<joint name="joint6" type="continuous">)");
+  box.write_file(box.urdf_path(), urdf);
+  Joints q = kWorking;
+  q[5] = 3.5;
+  const auto [pos, euler] = pose_of(q);  // joint 6 turns the tool about its own axis
+  Joints seed = q;
+  seed[5] = 3.45;
+  const auto r = solve("", pos, euler, seed);
+  ASSERT_THAT(r.out, ::testing::HasSubstr("ok=1")) << r.describe();
+  std::istringstream values(r.out.substr(r.out.find("out=") + 4));
+  Joints out(6);
+  for (double& v : out) {
+    values >> v;
+  }
+  EXPECT_NEAR(out[5], 3.5 - 2 * M_PI, 1e-4);
+}
+
+}  // namespace
