@@ -128,7 +128,8 @@ TEST_F(LoopTest, WaypointTimelinePlaysBackAndEndsInAHold) {
 
 TEST_F(LoopTest, UnfollowableTimelineTurnsIntoAHoldWithoutEmergencyStop) {
   // Joint 4's motor falls silent mid-motion: its feedback freezes while the timeline moves on,
-  // so the tracking error grows past the stop level and stays there.
+  // so the tracking error grows past the stop level and stays there. The timeline runs on the
+  // clock, so on a loaded machine the error may have grown a little further by the 30th cycle.
   const auto start = arm->get_joint();
   std::vector<Access::Sample> samples(801);
   for (size_t i = 0; i < samples.size(); ++i) {
@@ -150,7 +151,7 @@ TEST_F(LoopTest, UnfollowableTimelineTurnsIntoAHoldWithoutEmergencyStop) {
   EXPECT_THAT(
       err,
       ::testing::ContainsRegex(
-          "\\[control_loop\\] waypoint tracking error stop: joint=4 error_rad=0\\.2[5-9][0-9]* "
+          "\\[control_loop\\] waypoint tracking error stop: joint=4 error_rad=0\\.(2[5-9]|3)[0-9]* "
           "threshold=0\\.25 cycles=30"));
   EXPECT_THAT(err, ::testing::Not(::testing::HasSubstr("emergency_stop_flag=1")));
 }
