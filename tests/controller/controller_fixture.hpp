@@ -101,6 +101,7 @@ bool eventually(Predicate predicate, std::chrono::milliseconds timeout) {
 // Declared a friend of ArmController: reaches the private command slot.
 class ArmControllerTestAccess {
  public:
+  using Impl = ArmController::Impl;
   using Sample = kestrel::algorithms::WaypointTrajectorySample;
 
   static ArmController::Impl& impl(ArmController& arm) { return *arm.impl_; }

@@ -126,7 +126,8 @@ class ArmController::Impl {
       const JointArray& amax, const JointArray& jmax, double time_sec, double control_hz,
       std::vector<double>* gripper_timeline_out = nullptr,
       const std::vector<double>* point_gripper_targets = nullptr,
-      const JointArray* start_velocity = nullptr) const;
+      const JointArray* start_velocity = nullptr,
+      std::vector<long>* segment_steps_out = nullptr) const;
   // Joint-limit margins, then singularity, then self-collision, merged.
   kestrel::algorithms::SafetyResult evaluate_waypoint_trajectory_safety(
       const std::vector<Sample>& samples);
@@ -150,7 +151,11 @@ class ArmController::Impl {
   // Blocks until the waypoint command `command_id` is over; throws when a stop ended it.
   void wait_for_waypoint_motion(int64_t command_id);
 
-  struct PreparedMotion;
+  struct PreparedMotion {
+    Timeline samples;
+    std::shared_ptr<const std::vector<double>> gripper_timeline;
+    double duration = 0.0;
+  };
   // The checks and planning shared by both publishers (`prefix` names the caller in messages).
   PreparedMotion prepare_waypoint_motion(const std::vector<std::vector<double>>& waypoints,
                                          double time_sec, double speed_percent, double control_hz,
@@ -161,6 +166,33 @@ class ArmController::Impl {
   // or pending timeline, else the hold target or the measured joints.
   bool commanded_state_at(int64_t when_ns, JointArray& position, JointArray& velocity);
   void record_last_samples(const std::vector<Sample>& samples);
+
+  // ---- Cartesian motions (cartesian_motion.cpp) ----
+  // Joint timeline of a straight-line tool path from q_start through `poses` (see move_l),
+  // with the gripper opening beside each sample when targets are given (current first).
+  std::vector<Sample> plan_cartesian_line_trajectory(
+      const JointArray& q_start, const std::vector<std::vector<double>>& poses, double time_sec,
+      double speed, double blend_radius_m, double control_hz, double position_tolerance_m,
+      double orientation_tolerance_rad, const char* prefix,
+      std::vector<double>* gripper_timeline_out = nullptr,
+      const std::vector<double>* point_gripper_targets = nullptr);
+  // Plans the poses (linear or point to point), checks, executes and waits; returns the
+  // planned duration.
+  double publish_cartesian_waypoint_trajectory_command(
+      const std::vector<std::vector<double>>& poses, double time_sec, double speed_percent,
+      double blend_radius_m, double control_hz, double position_tolerance_m,
+      double orientation_tolerance_rad, bool linear, const std::vector<double>* gripper_positions);
+
+  // ---- Singularity detour (singularity_detour.cpp) ----
+  // Index of the waypoint segment (0 = start to first waypoint) that holds sample `sample` of a
+  // plan with these step counts per segment.
+  static size_t find_waypoint_segment_for_sample(const std::vector<long>& segment_steps,
+                                                 size_t sample);
+  // Postures to insert between `from` and `to` so that the segment no longer meets the singular
+  // posture `offending`, most promising first, clamped into the joint limits.
+  std::vector<JointArray> build_singularity_avoidance_candidates(const JointArray& from,
+                                                                 const JointArray& to,
+                                                                 const JointArray& offending) const;
 
   // ---- Control loop pieces (control thread only; see control_loop.cpp) ----
   struct LoopState;
@@ -241,6 +273,13 @@ class ArmController::Impl {
   std::thread control_thread;
   std::thread monitor_thread;
   kestrel::controller::LoopTimingRecorder loop_timing;
+
+  // ---- Streaming state of set_end_effector_pose_raw (own mutex) ----
+  std::mutex pose_stream_mutex;
+  bool pose_stream_started = false;
+  int64_t pose_stream_last_ns = 0;
+  JointArray pose_stream_q{};
+  JointArray pose_stream_v{};
 
   // ---- Last commanded waypoint samples (own mutex) ----
   std::mutex last_samples_mutex;

@@ -90,6 +90,22 @@ class ArmController {
   void setGripperDistance(double distance, double kp, double kd);
   void setGripperDistance(double distance);
 
+  // ---- Cartesian commands: pos x, y, z (m) and euler roll, pitch, yaw (rad, fixed axes X, Y,
+  // then Z) of the tool centre point in the base frame ------------------------------------------
+  // Solves the pose by damped least squares from the current joints and moves there as
+  // set_joint(q, time) would; prints "雅可比逆解失败。" and sends nothing when it cannot.
+  void set_end_effector_pose(const std::vector<double>& pos, const std::vector<double>& euler,
+                             double time);
+  // For streaming targets at a high rate: solves IK from the current joints and sends the
+  // answer as a raw joint target with a smoothed, velocity- and acceleration-limited velocity.
+  // Wrong sizes, no joint state yet or no IK answer send nothing.
+  void set_end_effector_pose_raw(const std::vector<double>& pos, const std::vector<double>& euler);
+  // IK query, nothing moves: joints for the pose near q_seed (6 values), or near the current
+  // joints when q_seed is empty (the zero posture before any feedback); second = success.
+  std::pair<std::vector<double>, bool> solve_ik(const std::vector<double>& pos,
+                                                const std::vector<double>& euler,
+                                                const std::vector<double>& q_seed = {});
+
   // ---- Gravity compensation (floating arm, torque only) ----------------------------------------
   void identify_gravity_compensation();
   void identify_gravity_compensation_kdl();
@@ -126,6 +142,36 @@ class ArmController {
   // The samples of the last published waypoint motion: six joint values, then the tool point's
   // x, y, z (m) and orientation quaternion qx, qy, qz, qw.
   std::vector<std::vector<double>> get_last_waypoint_command_samples();
+
+  // ---- Cartesian motions: poses [x, y, z, roll, pitch, yaw] of the tool centre point
+  // ------------- Each returns when the motion has ended, with its planned duration in seconds.
+  // time_sec > 0 gives the whole motion's duration; otherwise speed_percent (0, 1] or the
+  // configured default when 0. Every pose is reached within these tolerances of the IK answers:
+  static constexpr double kPositionToleranceM = 0.003;
+  static constexpr double kOrientationToleranceRad = 0.05;
+  // linear: straight tool lines from the current pose through the poses, each corner rounded by
+  // an arc that leaves the lines no farther than blend_radius_m from the corner (0: stop at each
+  // corner), orientation turned about one axis the shortest way; otherwise point to point.
+  // A path that IK cannot follow, or that would jump between IK branches, is refused with
+  // std::runtime_error before the arm moves.
+  double move_pose_waypoints(const std::vector<std::vector<double>>& poses, double time_sec,
+                             double speed_percent, bool linear = true,
+                             double blend_radius_m = 0.002);
+  double move_l(const std::vector<std::vector<double>>& poses, double time_sec = 0.0,
+                double speed_percent = 0.0, double blend_radius_m = 0.002);
+  // Point to point: each pose solved by IK from the answer before, then a joint waypoint motion
+  // through the answers.
+  double move_p(const std::vector<std::vector<double>>& poses, double time_sec = 0.0,
+                double speed_percent = 0.0);
+  double move_p_with_gripper(const std::vector<std::vector<double>>& poses,
+                             const std::vector<double>& gripper_positions, double time_sec = 0.0,
+                             double speed_percent = 0.0);
+
+  // ---- Motion programs
+  // --------------------------------------------------------------------------- Runs the items in
+  // order, joining consecutive moves of one kind with compatible timing into one motion; returns
+  // the sum of the executed motions' durations, seconds.
+  double run_motion_program(const std::vector<MotionProgramItem>& program);
 
   // ---- Latest state ----------------------------------------------------------------------------
   std::vector<double> get_joint();              // rad; empty before the first feedback

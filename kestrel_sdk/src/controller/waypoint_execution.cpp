@@ -4,18 +4,13 @@
 #include <chrono>
 #include <cmath>
 #include <iostream>
+#include <sstream>
 #include <stdexcept>
 
 #include "kestrel/algorithms/config_paths.hpp"
 #include "kestrel/controller/arm_controller_impl.hpp"
 
 namespace ka = kestrel::algorithms;
-
-struct ArmController::Impl::PreparedMotion {
-  Timeline samples;
-  std::shared_ptr<const std::vector<double>> gripper_timeline;
-  double duration = 0.0;
-};
 
 namespace {
 
@@ -97,14 +92,62 @@ ArmController::Impl::PreparedMotion ArmController::Impl::prepare_waypoint_motion
   }
 
   std::vector<double> gripper_timeline;
+  std::vector<long> segment_steps;
   auto plan = [&](const JointArray& v, const JointArray& a, const JointArray& jk) {
     return plan_joint_waypoint_trajectory(start, targets, v, a, jk, time_sec, control_hz,
                                           gripper_positions ? &gripper_timeline : nullptr,
                                           gripper_positions ? &gripper_targets : nullptr,
-                                          start_velocity);
+                                          start_velocity, &segment_steps);
   };
   auto samples = plan(vmax, amax, jmax);
   auto verdict = evaluate_waypoint_trajectory_safety(samples);
+  if (verdict.level == ka::SafetyLevel::stop && verdict.code == "singularity_stop") {
+    // Route around it: one extra waypoint in the segment that meets the singular posture.
+    const size_t segment = find_waypoint_segment_for_sample(segment_steps, verdict.sample);
+    const JointArray& from = segment == 0 ? start : targets[segment - 1];
+    const JointArray& to = targets[segment];
+    const auto candidates =
+        build_singularity_avoidance_candidates(from, to, samples[verdict.sample].position);
+    bool avoided = false;
+    for (const auto& candidate : candidates) {
+      auto trial_targets = targets;
+      trial_targets.insert(trial_targets.begin() + static_cast<long>(segment), candidate);
+      auto trial_gripper = gripper_targets;
+      if (gripper_positions != nullptr) {
+        // The gripper passes the extra waypoint halfway between its neighbours' openings.
+        const double g = 0.5 * (gripper_targets[segment] + gripper_targets[segment + 1]);
+        trial_gripper.insert(trial_gripper.begin() + static_cast<long>(segment) + 1, g);
+      }
+      std::vector<Sample> trial;
+      try {
+        std::swap(targets, trial_targets);
+        std::swap(gripper_targets, trial_gripper);
+        trial = plan(vmax, amax, jmax);
+      } catch (const std::runtime_error&) {
+        trial.clear();  // e.g. time mode: the extra segment breaks a limit; try the next one
+      }
+      const auto trial_verdict =
+          trial.empty() ? verdict : evaluate_waypoint_trajectory_safety(trial);
+      if (!trial.empty() && trial_verdict.level != ka::SafetyLevel::stop) {
+        std::ostringstream line;
+        line << prefix << "inserted singularity avoidance waypoint at segment=" << segment
+             << ", sample=" << verdict.sample << ", q=[";
+        for (int j = 0; j < kJoints; ++j) {
+          line << (j ? ", " : "") << candidate[j];
+        }
+        std::cerr << line.str() << "]" << std::endl;
+        samples = std::move(trial);
+        verdict = trial_verdict;
+        avoided = true;
+        break;
+      }
+      std::swap(targets, trial_targets);  // back to the plan without the candidate
+      std::swap(gripper_targets, trial_gripper);
+    }
+    if (!avoided) {
+      std::cerr << prefix << "singularity avoidance failed; falling back to stop" << std::endl;
+    }
+  }
   if (verdict.level == ka::SafetyLevel::stop) {
     throw std::runtime_error(std::string(prefix) + ka::format_safety_result(verdict));
   }

@@ -59,7 +59,7 @@ std::vector<ArmController::Impl::Sample> ArmController::Impl::plan_joint_waypoin
     const JointArray& q_start, const std::vector<JointArray>& waypoints, const JointArray& vmax,
     const JointArray& amax, const JointArray& jmax, double time_sec, double control_hz,
     std::vector<double>* gripper_timeline_out, const std::vector<double>* point_gripper_targets,
-    const JointArray* start_velocity) const {
+    const JointArray* start_velocity, std::vector<long>* segment_steps_out) const {
   std::vector<JointArray> points;
   points.reserve(waypoints.size() + 1);
   points.push_back(q_start);
@@ -168,6 +168,9 @@ std::vector<ArmController::Impl::Sample> ArmController::Impl::plan_joint_waypoin
     }
   }
 
+  if (segment_steps_out != nullptr) {
+    *segment_steps_out = steps;
+  }
   size_t total_samples = 1;
   for (long n : steps) {
     total_samples += static_cast<size_t>(n);
