@@ -113,6 +113,27 @@ class ArmControllerTestAccess {
                                     nullptr, i.command_sample_period);
   }
 
+  // Number of waypoint commands published so far (one per executed motion).
+  static int64_t command_counter(ArmController& arm) {
+    auto& i = impl(arm);
+    std::lock_guard<std::mutex> lock(i.command_mutex);
+    return i.command.command_counter;
+  }
+
+  // The raw target velocity of the command slot (set_joint_raw, set_end_effector_pose_raw).
+  static kestrel::controller::JointArray target_velocity(ArmController& arm) {
+    auto& i = impl(arm);
+    std::lock_guard<std::mutex> lock(i.command_mutex);
+    return i.command.target_velocity;
+  }
+
+  // What the torque monitor does on a sustained overload.
+  static void raise_emergency_stop(ArmController& arm) {
+    auto& i = impl(arm);
+    i.emergency_stop_flag = true;
+    i.notify_motion_state_changed();
+  }
+
   static int command_kind(ArmController& arm) {
     auto& i = impl(arm);
     std::lock_guard<std::mutex> lock(i.command_mutex);

@@ -1,0 +1,356 @@
+// Motions end to end on the simulated arm: joint waypoint motions and their waits, chunk updates
+// measured on the frames the motors received, motion programs and their joining rules, linear
+// and point-to-point Cartesian motions, and the Cartesian direct commands.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <future>
+
+#include "controller/controller_fixture.hpp"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Access = ArmControllerTestAccess;
+using kestrel::testing::eventually;
+using kestrel::testing::SimulatedArm;
+using ::testing::HasSubstr;
+using Item = ArmController::MotionProgramItem;
+
+const std::vector<double> kHome = {0.0, 0.3, -0.6, 0.0, -0.6, 0.0};
+const std::vector<double> kWork = {0.2, 0.4, -0.9, 0.3, -0.7, 0.1};
+
+class MotionTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ::testing::internal::CaptureStdout();
+    ::testing::internal::CaptureStderr();
+    arm = std::make_unique<ArmController>(true, "can0", false, MIT_MODE, false);
+    ASSERT_TRUE(eventually([&] { return arm->get_joint().size() == 6; }, 2s));
+  }
+  void TearDown() override {
+    arm.reset();
+    const std::string out = ::testing::internal::GetCapturedStdout();
+    const std::string err = ::testing::internal::GetCapturedStderr();
+    if (HasFailure()) {
+      std::cout << "---- stdout\n" << out << "---- stderr\n" << err;
+    }
+  }
+  // Largest joint difference between the measured joints and q.
+  double distance_to(const std::vector<double>& q) {
+    const auto now = arm->get_joint();
+    double d = 0.0;
+    for (size_t j = 0; j < 6; ++j) {
+      d = std::max(d, std::abs(now[j] - q[j]));
+    }
+    return d;
+  }
+
+  SimulatedArm sim;
+  std::unique_ptr<ArmController> arm;
+};
+
+TEST_F(MotionTest, WaypointMotionArrivesAndReturnsItsDuration) {
+  const auto began = std::chrono::steady_clock::now();
+  const double duration = arm->move_joint_waypoints({kHome, kWork}, 0.0, 0.5);
+  const double waited =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+  const auto samples = arm->get_last_waypoint_command_samples();
+  ASSERT_FALSE(samples.empty());
+  EXPECT_DOUBLE_EQ(duration, static_cast<double>(samples.size() - 1) / 400.0);
+  EXPECT_GE(waited, duration);             // the call returns when the motion has ended
+  EXPECT_EQ(samples.front().size(), 13u);  // six joints, tool x, y, z and its quaternion
+  std::this_thread::sleep_for(300ms);
+  EXPECT_LT(distance_to(kWork), 0.01);
+  EXPECT_FALSE(arm->emergency_stopped());
+}
+
+TEST_F(MotionTest, ArgumentErrorsComeBeforeAnythingMoves) {
+  auto message = [&](auto&& call) {
+    try {
+      call();
+    } catch (const std::invalid_argument& e) {
+      return std::string(e.what());
+    }
+    return std::string("no error");
+  };
+  EXPECT_EQ(message([&] { arm->move_joint_waypoints({kWork}, 1.0, 0.5); }),
+            "speed_percent and time_sec are mutually exclusive; set only one");
+  EXPECT_EQ(message([&] {
+              arm->move_joint_waypoints({{0.1, 0.2, 0.3, 0.4, 0.5}}, 1.0, 0.0);
+            }),
+            "each waypoint must have exactly 6 joint values");
+  EXPECT_EQ(message([&] { arm->move_joint_waypoints({}, 1.0, 0.0); }),
+            "waypoints must not be empty");
+  EXPECT_EQ(message([&] { arm->update_joint_waypoint_chunk({kWork}, 1.0, 0.0, -0.1); }),
+            "switch_delay_sec must be non-negative");
+  EXPECT_EQ(message([&] {
+              arm->move_l({{0.3, 0.0}}, 1.0, 0.0);
+            }),
+            "[move_l] each pose must have exactly 6 values: x, y, z, roll, pitch, yaw");
+  EXPECT_EQ(Access::command_counter(*arm), 0);
+}
+
+TEST_F(MotionTest, ASecondMotionEndsTheFirstWaitNormally) {
+  auto first =
+      std::async(std::launch::async, [&] { return arm->move_joint_waypoints({kWork}, 4.0, 0.0); });
+  ASSERT_TRUE(eventually([&] { return Access::command_counter(*arm) == 1; }, 2s));
+  std::this_thread::sleep_for(200ms);
+  const double second = arm->move_joint_waypoints({kHome}, 2.0, 0.0);
+  ASSERT_EQ(first.wait_for(0s), std::future_status::ready);
+  EXPECT_DOUBLE_EQ(first.get(), 4.0);
+  EXPECT_DOUBLE_EQ(second, 2.0);
+}
+
+TEST_F(MotionTest, AnEmergencyStopDuringTheWaitThrows) {
+  auto motion =
+      std::async(std::launch::async, [&] { return arm->move_joint_waypoints({kWork}, 3.0, 0.0); });
+  ASSERT_TRUE(eventually([&] { return Access::command_counter(*arm) == 1; }, 2s));
+  Access::raise_emergency_stop(*arm);
+  try {
+    motion.get();
+    FAIL() << "no error";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(), "waypoint motion interrupted by emergency stop");
+  }
+  EXPECT_TRUE(eventually([&] { return !arm->running(); }, 1s));
+}
+
+// MIT position and velocity targets of joint motor `m` as the motor received them, in order.
+std::vector<std::pair<double, double>> received_targets(SimulatedArm& sim, int m) {
+  std::vector<std::pair<double, double>> out;
+  for (const auto& entry : sim.motors().received_frames()) {
+    if (entry.command.kind == kestrel::sim::CommandKind::kMit && entry.command.motor == m) {
+      out.emplace_back(entry.command.mit.q, entry.command.mit.dq);
+    }
+  }
+  return out;
+}
+
+TEST_F(MotionTest, AChunkUpdateSwitchesWithoutAJump) {
+  // A 3 s motion of joint 1; 1 s in, a chunk that turns back switches 0.2 s later, in full
+  // flight. Position and velocity carry on through the switch, as the targets the motor
+  // received show.
+  std::vector<double> far = kHome;
+  far[0] = 1.2;
+  std::vector<double> back = kHome;
+  back[0] = -0.2;
+  auto motion =
+      std::async(std::launch::async, [&] { return arm->move_joint_waypoints({far}, 3.0, 0.0); });
+  ASSERT_TRUE(eventually([&] { return Access::command_counter(*arm) == 1; }, 2s));
+  std::this_thread::sleep_for(1s);
+  sim.motors().clear_frame_log();
+  const double chunk = arm->update_joint_waypoint_chunk({back}, 2.5, 0.0, 0.2);
+  EXPECT_DOUBLE_EQ(chunk, 2.5);
+  EXPECT_DOUBLE_EQ(motion.get(), 3.0);  // replaced at the switch: the first wait ends normally
+  std::this_thread::sleep_for(600ms);
+  const auto targets = received_targets(sim, 0);
+  ASSERT_GT(targets.size(), 200u);
+  for (size_t i = 1; i < targets.size(); ++i) {
+    // Position: no step beyond what 2 rad/s (the planner's limit) covers in two control periods
+    // (a cycle may be late; the timeline runs on the clock), plus one 16-bit count (0.38 mrad).
+    EXPECT_LE(std::abs(targets[i].first - targets[i - 1].first), 2.0 * 0.005 + 0.0004) << i;
+    // Velocity: 4 rad/s^2 changes it by 0.02 rad/s in two periods, plus a 12-bit count or two.
+    // Planning the chunk from rest instead of from the running motion would drop it by about
+    // 0.6 rad/s at the switch.
+    EXPECT_LE(std::abs(targets[i].second - targets[i - 1].second), 0.04) << i;
+  }
+}
+
+TEST_F(MotionTest, MotionProgramJoinsAndSplitsAsItsRulesSay) {
+  std::vector<double> a = kHome, b = kHome;
+  a[0] = 0.15;
+  b[0] = 0.3;
+  auto movej = [](std::vector<double> q, double time, double speed) {
+    Item item;
+    item.type = "movej";
+    item.waypoints = {q};
+    item.time_sec = time;
+    item.speed_percent = speed;
+    return item;
+  };
+  EXPECT_EQ(arm->run_motion_program({}), 0.0);
+  EXPECT_EQ(Access::command_counter(*arm), 0);
+
+  arm->run_motion_program({movej(a, 0, 0.5), movej(b, 0, 0.5)});
+  EXPECT_EQ(Access::command_counter(*arm), 1);  // one motion through both
+  arm->run_motion_program({movej(a, 0, 0.5), movej(b, 0, 0.3)});
+  EXPECT_EQ(Access::command_counter(*arm), 3);  // two speeds: two motions
+  EXPECT_DOUBLE_EQ(arm->run_motion_program({movej(a, 1.0, 0), movej(kHome, 1.5, 0)}), 2.5);
+  EXPECT_EQ(Access::command_counter(*arm), 4);  // timed items join, their times add up
+
+  Item sleep;
+  sleep.type = "Sleep";
+  sleep.sleep_sec = -1.0;
+  EXPECT_THROW(arm->run_motion_program({movej(a, 0.5, 0), sleep}), std::invalid_argument);
+  EXPECT_EQ(Access::command_counter(*arm), 5);  // the movej ran before the sleep was checked
+  Item jump;
+  jump.type = "jump";
+  try {
+    arm->run_motion_program({movej(kHome, 0.5, 0), jump});
+    FAIL() << "no error";
+  } catch (const std::invalid_argument& e) {
+    EXPECT_STREQ(e.what(), "unsupported MotionProgram item type: jump");
+  }
+  EXPECT_EQ(Access::command_counter(*arm), 5);  // the pending movej was dropped
+  Item both = movej(a, 1.0, 0.5);
+  EXPECT_THROW(arm->run_motion_program({movej(b, 1.0, 0), both}), std::invalid_argument);
+  EXPECT_EQ(Access::command_counter(*arm), 5);
+}
+
+TEST_F(MotionTest, CartesianItemsJoinOnlyWithTheSameKindAndBlend) {
+  arm->move_joint_waypoints({kWork}, 0.0, 0.5);
+  const auto p = arm->get_end_effector_pose();
+  const Eigen::Quaterniond q(p[6], p[3], p[4], p[5]);
+  const Eigen::Vector3d rpy =
+      Access::impl(*arm).kinematics->rotation_matrix_to_euler(q.toRotationMatrix());
+  auto pose = [&](double dx, double dy) {
+    return std::vector<double>{p[0] + dx, p[1] + dy, p[2], rpy.x(), rpy.y(), rpy.z()};
+  };
+  auto item = [&](const char* type, std::vector<double> target, double blend) {
+    Item i;
+    i.type = type;
+    i.poses = {target};
+    i.speed_percent = 0.5;
+    i.blend_radius_m = blend;
+    return i;
+  };
+  const int64_t before = Access::command_counter(*arm);
+  arm->run_motion_program(
+      {item("MoveL", pose(-0.03, 0), 0.005), item("movel", pose(-0.03, 0.03), 0.005)});
+  EXPECT_EQ(Access::command_counter(*arm), before + 1);
+  arm->run_motion_program({item("movel", pose(0, 0.03), 0.005), item("movel", pose(0, 0), 0.01)});
+  EXPECT_EQ(Access::command_counter(*arm), before + 3);
+  arm->run_motion_program({item("movel", pose(-0.02, 0), 0.0), item("movep", pose(0, 0), 0.0)});
+  EXPECT_EQ(Access::command_counter(*arm), before + 5);
+}
+
+// Distance of p from the segment a-b.
+double segment_distance(const Eigen::Vector3d& p, const Eigen::Vector3d& a,
+                        const Eigen::Vector3d& b) {
+  const Eigen::Vector3d d = b - a;
+  const double t = std::clamp((p - a).dot(d) / d.squaredNorm(), 0.0, 1.0);
+  return (a + t * d - p).norm();
+}
+
+TEST_F(MotionTest, MoveLKeepsTheMeasuredToolOnTheLineAndCornersWithinTheBlend) {
+  arm->move_joint_waypoints({kWork}, 0.0, 0.5);
+  std::this_thread::sleep_for(300ms);
+  const auto p = arm->get_end_effector_pose();
+  const Eigen::Vector3d p0(p[0], p[1], p[2]);
+  const Eigen::Quaterniond q(p[6], p[3], p[4], p[5]);
+  const Eigen::Vector3d rpy =
+      Access::impl(*arm).kinematics->rotation_matrix_to_euler(q.toRotationMatrix());
+  const std::vector<Eigen::Vector3d> corners = {p0 + Eigen::Vector3d(-0.05, 0, 0),
+                                                p0 + Eigen::Vector3d(-0.05, 0.05, -0.02),
+                                                p0 + Eigen::Vector3d(0, 0.05, -0.02)};
+  std::vector<std::vector<double>> poses;
+  for (const auto& c : corners) {
+    poses.push_back({c.x(), c.y(), c.z(), rpy.x(), rpy.y(), rpy.z()});
+  }
+  const double blend = 0.01;
+
+  // Sample the simulated arm's joints (the truth, not the controller's feedback) during the
+  // motion, and put them through forward kinematics.
+  std::atomic<bool> moving{true};
+  std::vector<std::array<double, 6>> measured;
+  std::thread sampler([&] {
+    while (moving) {
+      measured.push_back(sim.joint_positions());
+      std::this_thread::sleep_for(2ms);
+    }
+  });
+  const double duration = arm->move_l(poses, 0.0, 0.1, blend);
+  moving = false;
+  sampler.join();
+  EXPECT_GT(duration, 0.5);
+  ASSERT_GT(measured.size(), 100u);
+
+  std::vector<Eigen::Vector3d> path{p0};
+  path.insert(path.end(), corners.begin(), corners.end());
+  double worst_off_line = 0.0;
+  double closest[2] = {1.0, 1.0};
+  for (const auto& joints : measured) {
+    const auto f = Access::impl(*arm).kinematics->forwardKinematics_kdl(
+        std::vector<double>(joints.begin(), joints.end()));
+    const Eigen::Vector3d t(f[0], f[1], f[2]);
+    double off_line = 1.0;
+    for (size_t k = 0; k + 1 < path.size(); ++k) {
+      off_line = std::min(off_line, segment_distance(t, path[k], path[k + 1]));
+    }
+    const double to_corner = std::min((t - corners[0]).norm(), (t - corners[1]).norm());
+    closest[0] = std::min(closest[0], (t - corners[0]).norm());
+    closest[1] = std::min(closest[1], (t - corners[1]).norm());
+    if (to_corner > blend) {
+      worst_off_line = std::max(worst_off_line, off_line);
+    }
+  }
+  EXPECT_LT(worst_off_line, 0.001);  // within 1 mm of the straight lines
+  EXPECT_LT(closest[0], blend);      // and the corners are passed within the blend radius
+  EXPECT_LT(closest[1], blend);
+  std::this_thread::sleep_for(300ms);
+  const auto end = arm->get_end_effector_pose();
+  EXPECT_LT((Eigen::Vector3d(end[0], end[1], end[2]) - corners.back()).norm(), 0.002);
+}
+
+TEST_F(MotionTest, MovePReachesEachPoseAndMovesTheGripper) {
+  arm->move_joint_waypoints({kWork}, 0.0, 0.5);
+  const auto p = arm->get_end_effector_pose();
+  const Eigen::Quaterniond q(p[6], p[3], p[4], p[5]);
+  const Eigen::Vector3d rpy =
+      Access::impl(*arm).kinematics->rotation_matrix_to_euler(q.toRotationMatrix());
+  const std::vector<double> target = {p[0] - 0.08, p[1] + 0.05, p[2] - 0.05,
+                                      rpy.x(),     rpy.y(),     rpy.z()};
+  const double duration = arm->move_p_with_gripper({target}, {1.0}, 0.0, 0.5);
+  EXPECT_GT(duration, 0.0);
+  std::this_thread::sleep_for(400ms);
+  const auto reached = arm->get_end_effector_pose();
+  EXPECT_LT(std::hypot(reached[0] - target[0], reached[1] - target[1], reached[2] - target[2]),
+            0.004);
+  EXPECT_GT(arm->get_gripper_position(), 0.8);
+}
+
+TEST_F(MotionTest, SetEndEffectorPoseMovesThereAndSolveIkAgrees) {
+  const auto pose = Access::impl(*arm).kinematics->forwardKinematics_kdl(kWork);
+  const Eigen::Quaterniond q(pose[6], pose[3], pose[4], pose[5]);
+  const Eigen::Vector3d rpy =
+      Access::impl(*arm).kinematics->rotation_matrix_to_euler(q.toRotationMatrix());
+  const auto [solution, ok] =
+      arm->solve_ik({pose[0], pose[1], pose[2]}, {rpy.x(), rpy.y(), rpy.z()}, kWork);
+  ASSERT_TRUE(ok);
+  for (size_t j = 0; j < 6; ++j) {
+    EXPECT_NEAR(solution[j], kWork[j], 1e-3);
+  }
+  EXPECT_THROW(arm->solve_ik({0.3, 0.0}, {0, 0, 0}), std::invalid_argument);
+  EXPECT_THROW(arm->solve_ik({0.3, 0.0, 0.3}, {0, 0, 0}, {0.0}), std::invalid_argument);
+
+  arm->set_end_effector_pose({pose[0], pose[1], pose[2]}, {rpy.x(), rpy.y(), rpy.z()}, 2.0);
+  std::this_thread::sleep_for(2500ms);
+  const auto reached = arm->get_end_effector_pose();
+  EXPECT_LT(std::hypot(reached[0] - pose[0], reached[1] - pose[1], reached[2] - pose[2]), 0.004);
+}
+
+TEST_F(MotionTest, StreamedPoseShapesItsVelocityWithTheElapsedTime) {
+  arm->move_joint_waypoints({kWork}, 0.0, 0.5);
+  const auto pose = arm->get_end_effector_pose();
+  const Eigen::Quaterniond q(pose[6], pose[3], pose[4], pose[5]);
+  const Eigen::Vector3d rpy =
+      Access::impl(*arm).kinematics->rotation_matrix_to_euler(q.toRotationMatrix());
+  const std::vector<double> euler = {rpy.x(), rpy.y(), rpy.z()};
+  arm->set_end_effector_pose_raw({pose[0], pose[1], pose[2]}, euler);  // first call: v = 0
+  EXPECT_EQ(Access::target_velocity(*arm), kestrel::controller::JointArray{});
+  // Sideways by 3 cm: joint 1 turns the arm a long way at once; its velocity may change by at
+  // most a_max x dt, dt clamped into [1, 7.5] ms.
+  arm->set_end_effector_pose_raw({pose[0], pose[1] + 0.03, pose[2]}, euler);
+  const double v1 = Access::target_velocity(*arm)[0];
+  EXPECT_GT(v1, 0.0);
+  EXPECT_LE(v1, 35.0 * 0.0075 + 1e-12);
+  std::this_thread::sleep_for(1s);  // a pause counts as 7.5 ms
+  arm->set_end_effector_pose_raw({pose[0], pose[1] + 0.06, pose[2]}, euler);
+  EXPECT_NEAR(Access::target_velocity(*arm)[0], v1 + 35.0 * 0.0075, 1e-9);
+  // Wrong sizes are ignored.
+  arm->set_end_effector_pose_raw({pose[0], pose[1]}, euler);
+}
+
+}  // namespace
