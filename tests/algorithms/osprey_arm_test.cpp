@@ -340,11 +340,15 @@ TEST_F(OspreyArm, MitGainsGiveAWellDampedServoForTheLinkInertias) {
     EXPECT_LE(kp[j], 500.0);  // MIT frame ranges
     EXPECT_LE(kd[j], 5.0);
     // The motor closes this loop itself, fast: the control period does not bound the gains,
-    // the inertia does. Damping at the heaviest configuration:
-    EXPECT_GE(kd[j] / (2 * std::sqrt(kp[j] * j_max[j])), 0.5);
+    // the inertia does. Damping at the heaviest configuration: well damped from joint 3 on;
+    // the base joints trade damping for stiffness, since kd cannot exceed the frame's 5.0 and
+    // their friction needs kp to hold a straight tool line (their motors' viscous friction
+    // adds the rest).
+    const double damping = kd[j] / (2 * std::sqrt(kp[j] * j_max[j]));
+    EXPECT_GE(damping, j < 2 ? 0.2 : 0.5);
     // Stiffness: friction of the joint's motor (0.25 N·m for type 3, 0.06 for type 1) moves
-    // the joint by at most 0.01 rad.
-    EXPECT_LE((j < 3 ? 0.25 : 0.06) / kp[j], 0.01);
+    // the joint by at most 2.5 mrad.
+    EXPECT_LE((j < 3 ? 0.25 : 0.06) / kp[j], 0.0025);
   }
 }
 
