@@ -1,0 +1,289 @@
+// kestrel-monitor: joins a CAN interface and prints every frame decoded in DM motor terms, with a
+// frames-per-second and bus-load line once a second. Plain SocketCAN: it runs on a real CAN
+// interface, on vcan, and on the userspace bus through `kestrel-simbus run`.
+#include <linux/can.h>
+#include <linux/can/raw.h>
+#include <net/if.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <set>
+#include <string>
+
+#include "dm_frame_describer.hpp"
+#include "simbus/simbus_wire_time.hpp"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+namespace km = kestrel::monitor;
+
+std::atomic<bool> stop_requested{false};
+void on_signal(int) {
+  stop_requested = true;
+}
+
+void usage(FILE* out) {
+  std::fprintf(out,
+               "Usage: kestrel-monitor [options] [INTERFACE]\n"
+               "Prints every frame on a DM motor CAN bus (default interface can0) decoded: "
+               "which motor,\nenable/disable/zero/clear-error, MIT fields in physical units, "
+               "position-velocity,\nrefresh and register reads and writes with register names, "
+               "feedback with position,\nvelocity, torque, temperatures and status. Once a "
+               "second: frames per second each way\nand the bus load on a 1 Mbit/s classic bus "
+               "and on CAN FD (1 Mbit/s, 5 Mbit/s data).\n\n"
+               "  --fd            open a CAN FD socket (see FD frames too)\n"
+               "  --filter ID     only frames to or from motor ID (1..7); repeatable\n"
+               "  --raw           also print each frame's payload bytes\n"
+               "  --quiet         summary lines only\n"
+               "  --duration SEC  stop after SEC seconds\n"
+               "  --help          this text\n"
+               "The motor table is the arm's: joints 1-3 DM_V8_T28, joints 4-6 and gripper "
+               "DM_V30_T10,\nids 1..7, replies on 0x11..0x17. Stop with Ctrl-C.\n");
+}
+
+// Opens a raw CAN socket on `name`; prints why not and returns -1 on failure.
+int open_socket(const std::string& name, bool fd) {
+  if (name.size() >= IFNAMSIZ) {
+    std::fprintf(stderr, "kestrel-monitor: interface name '%s' is longer than %d characters\n",
+                 name.c_str(), IFNAMSIZ - 1);
+    return -1;
+  }
+  const int s = socket(PF_CAN, SOCK_RAW, CAN_RAW);
+  if (s < 0) {
+    std::fprintf(stderr, "kestrel-monitor: cannot open a CAN socket: %s\n", std::strerror(errno));
+    return -1;
+  }
+  ifreq ifr{};
+  std::strncpy(ifr.ifr_name, name.c_str(), IFNAMSIZ - 1);
+  if (ioctl(s, SIOCGIFINDEX, &ifr) < 0) {
+    std::fprintf(stderr,
+                 "kestrel-monitor: cannot open CAN interface '%s': %s (does it exist? for a "
+                 "USB adapter: sudo ip link set %s up type can bitrate 1000000)\n",
+                 name.c_str(), std::strerror(errno), name.c_str());
+    close(s);
+    return -1;
+  }
+  const int index = ifr.ifr_ifindex;  // SIOCGIFFLAGS reuses the same union
+  if (ioctl(s, SIOCGIFFLAGS, &ifr) == 0 && (ifr.ifr_flags & IFF_UP) == 0) {
+    std::fprintf(stderr,
+                 "kestrel-monitor: CAN interface '%s' is DOWN (bring it up: sudo ip link set %s "
+                 "up type can bitrate 1000000)\n",
+                 name.c_str(), name.c_str());
+    close(s);
+    return -1;
+  }
+  if (fd) {
+    const int on = 1;
+    if (setsockopt(s, SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &on, sizeof on) < 0) {
+      std::fprintf(stderr, "kestrel-monitor: '%s' does not take CAN FD frames: %s\n", name.c_str(),
+                   std::strerror(errno));
+      close(s);
+      return -1;
+    }
+  }
+  sockaddr_can addr{};
+  addr.can_family = AF_CAN;
+  addr.can_ifindex = index;
+  if (bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0) {
+    std::fprintf(stderr, "kestrel-monitor: cannot bind to '%s': %s%s\n", name.c_str(),
+                 std::strerror(errno),
+                 errno == ENETDOWN ? " (the interface is DOWN: sudo ip link set ... up)" : "");
+    close(s);
+    return -1;
+  }
+  return s;
+}
+
+struct Counters {
+  uint64_t to_motor = 0;
+  uint64_t from_motor = 0;
+  uint64_t other = 0;
+  double classic_seconds = 0.0;  // wire time as classic 1 Mbit/s frames
+  double fd_seconds = 0.0;       // wire time as CAN FD frames at 1/5 Mbit/s
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string interface = "can0";
+  bool fd = false;
+  bool raw = false;
+  bool quiet = false;
+  double duration = 0.0;
+  std::set<int> filter;
+  bool have_interface = false;
+  for (int i = 1; i < argc; ++i) {
+    const std::string a = argv[i];
+    auto value = [&](const char* what) -> std::string {
+      if (i + 1 >= argc) {
+        std::fprintf(stderr, "kestrel-monitor: %s needs a value\n", what);
+        usage(stderr);
+        std::exit(2);
+      }
+      return argv[++i];
+    };
+    if (a == "--help" || a == "-h") {
+      usage(stdout);
+      return 0;
+    } else if (a == "--fd") {
+      fd = true;
+    } else if (a == "--raw") {
+      raw = true;
+    } else if (a == "--quiet") {
+      quiet = true;
+    } else if (a == "--filter") {
+      const std::string v = value("--filter");
+      char* end = nullptr;
+      const long id = std::strtol(v.c_str(), &end, 0);
+      if (end == v.c_str() || *end != '\0' || id < 1 || id > 7) {
+        std::fprintf(stderr, "kestrel-monitor: --filter takes a motor id 1..7, not '%s'\n",
+                     v.c_str());
+        return 2;
+      }
+      filter.insert(static_cast<int>(id));
+    } else if (a == "--duration") {
+      const std::string v = value("--duration");
+      char* end = nullptr;
+      duration = std::strtod(v.c_str(), &end);
+      if (end == v.c_str() || *end != '\0' || !(duration > 0.0)) {
+        std::fprintf(stderr, "kestrel-monitor: --duration takes seconds > 0, not '%s'\n",
+                     v.c_str());
+        return 2;
+      }
+    } else if (!a.empty() && a[0] == '-') {
+      std::fprintf(stderr, "kestrel-monitor: unknown option '%s'\n", a.c_str());
+      usage(stderr);
+      return 2;
+    } else if (have_interface) {
+      std::fprintf(stderr, "kestrel-monitor: one interface only ('%s' and '%s')\n",
+                   interface.c_str(), a.c_str());
+      return 2;
+    } else {
+      interface = a;
+      have_interface = true;
+    }
+  }
+
+  const int s = open_socket(interface, fd);
+  if (s < 0) {
+    return 1;
+  }
+  std::signal(SIGINT, on_signal);
+  std::signal(SIGTERM, on_signal);
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+
+  const km::DmFrameDescriber describer;
+  const auto started = Clock::now();
+  auto window_start = started;
+  Counters window;
+  Counters total;
+  std::printf("kestrel-monitor: listening on %s%s\n", interface.c_str(), fd ? " (CAN FD)" : "");
+
+  auto summary = [&](const Counters& c, double seconds, const char* label) {
+    std::printf(
+        "-- %s %.1f s: to motors %.0f frames/s, from motors %.0f frames/s, other %.0f "
+        "frames/s; bus load %.1f%% of 1 Mbit/s classic, %.1f%% of CAN FD 1/5 Mbit/s\n",
+        label, seconds, c.to_motor / seconds, c.from_motor / seconds, c.other / seconds,
+        100.0 * c.classic_seconds / seconds, 100.0 * c.fd_seconds / seconds);
+  };
+
+  while (!stop_requested) {
+    const auto now = Clock::now();
+    const double elapsed = std::chrono::duration<double>(now - started).count();
+    if (duration > 0.0 && elapsed >= duration) {
+      break;
+    }
+    const double in_window = std::chrono::duration<double>(now - window_start).count();
+    if (in_window >= 1.0) {
+      summary(window, in_window, "last");
+      window = Counters{};
+      window_start = now;
+    }
+    pollfd p{s, POLLIN, 0};
+    const int ready = poll(&p, 1, 100);
+    if (ready < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      std::fprintf(stderr, "kestrel-monitor: poll: %s\n", std::strerror(errno));
+      break;
+    }
+    if (ready == 0) {
+      continue;
+    }
+    canfd_frame frame{};
+    const ssize_t n = read(s, &frame, sizeof frame);
+    if (n < 0) {
+      if (errno == EINTR || errno == EAGAIN) {
+        continue;
+      }
+      std::fprintf(stderr, "kestrel-monitor: read from %s: %s%s\n", interface.c_str(),
+                   std::strerror(errno), errno == ENETDOWN ? " (the interface went DOWN)" : "");
+      break;
+    }
+    const bool is_fd = n == static_cast<ssize_t>(CANFD_MTU);
+    km::MonitoredFrame f;
+    f.extended = (frame.can_id & CAN_EFF_FLAG) != 0;
+    f.rtr = (frame.can_id & CAN_RTR_FLAG) != 0;
+    f.error = (frame.can_id & CAN_ERR_FLAG) != 0;
+    f.id = frame.can_id & (f.extended ? CAN_EFF_MASK : CAN_SFF_MASK);
+    f.fd = is_fd;
+    f.data.assign(frame.data, frame.data + std::min<size_t>(frame.len, is_fd ? 64 : 8));
+
+    // Bus load: the frame's bit count as classic CAN (payloads up to 8 bytes) and as CAN FD
+    // with bit-rate switch.
+    can_frame classic{};
+    classic.can_id = frame.can_id;
+    classic.len = static_cast<uint8_t>(std::min<size_t>(f.data.size(), 8));
+    std::memcpy(classic.data, frame.data, classic.len);
+    canfd_frame as_fd = frame;
+    as_fd.flags = CANFD_BRS;
+    const double classic_s =
+        std::chrono::duration<double>(kestrel::simbus::frame_wire_time(&classic, sizeof classic))
+            .count();
+    const double fd_s =
+        std::chrono::duration<double>(kestrel::simbus::frame_wire_time(&as_fd, sizeof as_fd))
+            .count();
+    const auto dir = describer.direction(f);
+    for (Counters* c : {&window, &total}) {
+      (dir == km::Direction::to_motor     ? c->to_motor
+       : dir == km::Direction::from_motor ? c->from_motor
+                                          : c->other) += 1;
+      c->classic_seconds += classic_s;
+      c->fd_seconds += fd_s;
+    }
+    if (quiet) {
+      continue;
+    }
+    if (!filter.empty()) {
+      const int m = describer.motor_of(f);
+      if (m < 0 || filter.count(m + 1) == 0) {
+        continue;
+      }
+    }
+    const char* arrow = dir == km::Direction::to_motor     ? "->"
+                        : dir == km::Direction::from_motor ? "<-"
+                                                           : "  ";
+    std::printf("%12.6f %s %03X%s %s", elapsed, arrow, f.id, is_fd ? " FD" : "   ",
+                describer.describe(f).c_str());
+    if (raw) {
+      std::printf("  [%s]", km::hex_bytes(f.data).c_str());
+    }
+    std::printf("\n");
+  }
+  const double seconds =
+      std::max(std::chrono::duration<double>(Clock::now() - started).count(), 1e-9);
+  summary(total, seconds, "total");
+  close(s);
+  return 0;
+}
