@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <Eigen/Core>
+#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -94,6 +96,14 @@ bool eventually(Predicate predicate, std::chrono::milliseconds timeout) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   return predicate();
+}
+
+// Distance of point p from the segment a-b.
+inline double segment_distance(const Eigen::Vector3d& p, const Eigen::Vector3d& a,
+                               const Eigen::Vector3d& b) {
+  const Eigen::Vector3d d = b - a;
+  const double t = std::clamp((p - a).dot(d) / d.squaredNorm(), 0.0, 1.0);
+  return (a + t * d - p).norm();
 }
 
 }  // namespace kestrel::testing

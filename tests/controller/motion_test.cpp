@@ -14,6 +14,7 @@ namespace {
 using namespace std::chrono_literals;
 using Access = ArmControllerTestAccess;
 using kestrel::testing::eventually;
+using kestrel::testing::segment_distance;
 using kestrel::testing::SimulatedArm;
 using ::testing::HasSubstr;
 using Item = ArmController::MotionProgramItem;
@@ -224,14 +225,6 @@ TEST_F(MotionTest, CartesianItemsJoinOnlyWithTheSameKindAndBlend) {
   EXPECT_EQ(Access::command_counter(*arm), before + 3);
   arm->run_motion_program({item("movel", pose(-0.02, 0), 0.0), item("movep", pose(0, 0), 0.0)});
   EXPECT_EQ(Access::command_counter(*arm), before + 5);
-}
-
-// Distance of p from the segment a-b.
-double segment_distance(const Eigen::Vector3d& p, const Eigen::Vector3d& a,
-                        const Eigen::Vector3d& b) {
-  const Eigen::Vector3d d = b - a;
-  const double t = std::clamp((p - a).dot(d) / d.squaredNorm(), 0.0, 1.0);
-  return (a + t * d - p).norm();
 }
 
 TEST_F(MotionTest, MoveLKeepsTheMeasuredToolOnTheLineAndCornersWithinTheBlend) {

@@ -11,6 +11,7 @@
 namespace {
 
 using Access = ArmControllerTestAccess;
+using kestrel::testing::segment_distance;
 using Impl = Access::Impl;
 using JointArray = Impl::JointArray;
 using Sample = Impl::Sample;
@@ -280,14 +281,6 @@ TEST_F(PlannerTest, SingularityDetourGivesUpWhereEveryPathCrosses) {
 }
 
 // ---- Cartesian line planning ----------------------------------------------------------------
-
-// Distance of point p from the segment a-b.
-double segment_distance(const Eigen::Vector3d& p, const Eigen::Vector3d& a,
-                        const Eigen::Vector3d& b) {
-  const Eigen::Vector3d d = b - a;
-  const double t = std::clamp((p - a).dot(d) / d.squaredNorm(), 0.0, 1.0);
-  return (a + t * d - p).norm();
-}
 
 TEST_F(PlannerTest, LinePathStaysOnItsLinesAndRoundsCornersWithinTheRadius) {
   const std::vector<double> q0(kWork.begin(), kWork.end());
