@@ -1,0 +1,148 @@
+// Direct commands against the simulated arm: argument errors before anything changes, the
+// gripper commands with their clamping warnings and gains on the wire, the controller without
+// gripper, and the gravity-compensation floating mode.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+#include "controller/controller_fixture.hpp"
+#include "support/stderr_capture.hpp"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Access = ArmControllerTestAccess;
+using kestrel::testing::capture_stderr;
+using kestrel::testing::capture_stdout;
+using kestrel::testing::eventually;
+using kestrel::testing::SimulatedArm;
+using ::testing::HasSubstr;
+
+// The MIT frames motor `m` received since the log was cleared.
+std::vector<kestrel::sim::dm::MitCommand> mit_frames(SimulatedArm& sim, int m) {
+  std::vector<kestrel::sim::dm::MitCommand> out;
+  for (const auto& entry : sim.motors().received_frames()) {
+    if (entry.command.kind == kestrel::sim::CommandKind::kMit && entry.command.motor == m) {
+      out.push_back(entry.command.mit);
+    }
+  }
+  return out;
+}
+
+template <typename Call>
+std::string invalid_argument_of(Call&& call) {
+  try {
+    call();
+  } catch (const std::invalid_argument& e) {
+    return e.what();
+  }
+  return "no error";
+}
+
+class DirectCommands : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ::testing::internal::CaptureStdout();
+    arm = std::make_unique<ArmController>(true, "can0", false, MIT_MODE, false);
+    ::testing::internal::GetCapturedStdout();
+    ASSERT_TRUE(eventually([&] { return arm->get_joint().size() == 6; }, 2s));
+  }
+  void TearDown() override {
+    capture_stdout([&] { arm.reset(); });
+  }
+  SimulatedArm sim;
+  std::unique_ptr<ArmController> arm;
+};
+
+TEST_F(DirectCommands, ArgumentErrorsComeFirstAndChangeNothing) {
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  EXPECT_EQ(invalid_argument_of([&] {
+              arm->set_joint({0, 0, 0, 0, 0}, 1.0);
+            }),
+            "q_end size mismatch");
+  EXPECT_EQ(invalid_argument_of([&] {
+              arm->set_joint({0, 0, 0, 0, 0, 0}, 0.0);
+            }),
+            "tf must be positive");
+  EXPECT_EQ(invalid_argument_of([&] {
+              arm->set_joint_raw({0, 0, 0, 0, 0}, {0, 0, 0, 0, 0, 0});
+            }),
+            "q_end length does not match num_joints");
+  EXPECT_EQ(invalid_argument_of([&] {
+              arm->set_joint_raw({0, 0, 0, 0, 0, 0}, {0, 0});
+            }),
+            "v_end length does not match num_joints");
+  EXPECT_EQ(invalid_argument_of([&] {
+              arm->set_end_effector_pose({0.3, 0}, {0, 0, 0}, 1.0);
+            }),
+            "target_pos must have exactly 3 elements.");
+  EXPECT_EQ(invalid_argument_of([&] {
+              arm->set_end_effector_pose({0.3, 0, 0.3}, {0}, 1.0);
+            }),
+            "target_euler must have exactly 3 elements.");
+  // A NaN never reaches the command slot, let alone the bus.
+  EXPECT_THROW(arm->set_joint({nan, 0, 0, 0, 0, 0}, 1.0), std::invalid_argument);
+  EXPECT_THROW(arm->set_joint_raw({0, 0, 0, 0, 0, 0}, {0, 0, nan, 0, 0, 0}), std::invalid_argument);
+  EXPECT_THROW(arm->setGripperDistance(nan), std::invalid_argument);
+  EXPECT_THROW(arm->move_joint_waypoints({{0, 0, nan, 0, 0, 0}}, 1.0, 0.0), std::invalid_argument);
+  EXPECT_EQ(Access::command_kind(*arm), 0);
+}
+
+TEST_F(DirectCommands, GripperPositionOutsideItsRangeWarnsAndClamps) {
+  const std::string err = capture_stderr([&] { arm->setGripperPosition_raw(1.5); });
+  EXPECT_EQ(err,
+            "[Warning] Gripper position must be in [0, 1], but got: 1.5. Value will be clamped.\n");
+  EXPECT_TRUE(eventually([&] { return arm->get_gripper_distance() > 0.083; }, 3s))
+      << arm->get_gripper_distance();
+  EXPECT_DOUBLE_EQ(arm->get_gripper_position(), std::min(arm->get_gripper_distance() / 0.085, 1.0));
+  const std::string closing = capture_stderr([&] { arm->setGripperPosition_raw(-0.2); });
+  EXPECT_THAT(closing, HasSubstr("but got: -0.2. Value will be clamped."));
+  EXPECT_TRUE(eventually([&] { return arm->get_gripper_distance() < 0.002; }, 3s));
+}
+
+TEST_F(DirectCommands, GripperGainsAreClampedOnTheWire) {
+  sim.motors().clear_frame_log();
+  const std::string err = capture_stderr([&] { arm->setGripperDistance(0.05, 50.0, 5.0); });
+  EXPECT_EQ(err, "");
+  ASSERT_TRUE(eventually([&] { return !mit_frames(sim, 6).empty(); }, 1s));
+  const auto frame = mit_frames(sim, 6).back();
+  EXPECT_NEAR(frame.kp, 20.0, 500.0 / 4095);  // kp into [0.1, 20], kd into [0.1, 1]
+  EXPECT_NEAR(frame.kd, 1.0, 5.0 / 4095);
+  EXPECT_THAT(capture_stderr([&] { arm->setGripperDistance(0.1); }),
+              HasSubstr("[Warning] Gripper distance must be in [0mm, 85 mm], but got: 0.1. Value "
+                        "will be clamped."));
+}
+
+TEST_F(DirectCommands, GravityCompensationFloatsTheArmOnTorqueAlone) {
+  arm->identify_gravity_compensation();
+  std::this_thread::sleep_for(100ms);
+  sim.motors().clear_frame_log();
+  std::this_thread::sleep_for(100ms);
+  const auto frames = mit_frames(sim, 1);
+  ASSERT_FALSE(frames.empty());
+  for (const auto& f : frames) {
+    EXPECT_EQ(f.kp, 0.0);
+    EXPECT_EQ(f.kd, 0.0);
+  }
+  EXPECT_GT(std::abs(frames.back().tau), 0.5);  // joint 2 carries the arm's weight
+  EXPECT_EQ(Access::command_kind(*arm), 5);
+}
+
+TEST(WithoutGripper, GripperCallsAnswerWithTheMessage) {
+  SimulatedArm sim;
+  std::unique_ptr<ArmController> arm;
+  capture_stdout(
+      [&] { arm = std::make_unique<ArmController>(false, "can0", false, MIT_MODE, false); });
+  double position = 0.0;
+  const std::string out = capture_stdout([&] {
+    position = arm->get_gripper_position();
+    arm->openGripper();
+  });
+  EXPECT_EQ(position, -1.0);
+  EXPECT_EQ(out, "该模式未包含夹爪\n该模式未包含夹爪\n");
+  capture_stdout([&] { arm.reset(); });
+}
+
+}  // namespace
