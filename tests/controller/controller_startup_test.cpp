@@ -113,18 +113,19 @@ class StartupSequence : public ::testing::TestWithParam<std::tuple<ControlMode, 
 TEST_P(StartupSequence, FramesGoOutInOrderAndTheLoopTakesOver) {
   const auto [mode, fd] = GetParam();
   SimulatedArm sim(fd);
+  const auto expected = startup_frames(mode);
   std::string out;
   capture_stderr([&] {
     out = capture_stdout([&] {
       ArmController arm(true, "can0", fd, mode, false);
       ASSERT_TRUE(eventually([&] { return arm.get_joint().size() == 6; }, 2s));
       EXPECT_TRUE(arm.running());
+      // The loop's frames follow start-up: the first gripper command is a close, joints held.
+      EXPECT_TRUE(eventually(
+          [&] { return sim.motors().received_frames().size() > expected.size() + 20; }, 2s));
     });
   });
-  const auto expected = startup_frames(mode);
   EXPECT_EQ(received(sim.motors(), expected.size()), expected);
-  // The loop's first frames follow: the first gripper command is a close, the joints are held.
-  EXPECT_GT(sim.motors().received_frames().size(), expected.size() + 20);
   EXPECT_THAT(out, ::testing::HasSubstr("\n=== Enabling Motors ===\n"));
   EXPECT_THAT(out, ::testing::HasSubstr("\n=== Enabling Motors Timeout Protection ===\n"));
   for (size_t i = 0; i < 7; ++i) {

@@ -77,6 +77,8 @@ class ArmController::Impl {
     std::shared_ptr<const std::vector<double>> next_gripper_timeline;
     int64_t next_switch_time_ns = 0;
     int64_t next_command_id = 0;
+    // The waypoint command that stop() ended: its waiter throws "motion stopped".
+    int64_t stopped_command_id = -1;
   };
 
   Impl(const std::string& can_interface, bool use_canfd, ArmController* owner, bool enable_gripper,
@@ -280,6 +282,17 @@ class ArmController::Impl {
   int64_t pose_stream_last_ns = 0;
   JointArray pose_stream_q{};
   JointArray pose_stream_v{};
+
+  // ---- The latest control cycle (own mutex; written by the control thread) ----
+  mutable std::mutex cycle_sample_mutex;
+  kestrel::controller::ControlCycleSample cycle_sample;
+  // Counts stop() calls: a motion program that sees it change goes no further.
+  std::atomic<uint64_t> stop_generation{0};
+  void publish_cycle_sample(const LoopState& loop, const CycleTargets& targets,
+                            const JointArray& feedforward);
+  void stop_motion();
+  // Sleeps up to `seconds`, returning early (false) when stop() or shutdown intervenes.
+  bool sleep_unless_stopped(double seconds, uint64_t generation);
 
   // ---- Last commanded waypoint samples (own mutex) ----
   std::mutex last_samples_mutex;

@@ -76,6 +76,8 @@ struct ArmController::Impl::LoopState {
   int gripper_stop_count = 0;
   bool gripper_warning_standing = false;
   bool gripper_stale_standing = false;
+  // Feed-forward torque sent this cycle (MIT), after clipping.
+  JointArray feedforward{};
   // Feed-forward clip report.
   int clip_count = 0;
   int64_t clip_window_start_ns = 0;
@@ -123,6 +125,7 @@ void ArmController::Impl::control_loop() {
         if (compute_targets(loop, now, targets)) {
           send_arm_frames(loop, targets);
           send_gripper_frame(loop, targets, now);
+          publish_cycle_sample(loop, targets, loop.feedforward);
         }
         supervise_runtime_limits(loop);
         supervise_waypoint_tracking(loop, targets);
@@ -371,6 +374,7 @@ void ArmController::Impl::send_arm_frames(LoopState& loop, const CycleTargets& t
       return;
     }
     loop.nonfinite_warning_standing = false;
+    loop.feedforward.fill(0.0);
     for (int j = 0; j < kJoints; ++j) {
       arm.pos_vel_control_one(
           j, {static_cast<float>(q[j] * motor_signs[j]), static_cast<float>(speed[j])});
@@ -423,6 +427,7 @@ void ArmController::Impl::send_arm_frames(LoopState& loop, const CycleTargets& t
     return;
   }
   loop.nonfinite_warning_standing = false;
+  loop.feedforward = tau;
   for (int j = 0; j < kJoints; ++j) {
     const double sign = motor_signs[j];
     if (t.torque_only) {
@@ -702,4 +707,24 @@ void ArmController::Impl::carry_out_emergency_stop() {
   std::cerr << "[control_loop] disable_all done, exit_flag set, control loop exiting" << std::endl;
   exit_flag.store(true);
   notify_motion_state_changed();
+}
+
+void ArmController::Impl::publish_cycle_sample(const LoopState& loop, const CycleTargets& t,
+                                               const JointArray& feedforward) {
+  std::lock_guard<std::mutex> lock(cycle_sample_mutex);
+  auto& c = cycle_sample;
+  ++c.cycle;
+  c.time_sec = std::chrono::duration<double>(Clock::now().time_since_epoch()).count();
+  c.command_kind = loop.cmd.kind;
+  c.commanded_position = t.torque_only ? loop.q : t.q;
+  c.commanded_velocity = t.torque_only ? JointArray{} : t.dq;
+  c.feedforward_torque = feedforward;
+  c.measured_position = loop.q;
+  c.measured_velocity = loop.dq;
+  c.measured_torque = loop.tau;
+  if (enable_gripper) {
+    c.commanded_gripper_m = loop.last_gripper_tick_ns != 0 ? loop.commanded_gripper_distance : -1.0;
+    double measured = -1.0;
+    c.measured_gripper_m = try_get_latest_gripper_distance_state(measured) ? measured : -1.0;
+  }
 }

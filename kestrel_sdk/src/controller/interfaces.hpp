@@ -19,6 +19,7 @@
 #include <utility>
 #include <vector>
 
+#include "kestrel/controller/control_cycle_sample.hpp"
 #include "kestrel/controller/loop_statistics.hpp"
 #include "kestrel/damiao_motor/dm_motor_control.hpp"
 
@@ -180,6 +181,16 @@ class ArmController {
   std::vector<double> get_end_effector_pose();  // x, y, z, qx, qy, qz, qw of the tool point
   double get_gripper_position();                // [0, 1]; -1 without gripper
   double get_gripper_distance();                // [0, 0.085] m; -1 without gripper
+
+  // What the control loop commanded on its latest cycle beside the feedback it used: poll it at
+  // the control rate (400 Hz) to record or plot a motion. Cheap to call from any thread.
+  kestrel::controller::ControlCycleSample get_control_cycle_sample() const;
+
+  // Ends whatever the arm is doing at once and holds the measured posture (zero velocity); the
+  // motors stay enabled. A motion call waiting in another thread throws std::runtime_error
+  // "motion stopped", and a running motion program goes no further. Safe from any thread (a
+  // Ctrl-C handler thread, a watchdog); new commands are accepted afterwards.
+  void stop();
 
   // True once an emergency stop (torque monitor or run-time supervision) has disabled the arm.
   bool emergency_stopped() const;

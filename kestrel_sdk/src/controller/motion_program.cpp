@@ -2,9 +2,7 @@
 // joined into one motion so that the arm passes through their points without stopping.
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
 #include <cmath>
-#include <ctime>
 #include <stdexcept>
 
 #include "kestrel/controller/arm_controller_impl.hpp"
@@ -29,21 +27,17 @@ std::string lower_case(std::string s) {
   return s;
 }
 
-// Sleeps the whole time, resuming after a signal with what is left.
-void sleep_for_seconds(double seconds) {
-  timespec request{};
-  request.tv_sec = static_cast<time_t>(std::floor(seconds));
-  request.tv_nsec = static_cast<long>((seconds - std::floor(seconds)) * 1e9);
-  timespec remaining{};
-  while (nanosleep(&request, &remaining) != 0 && errno == EINTR) {
-    request = remaining;
-  }
-}
-
 }  // namespace
 
 double ArmController::run_motion_program(const std::vector<MotionProgramItem>& program) {
   auto& i = impl();
+  // stop() from another thread ends the program: no item after it runs.
+  const uint64_t generation = i.stop_generation.load();
+  auto check_not_stopped = [&] {
+    if (i.stop_generation.load() != generation) {
+      throw std::runtime_error("motion stopped");
+    }
+  };
   PendingMotion pending;
   double total = 0.0;
 
@@ -60,6 +54,7 @@ double ArmController::run_motion_program(const std::vector<MotionProgramItem>& p
     if (!pending.active) {
       return;
     }
+    check_not_stopped();
     double duration = 0.0;
     if (pending.type == "movej") {
       duration = i.publish_joint_waypoint_trajectory_command(
@@ -74,6 +69,7 @@ double ArmController::run_motion_program(const std::vector<MotionProgramItem>& p
     }
     total += duration;
     pending = PendingMotion{};
+    check_not_stopped();
   };
   // Same timing: both timed (always joins, the times add up), or both at one speed.
   auto same_timing = [&](const MotionProgramItem& item) {
@@ -134,8 +130,11 @@ double ArmController::run_motion_program(const std::vector<MotionProgramItem>& p
       if (!std::isfinite(item.sleep_sec)) {
         throw std::invalid_argument("MotionProgram sleep_sec must be finite");
       }
-      if (item.sleep_sec > 0.0) {
-        sleep_for_seconds(item.sleep_sec);
+      if (item.sleep_sec > 0.0 && !i.sleep_unless_stopped(item.sleep_sec, generation)) {
+        check_not_stopped();
+        if (i.emergency_stop_flag.load() || i.exit_flag.load()) {
+          throw std::runtime_error("motion program interrupted: the controller has stopped");
+        }
       }
     } else {
       throw std::invalid_argument("unsupported MotionProgram item type: " + item.type);

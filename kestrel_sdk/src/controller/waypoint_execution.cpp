@@ -317,6 +317,51 @@ void ArmController::Impl::wait_for_waypoint_motion(int64_t command_id) {
   if (exit_flag.load()) {
     throw std::runtime_error("waypoint motion interrupted because controller is exiting");
   }
+  if (command.stopped_command_id == command_id) {
+    throw std::runtime_error("motion stopped");
+  }
+}
+
+void ArmController::Impl::stop_motion() {
+  JointArray hold{};
+  const bool have_state = try_get_latest_joint_state(hold);
+  {
+    std::lock_guard<std::mutex> lock(command_mutex);
+    stop_generation.fetch_add(1);
+    if (command.kind == kJointWaypoints) {
+      command.stopped_command_id = command.command_id;
+    }
+    // Without feedback there is nothing to hold yet: the loop holds its first posture anyway.
+    if (have_state) {
+      command.kind = kJointRaw;
+      command.target = hold;
+      command.target_velocity.fill(0.0);
+      command.started = false;
+      command.waypoint_started = false;
+    }
+    command.waypoint_samples.reset();
+    command.gripper_timeline.reset();
+    command.next_waypoint_samples.reset();
+    command.next_gripper_timeline.reset();
+  }
+  notify_motion_state_changed();
+}
+
+bool ArmController::Impl::sleep_unless_stopped(double seconds, uint64_t generation) {
+  std::unique_lock<std::mutex> lock(command_mutex);
+  return !motion_cv.wait_for(lock, std::chrono::duration<double>(seconds), [&] {
+    return exit_flag.load() || emergency_stop_flag.load() || stop_generation.load() != generation;
+  });
+}
+
+void ArmController::stop() {
+  impl().stop_motion();
+}
+
+kestrel::controller::ControlCycleSample ArmController::get_control_cycle_sample() const {
+  Impl& i = impl();
+  std::lock_guard<std::mutex> lock(i.cycle_sample_mutex);
+  return i.cycle_sample;
 }
 
 // ---- Public operations ------------------------------------------------------------------------

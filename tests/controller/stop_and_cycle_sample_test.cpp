@@ -1,0 +1,136 @@
+// stop() and the per-cycle record against the simulated arm: a stop ends a waiting motion and a
+// running motion program at once and leaves the arm holding still; the cycle record carries the
+// commanded motion, the feed-forward torque and the feedback of one cycle.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <future>
+
+#include "controller/controller_fixture.hpp"
+#include "support/stderr_capture.hpp"
+
+namespace {
+
+using namespace std::chrono_literals;
+using kestrel::testing::capture_stdout;
+using kestrel::testing::eventually;
+using kestrel::testing::SimulatedArm;
+using Clock = std::chrono::steady_clock;
+
+class StopAndRecord : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    capture_stdout(
+        [&] { arm = std::make_unique<ArmController>(true, "can0", false, MIT_MODE, false); });
+    ASSERT_TRUE(eventually([&] { return arm->get_joint().size() == 6; }, 2s));
+  }
+  void TearDown() override {
+    capture_stdout([&] { arm.reset(); });
+  }
+  double largest_speed() {
+    double speed = 0.0;
+    for (double v : arm->get_joint_velocities()) {
+      speed = std::max(speed, std::abs(v));
+    }
+    return speed;
+  }
+  SimulatedArm sim;
+  std::unique_ptr<ArmController> arm;
+};
+
+TEST_F(StopAndRecord, StopEndsTheWaitingMotionAndTheArmHoldsStill) {
+  auto motion = std::async(std::launch::async, [&] {
+    arm->move_joint_waypoints({{0.8, 0.5, -0.9, 0.6, -0.8, 0.9}}, 4.0, 0.0);
+  });
+  ASSERT_TRUE(eventually([&] { return largest_speed() > 0.1; }, 2s));
+  std::this_thread::sleep_for(300ms);
+  const auto stopped_at = Clock::now();
+  arm->stop();
+  ASSERT_EQ(motion.wait_for(1s), std::future_status::ready);
+  EXPECT_LT(Clock::now() - stopped_at, 100ms);
+  try {
+    motion.get();
+    ADD_FAILURE() << "the stopped motion returned normally";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(), "motion stopped");
+  }
+  std::this_thread::sleep_for(500ms);
+  EXPECT_LT(largest_speed(), 0.05);
+  const auto held = arm->get_joint();
+  EXPECT_GT(std::abs(held[0]), 0.05);  // it had got under way, and stopped short of 0.8
+  EXPECT_LT(std::abs(held[0]), 0.75);
+  EXPECT_FALSE(arm->emergency_stopped());
+
+  // The controller takes new motions afterwards.
+  EXPECT_GT(arm->move_joint_waypoints({{0.0, 0.3, -0.6, 0.0, -0.6, 0.0}}, 1.5, 0.0), 0.0);
+  EXPECT_NEAR(arm->get_joint()[0], 0.0, 0.02);
+}
+
+TEST_F(StopAndRecord, StopEndsAMotionProgramInItsSleep) {
+  ArmController::MotionProgramItem sleep;
+  sleep.type = "sleep";
+  sleep.sleep_sec = 10.0;
+  ArmController::MotionProgramItem move;
+  move.type = "movej";
+  move.waypoints = {{0.5, 0.3, -0.6, 0.0, -0.6, 0.0}};
+  move.time_sec = 1.0;
+  const auto before = arm->get_joint();
+  auto program = std::async(std::launch::async, [&] { arm->run_motion_program({sleep, move}); });
+  std::this_thread::sleep_for(200ms);
+  arm->stop();
+  ASSERT_EQ(program.wait_for(1s), std::future_status::ready);
+  EXPECT_THROW(
+      {
+        try {
+          program.get();
+        } catch (const std::runtime_error& e) {
+          EXPECT_STREQ(e.what(), "motion stopped");
+          throw;
+        }
+      },
+      std::runtime_error);
+  std::this_thread::sleep_for(200ms);
+  EXPECT_NEAR(arm->get_joint()[0], before[0], 0.01);  // the move after the sleep never ran
+}
+
+TEST_F(StopAndRecord, CycleSampleCarriesCommandFeedForwardAndFeedback) {
+  const std::vector<double> target = {0.3, 0.4, -0.7, 0.2, -0.5, 0.1};
+  arm->set_joint(target, 1.0);
+  double largest_velocity_command = 0.0;
+  uint64_t last_cycle = arm->get_control_cycle_sample().cycle;
+  int cycles_seen = 0;
+  const auto until = Clock::now() + 1500ms;
+  while (Clock::now() < until) {
+    const auto c = arm->get_control_cycle_sample();
+    if (c.cycle != last_cycle) {
+      ++cycles_seen;
+      last_cycle = c.cycle;
+      EXPECT_EQ(c.command_kind, 2);
+      largest_velocity_command =
+          std::max(largest_velocity_command, std::abs(c.commanded_velocity[2]));
+    }
+    std::this_thread::sleep_for(2500us);
+  }
+  EXPECT_GT(cycles_seen, 300);  // 1.5 s at 400 Hz, polled from another thread
+  // Joint 3 travels about 0.1-0.4 rad in 1 s: its peak septic velocity is 2.19 x the mean.
+  EXPECT_GT(largest_velocity_command, 0.1);
+  const auto c = arm->get_control_cycle_sample();
+  for (int j = 0; j < 6; ++j) {
+    EXPECT_NEAR(c.commanded_position[j], target[j], 1e-9) << j;
+    EXPECT_EQ(c.commanded_velocity[j], 0.0) << j;
+    EXPECT_NEAR(c.measured_position[j], target[j], 0.02) << j;
+  }
+  // At rest the feed-forward is the gravity torque: joint 2 carries the arm, joint 1 nothing.
+  EXPECT_GT(std::abs(c.feedforward_torque[1]), 1.0);
+  EXPECT_NEAR(c.feedforward_torque[0], 0.0, 1e-6);
+  EXPECT_NEAR(c.measured_torque[1], c.feedforward_torque[1], 1.5);
+  EXPECT_LT(c.commanded_gripper_m, 0.01);  // start-up closes the gripper
+  EXPECT_GE(c.measured_gripper_m, 0.0);
+
+  arm->openGripper();
+  ASSERT_TRUE(
+      eventually([&] { return arm->get_control_cycle_sample().commanded_gripper_m > 0.08; }, 1s));
+}
+
+}  // namespace
