@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The Quick-start demonstration: installs what is missing, builds, starts the simulated arm on
-# a private userspace CAN bus, and runs the demo program against it exactly as a user's own
-# program would run (through the SocketCAN interposer).
+# a private userspace CAN bus, runs the demonstration motion program against it exactly as a
+# user's own program would run (through the SocketCAN interposer), then plots the record.
+# Output (record and plots): demo_output/, or the directory in $KESTREL_DEMO_OUTPUT.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -9,7 +10,7 @@ root=$(pwd)
 ./scripts/setup.sh
 cmake -S "$root" -B "$root/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$root/build" -j"$(nproc 2>/dev/null || echo 2)" \
-  --target kestrel-demo kestrel-sim kestrel-simbus kestrel_simbus_preload
+  --target kestrel-demo kestrel-sim kestrel-simbus kestrel_simbus_preload kestrel-cli
 
 bin="$root/build/tools"
 export KESTREL_SIMBUS_DIR
@@ -30,4 +31,15 @@ for _ in $(seq 100); do
   sleep 0.05
 done
 echo "== Simulated arm running on simcan0 (bus directory $KESTREL_SIMBUS_DIR)"
-"$bin/simbus/kestrel-simbus" run -- "$bin/demo/kestrel-demo" --interface simcan0 "$@"
+out=${KESTREL_DEMO_OUTPUT:-$root/demo_output}
+mkdir -p "$out"
+"$bin/simbus/kestrel-simbus" run -- "$bin/demo/kestrel-demo" --interface simcan0 \
+  --csv "$out/demo_record.csv" "$@" 2>"$out/controller.log" || {
+  echo "kestrel-demo failed; the last lines of $out/controller.log:" >&2
+  tail -n 20 "$out/controller.log" >&2
+  exit 1
+}
+echo
+echo "== Plots (commanded against measured), from $out/demo_record.csv"
+/usr/bin/python3 "$root/tools/demo/plot_demo.py" "$out/demo_record.csv" "$out"
+echo "(the controller's own lines: $out/controller.log)"

@@ -19,8 +19,9 @@
 #include <set>
 #include <string>
 
+#include "bus_load.hpp"
+#include "can_interface_probe.hpp"
 #include "dm_frame_describer.hpp"
-#include "simbus/simbus_wire_time.hpp"
 
 namespace {
 
@@ -53,53 +54,10 @@ void usage(FILE* out) {
 
 // Opens a raw CAN socket on `name`; prints why not and returns -1 on failure.
 int open_socket(const std::string& name, bool fd) {
-  if (name.size() >= IFNAMSIZ) {
-    std::fprintf(stderr, "kestrel-monitor: interface name '%s' is longer than %d characters\n",
-                 name.c_str(), IFNAMSIZ - 1);
-    return -1;
-  }
-  const int s = socket(PF_CAN, SOCK_RAW, CAN_RAW);
+  std::string error;
+  const int s = kestrel::tools::open_can_socket(name, fd, error);
   if (s < 0) {
-    std::fprintf(stderr, "kestrel-monitor: cannot open a CAN socket: %s\n", std::strerror(errno));
-    return -1;
-  }
-  ifreq ifr{};
-  std::strncpy(ifr.ifr_name, name.c_str(), IFNAMSIZ - 1);
-  if (ioctl(s, SIOCGIFINDEX, &ifr) < 0) {
-    std::fprintf(stderr,
-                 "kestrel-monitor: cannot open CAN interface '%s': %s (does it exist? for a "
-                 "USB adapter: sudo ip link set %s up type can bitrate 1000000)\n",
-                 name.c_str(), std::strerror(errno), name.c_str());
-    close(s);
-    return -1;
-  }
-  const int index = ifr.ifr_ifindex;  // SIOCGIFFLAGS reuses the same union
-  if (ioctl(s, SIOCGIFFLAGS, &ifr) == 0 && (ifr.ifr_flags & IFF_UP) == 0) {
-    std::fprintf(stderr,
-                 "kestrel-monitor: CAN interface '%s' is DOWN (bring it up: sudo ip link set %s "
-                 "up type can bitrate 1000000)\n",
-                 name.c_str(), name.c_str());
-    close(s);
-    return -1;
-  }
-  if (fd) {
-    const int on = 1;
-    if (setsockopt(s, SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &on, sizeof on) < 0) {
-      std::fprintf(stderr, "kestrel-monitor: '%s' does not take CAN FD frames: %s\n", name.c_str(),
-                   std::strerror(errno));
-      close(s);
-      return -1;
-    }
-  }
-  sockaddr_can addr{};
-  addr.can_family = AF_CAN;
-  addr.can_ifindex = index;
-  if (bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0) {
-    std::fprintf(stderr, "kestrel-monitor: cannot bind to '%s': %s%s\n", name.c_str(),
-                 std::strerror(errno),
-                 errno == ENETDOWN ? " (the interface is DOWN: sudo ip link set ... up)" : "");
-    close(s);
-    return -1;
+    std::fprintf(stderr, "kestrel-monitor: %s\n", error.c_str());
   }
   return s;
 }
@@ -240,20 +198,10 @@ int main(int argc, char** argv) {
     f.fd = is_fd;
     f.data.assign(frame.data, frame.data + std::min<size_t>(frame.len, is_fd ? 64 : 8));
 
-    // Bus load: the frame's bit count as classic CAN (payloads up to 8 bytes) and as CAN FD
-    // with bit-rate switch.
-    can_frame classic{};
-    classic.can_id = frame.can_id;
-    classic.len = static_cast<uint8_t>(std::min<size_t>(f.data.size(), 8));
-    std::memcpy(classic.data, frame.data, classic.len);
-    canfd_frame as_fd = frame;
-    as_fd.flags = CANFD_BRS;
-    const double classic_s =
-        std::chrono::duration<double>(kestrel::simbus::frame_wire_time(&classic, sizeof classic))
-            .count();
-    const double fd_s =
-        std::chrono::duration<double>(kestrel::simbus::frame_wire_time(&as_fd, sizeof as_fd))
-            .count();
+    kestrel::tools::BusLoad frame_load;  // this frame's wire time, both ways of counting
+    frame_load.add(frame, static_cast<size_t>(n));
+    const double classic_s = frame_load.classic_seconds;
+    const double fd_s = frame_load.fd_seconds;
     const auto dir = describer.direction(f);
     for (Counters* c : {&window, &total}) {
       (dir == km::Direction::to_motor     ? c->to_motor
