@@ -17,7 +17,13 @@ build_and_test() {
     -DKESTREL_SANITIZER="$sanitizer" -DKESTREL_BUILD_BENCHMARKS=OFF >/dev/null
   cmake --build "$root/$dir" -j"$jobs"
   echo "==== [$dir] run tests ${label:+(label $label)}"
-  local args=(--test-dir "$root/$dir" --output-on-failure -j"$jobs")
+  # The sanitizer builds run one test at a time: their control loops and simulated arms are
+  # several times slower, and two of them at once on a small machine starve each other.
+  local test_jobs=$jobs
+  if [ -n "$sanitizer" ]; then
+    test_jobs=1
+  fi
+  local args=(--test-dir "$root/$dir" --output-on-failure -j"$test_jobs")
   if [ -n "$label" ]; then
     args+=(-L "$label")
   fi
