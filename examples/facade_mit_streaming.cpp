@@ -41,7 +41,7 @@ void print_state(Kestrel& arm, double t) {
 
 void usage() {
   std::printf(
-      "Usage: facade_mit_streaming [--interface NAME] [--fd] [--seconds S]\n"
+      "Usage: facade_mit_streaming [--interface NAME | NAME] [--fd] [--seconds S]\n"
       "Enables the arm's six joint motors and the gripper, swings every joint by a tenth of a\n"
       "radian around where it stands for S seconds (default 2) with MIT commands at 400 Hz,\n"
       "and prints the decoded feedback. Run it beside the simulated arm:\n"
@@ -51,7 +51,7 @@ void usage() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string interface = "simcan0";
+  std::string interface = "can0";
   bool fd = false;
   double seconds = 2.0;
   static const option options[] = {{"interface", required_argument, nullptr, 'i'},
@@ -84,6 +84,9 @@ int main(int argc, char** argv) {
     }
   }
 
+  if (optind < argc) {
+    interface = argv[optind];  // the interface may also be given alone, like the other examples
+  }
   try {
     Kestrel arm(interface, fd);
     using T = dm::MotorType;

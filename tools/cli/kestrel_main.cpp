@@ -29,7 +29,10 @@ constexpr const char* kUsage =
     "  kestrel status --interface simcan0\n"
     "  kestrel move --interface simcan0 --joints 0,0.4,-0.8,0,-0.6,0 --time 2\n"
     "\n"
-    "Ctrl-C stops the arm where it is (it holds still), then the motors are disabled.\n";
+    "Each arm command enables the motors when it starts and disables them when it ends, so\n"
+    "between commands the arm is limp (the simulated one falls, as the real one would):\n"
+    "support it, or run a whole sequence with kestrel run. Ctrl-C stops the arm where it is\n"
+    "(it holds still), then the motors are disabled.\n";
 
 }  // namespace
 
