@@ -145,7 +145,7 @@ TEST_F(KestrelTool, StatusReadsEveryMotorWithoutEnablingIt) {
   EXPECT_THAT(without_gripper.output, HasSubstr("6 of 6 motors answered"));
 }
 
-TEST_F(KestrelTool, MoveArrivesAtJointAndPoseTargets) {
+TEST_F(KestrelTool, MoveArrivesAtAJointTargetGivenInDegrees) {
   start_sim();
   const auto joints = run(
       {"move", "--interface", "clican0", "--joints", "0,23,-46,0,-34,10", "--deg", "--time", "2"});
@@ -159,7 +159,7 @@ TEST_F(KestrelTool, MoveArrivesAtJointAndPoseTargets) {
   }
 }
 
-TEST_F(KestrelTool, PoseMoveAndAStraightLine) {
+TEST_F(KestrelTool, PoseMoveSolvesTheToolTarget) {
   start_sim();
   const auto pose = run(
       {"move", "--interface", "clican0", "--pose", "0.30,0.05,0.22,3.14159,0,0", "--time", "2.5"});

@@ -7,12 +7,14 @@
 #include <cmath>
 #include <cstdio>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <thread>
 
 #include "arm_session.hpp"
 #include "can_interface_probe.hpp"
 #include "commands.hpp"
+#include "cycle_csv.hpp"
 #include "kestrel/algorithms/kinematics.hpp"
 #include "kestrel/arm/gripper_component.hpp"
 #include "kestrel/arm/kestrel.hpp"
@@ -81,6 +83,22 @@ int finish_stopped(const StopSignals& signals, const std::exception& e) {
     return 130;
   }
   throw;
+}
+
+// Connects, lets Ctrl-C stop the arm while `body` runs, and turns a stop into status 130.
+int with_arm(const Args& args, const std::function<int(ArmController&, StopSignals&)>& body) {
+  const auto options = connection_options(args);
+  StopSignals signals;
+  auto arm = connect_arm(options, true);
+  signals.attach(arm.get());
+  int status = 0;
+  try {
+    status = body(*arm, signals);
+  } catch (const std::runtime_error& e) {
+    status = finish_stopped(signals, e);
+  }
+  signals.attach(nullptr);
+  return signals.requested() && status == 0 ? 130 : status;
 }
 
 }  // namespace
@@ -203,31 +221,23 @@ int command_move(const Words& words) {
   for (size_t i = args.has("--joints") ? 0 : 3; i < 6; ++i) {
     target[i] *= scale;
   }
-  const auto options = connection_options(args);
-  StopSignals signals;
-  auto arm = connect_arm(options, true);
-  signals.attach(arm.get());
-  int status = 0;
-  try {
+  return with_arm(args, [&](ArmController& arm, StopSignals& signals) {
     double planned = 0.0;
     if (args.has("--joints")) {
-      planned = arm->move_joint_waypoints({target}, time, speed);
+      planned = arm.move_joint_waypoints({target}, time, speed);
     } else if (args.flag("--linear")) {
-      planned = arm->move_l({target}, time, speed, 0.0);
+      planned = arm.move_l({target}, time, speed, 0.0);
     } else {
-      planned = arm->move_p({target}, time, speed);
+      planned = arm.move_p({target}, time, speed);
     }
     std::printf("moved in %.3f s (planned)\n", planned);
     if (gripper >= 0.0) {
-      arm->setGripperPosition(gripper);
+      arm.setGripperPosition(gripper);
       signals.sleep(1.0);
     }
-    print_arm_state(*arm);
-  } catch (const std::runtime_error& e) {
-    status = finish_stopped(signals, e);
-  }
-  signals.attach(nullptr);
-  return status;
+    print_arm_state(arm);
+    return 0;
+  });
 }
 
 int command_run(const Words& words) {
@@ -249,21 +259,13 @@ int command_run(const Words& words) {
                 program.steps.size());
     return 0;
   }
-  const auto options = connection_options(args);
-  StopSignals signals;
-  auto arm = connect_arm(options, true);
-  signals.attach(arm.get());
-  int status = 0;
-  try {
-    const double planned = run_program(*arm, program, [&] { return signals.requested(); });
+  return with_arm(args, [&](ArmController& arm, StopSignals& signals) {
+    const double planned = run_program(arm, program, [&] { return signals.requested(); });
     std::printf("program done: %zu steps, %.3f s of planned motion\n", program.steps.size(),
                 planned);
-    print_arm_state(*arm);
-  } catch (const std::runtime_error& e) {
-    status = finish_stopped(signals, e);
-  }
-  signals.attach(nullptr);
-  return status;
+    print_arm_state(arm);
+    return 0;
+  });
 }
 
 int command_gravity(const Words& words) {
@@ -282,20 +284,18 @@ int command_gravity(const Words& words) {
   if (options.mode != MIT_MODE) {
     throw UsageError("gravity compensation needs --mode mit");
   }
-  StopSignals signals;
-  auto arm = connect_arm(options, true);
-  signals.attach(arm.get());
-  arm->identify_gravity_compensation_kdl();
-  std::printf("floating: move the arm by hand; Ctrl-C holds it and exits\n");
-  const auto start = std::chrono::steady_clock::now();
-  while (!signals.requested() && (seconds <= 0.0 || std::chrono::steady_clock::now() - start <
-                                                        std::chrono::duration<double>(seconds))) {
-    signals.sleep(std::min(1.0, seconds > 0.0 ? seconds : 1.0));
-    print_arm_state(*arm);
-  }
-  arm->stop();  // hold the posture it was left in
-  signals.attach(nullptr);
-  return signals.requested() ? 130 : 0;
+  return with_arm(args, [&](ArmController& arm, StopSignals& signals) {
+    arm.identify_gravity_compensation_kdl();
+    std::printf("floating: move the arm by hand; Ctrl-C holds it and exits\n");
+    const auto start = std::chrono::steady_clock::now();
+    while (!signals.requested() && (seconds <= 0.0 || std::chrono::steady_clock::now() - start <
+                                                          std::chrono::duration<double>(seconds))) {
+      signals.sleep(std::min(1.0, seconds > 0.0 ? seconds : 1.0));
+      print_arm_state(arm);
+    }
+    arm.stop();  // hold the posture it was left in
+    return 0;
+  });
 }
 
 int command_record(const Words& words) {
@@ -325,74 +325,53 @@ int command_record(const Words& words) {
     }
   }
   std::ostream& out = args.has("--output") ? file : std::cout;
-  const auto options = connection_options(args);
-  StopSignals signals;
-  auto arm = connect_arm(options, true);
-  signals.attach(arm.get());
-
-  std::atomic<bool> done{false};
-  std::string program_error;
-  std::thread runner;
-  if (program) {
-    runner = std::thread([&] {
-      try {
-        run_program(*arm, *program, [&] { return signals.requested(); });
-      } catch (const std::exception& e) {
-        program_error = e.what();
-      }
-      done.store(true);
-    });
-  }
-  out << "time_s,kind";
-  for (const char* field : {"cmd_q", "cmd_dq", "ff_tau", "q", "dq", "tau"}) {
-    for (int j = 1; j <= 6; ++j) {
-      out << "," << field << j;
-    }
-  }
-  out << ",cmd_gripper_m,gripper_m\n";
-  const auto start = std::chrono::steady_clock::now();
-  auto next = start;
-  uint64_t last = 0;
-  double t0 = -1.0;
-  size_t rows = 0;
-  while (!signals.requested() && !done.load() &&
-         (seconds <= 0.0 ||
-          std::chrono::steady_clock::now() - start < std::chrono::duration<double>(seconds))) {
-    const auto c = arm->get_control_cycle_sample();
-    if (c.cycle != last && c.cycle != 0) {
-      last = c.cycle;
-      t0 = t0 < 0.0 ? c.time_sec : t0;
-      char row[64];
-      std::snprintf(row, sizeof row, "%.4f,%d", c.time_sec - t0, c.command_kind);
-      out << row;
-      for (const auto* a : {&c.commanded_position, &c.commanded_velocity, &c.feedforward_torque,
-                            &c.measured_position, &c.measured_velocity, &c.measured_torque}) {
-        for (double v : *a) {
-          std::snprintf(row, sizeof row, ",%.6g", v);
-          out << row;
+  return with_arm(args, [&](ArmController& arm, StopSignals& signals) {
+    std::atomic<bool> done{false};
+    std::string program_error;
+    std::thread runner;
+    if (program) {
+      runner = std::thread([&] {
+        try {
+          run_program(arm, *program, [&] { return signals.requested(); });
+        } catch (const std::exception& e) {
+          program_error = e.what();
         }
+        done.store(true);
+      });
+    }
+    out << kestrel::tools::cycle_csv_header() << "\n";
+    const auto start = std::chrono::steady_clock::now();
+    auto next = start;
+    uint64_t last = 0;
+    double t0 = -1.0;
+    size_t rows = 0;
+    while (!signals.requested() && !done.load() &&
+           (seconds <= 0.0 ||
+            std::chrono::steady_clock::now() - start < std::chrono::duration<double>(seconds))) {
+      const auto c = arm.get_control_cycle_sample();
+      if (c.cycle != last && c.cycle != 0) {
+        last = c.cycle;
+        t0 = t0 < 0.0 ? c.time_sec : t0;
+        out << kestrel::tools::cycle_csv_row(c, t0) << "\n";
+        ++rows;
       }
-      std::snprintf(row, sizeof row, ",%.5f,%.5f\n", c.commanded_gripper_m, c.measured_gripper_m);
-      out << row;
-      ++rows;
+      next += std::chrono::microseconds(1250);  // twice the control rate: no cycle is missed
+      std::this_thread::sleep_until(next);
     }
-    next += std::chrono::microseconds(1250);  // twice the control rate: no cycle is missed
-    std::this_thread::sleep_until(next);
-  }
-  if (runner.joinable()) {
-    if (!done.load()) {
-      arm->stop();
+    if (runner.joinable()) {
+      if (!done.load()) {
+        arm.stop();
+      }
+      runner.join();
     }
-    runner.join();
-  }
-  out.flush();
-  signals.attach(nullptr);
-  std::fprintf(stderr, "kestrel record: %zu rows\n", rows);
-  if (!program_error.empty() && !signals.requested()) {
-    std::fprintf(stderr, "kestrel record: the program failed: %s\n", program_error.c_str());
-    return 1;
-  }
-  return signals.requested() ? 130 : 0;
+    out.flush();
+    std::fprintf(stderr, "kestrel record: %zu rows\n", rows);
+    if (!program_error.empty() && !signals.requested()) {
+      std::fprintf(stderr, "kestrel record: the program failed: %s\n", program_error.c_str());
+      return 1;
+    }
+    return 0;
+  });
 }
 
 }  // namespace kestrel::cli

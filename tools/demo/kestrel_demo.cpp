@@ -21,6 +21,7 @@
 
 #include "bus_load.hpp"
 #include "can_interface_probe.hpp"
+#include "cycle_csv.hpp"
 #include "kestrel/algorithms/kinematics.hpp"
 #include "kestrel/controller/interfaces.hpp"
 
@@ -207,27 +208,11 @@ std::vector<Phase> run_demo(ArmController& arm) {
 void write_csv(const std::string& path, const std::vector<ControlCycleSample>& samples,
                RobotKinematics& model) {
   std::ofstream out(path);
-  out << "time_s,kind";
-  for (const char* field : {"cmd_q", "cmd_dq", "ff_tau", "q", "dq", "tau"}) {
-    for (int j = 1; j <= 6; ++j) {
-      out << "," << field << j;
-    }
-  }
-  out << ",cmd_gripper_m,gripper_m,cmd_x,cmd_y,cmd_z,x,y,z\n";
+  out << kestrel::tools::cycle_csv_header() << ",cmd_x,cmd_y,cmd_z,x,y,z\n";
   const double t0 = samples.empty() ? 0.0 : samples.front().time_sec;
   char cell[48];
   for (const auto& c : samples) {
-    std::snprintf(cell, sizeof cell, "%.4f,%d", c.time_sec - t0, c.command_kind);
-    out << cell;
-    for (const auto* a : {&c.commanded_position, &c.commanded_velocity, &c.feedforward_torque,
-                          &c.measured_position, &c.measured_velocity, &c.measured_torque}) {
-      for (double v : *a) {
-        std::snprintf(cell, sizeof cell, ",%.6g", v);
-        out << cell;
-      }
-    }
-    std::snprintf(cell, sizeof cell, ",%.5f,%.5f", c.commanded_gripper_m, c.measured_gripper_m);
-    out << cell;
+    out << kestrel::tools::cycle_csv_row(c, t0);
     for (const auto* q : {&c.commanded_position, &c.measured_position}) {
       const auto pose = model.forwardKinematics_kdl(std::vector<double>(q->begin(), q->end()));
       std::snprintf(cell, sizeof cell, ",%.5f,%.5f,%.5f", pose[0], pose[1], pose[2]);

@@ -331,20 +331,13 @@ void ArmController::Impl::stop_motion() {
     if (command.kind == kJointWaypoints) {
       command.stopped_command_id = command.command_id;
     }
-    // Without feedback there is nothing to hold yet: the loop holds its first posture anyway.
-    if (have_state) {
-      command.kind = kJointRaw;
-      command.target = hold;
-      command.target_velocity.fill(0.0);
-      command.started = false;
-      command.waypoint_started = false;
-    }
-    command.waypoint_samples.reset();
-    command.gripper_timeline.reset();
-    command.next_waypoint_samples.reset();
-    command.next_gripper_timeline.reset();
   }
-  notify_motion_state_changed();
+  // Without feedback nothing can be moving yet: the loop holds its first posture anyway.
+  if (have_state) {
+    write_joint_raw_command(hold, JointArray{});  // also drops any running or pending timeline
+  } else {
+    notify_motion_state_changed();
+  }
 }
 
 bool ArmController::Impl::sleep_unless_stopped(double seconds, uint64_t generation) {
