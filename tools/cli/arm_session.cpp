@@ -133,11 +133,12 @@ std::unique_ptr<ArmController> connect_arm(const ConnectionOptions& options, boo
   } else {
     start();
   }
-  // Wait for the first feedback so that commands start from the measured posture.
-  for (int i = 0; i < 200 && arm->get_joint().empty(); ++i) {
+  // Commands start from the measured posture: wait until the loop holds it (it waits for two
+  // feedback readings that agree).
+  for (int i = 0; i < 200 && arm->get_control_cycle_sample().cycle == 0; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
-  if (arm->get_joint().empty()) {
+  if (arm->get_control_cycle_sample().cycle == 0) {
     throw std::runtime_error("no feedback from the arm's motors on " + options.interface +
                              " within 1 s (are they powered and on this bus?)");
   }

@@ -69,6 +69,12 @@ int command_monitor(const Words& words) {
       preload += ":" + std::string(existing);
     }
     ::setenv("LD_PRELOAD", preload.c_str(), 1);
+    // An AddressSanitizer build insists on coming first in the preload list.
+    std::string asan_options = "verify_asan_link_order=0";
+    if (const char* existing = std::getenv("ASAN_OPTIONS"); existing != nullptr && *existing) {
+      asan_options = std::string(existing) + ":" + asan_options;
+    }
+    ::setenv("ASAN_OPTIONS", asan_options.c_str(), 1);
   }
   return exec_companion(find_companion("kestrel-monitor", "monitor"), words);
 }

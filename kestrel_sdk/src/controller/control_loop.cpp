@@ -16,6 +16,8 @@ namespace {
 
 constexpr int64_t kLoopPeriodNs = 2500000;
 constexpr int64_t kFeedbackPeriodNs = 5000000;
+// Two feedback readings closer than this (every joint) confirm the posture held at start.
+constexpr double kHoldAgreementRad = 0.05;
 constexpr double kFeedbackPeriodSec = 0.005;  // the runtime derivatives' step
 constexpr int64_t kClipReportPeriodNs = 1000000000;
 
@@ -58,6 +60,7 @@ struct ArmController::Impl::LoopState {
   CommandState cmd;
   // Hold posture while no command was given (kind 0), or for gravity mode in POS_VEL_MODE.
   bool hold_captured = false;
+  bool hold_candidate_seen = false;  // `hold` holds one reading, waiting for a second to agree
   JointArray hold{};
   bool gravity_fallback_reported = false;
   // Runtime velocity/acceleration/jerk supervision.
@@ -262,12 +265,25 @@ bool ArmController::Impl::compute_targets(LoopState& loop, int64_t now, CycleTar
   t.dq.fill(0.0);
   switch (c.kind) {
     case kNone:
-      // No command yet: hold where the arm stood at the first feedback.
+      // No command yet: hold where the arm stands, once two feedback readings 5 ms apart
+      // agree. In MIT mode the acknowledgements of the start-up register writes are read as
+      // feedback; one that arrives late would otherwise become the hold posture.
       if (!loop.have_state) {
         return false;
       }
       if (!loop.hold_captured) {
+        if (!loop.fresh) {
+          return false;
+        }
+        bool agrees = loop.hold_candidate_seen;
+        for (int j = 0; j < kJoints; ++j) {
+          agrees = agrees && std::abs(loop.q[j] - loop.hold[j]) < kHoldAgreementRad;
+        }
         loop.hold = loop.q;
+        loop.hold_candidate_seen = true;
+        if (!agrees) {
+          return false;
+        }
         loop.hold_captured = true;
       }
       t.q = loop.hold;
