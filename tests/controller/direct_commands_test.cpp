@@ -8,6 +8,7 @@
 #include <limits>
 
 #include "controller/controller_fixture.hpp"
+#include "kestrel/arm/gripper_component.hpp"
 #include "support/stderr_capture.hpp"
 
 namespace {
@@ -106,10 +107,18 @@ TEST_F(DirectCommands, GripperGainsAreClampedOnTheWire) {
   sim.motors().clear_frame_log();
   const std::string err = capture_stderr([&] { arm->setGripperDistance(0.05, 50.0, 5.0); });
   EXPECT_EQ(err, "");
-  ASSERT_TRUE(eventually([&] { return !mit_frames(sim, 6).empty(); }, 1s));
+  // Frames of the standing command (kp 8) may still come first; the new one follows.
+  ASSERT_TRUE(eventually(
+      [&] {
+        const auto frames = mit_frames(sim, 6);
+        return !frames.empty() && frames.back().kp > 10.0;
+      },
+      1s));
   const auto frame = mit_frames(sim, 6).back();
   EXPECT_NEAR(frame.kp, 20.0, 500.0 / 4095);  // kp into [0.1, 20], kd into [0.1, 1]
   EXPECT_NEAR(frame.kd, 1.0, 5.0 / 4095);
+  EXPECT_NEAR(frame.q, kestrel::can::socket::GripperComponent::distance_to_motor_angle(0.05),
+              25.0 / 65535);
   EXPECT_THAT(capture_stderr([&] { arm->setGripperDistance(0.1); }),
               HasSubstr("[Warning] Gripper distance must be in [0mm, 85 mm], but got: 0.1. Value "
                         "will be clamped."));
