@@ -1,25 +1,18 @@
 // Scratch files for in-process tests of the readers that take an explicit path.
 #pragma once
 
-#include <unistd.h>
-
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
+
+#include "simbus/scratch_directory.hpp"
 
 namespace kestrel::testing {
 
 class TempDir {
  public:
-  TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "kestrel-test-XXXXXX").string();
-    path_ = mkdtemp(pattern.data());
-  }
-  ~TempDir() {
-    std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
-  }
+  TempDir() : path_(simbus::make_scratch_directory("kestrel-test-")) {}
+  ~TempDir() { simbus::remove_scratch_directory(path_.string()); }
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
 
