@@ -62,8 +62,7 @@ TEST_F(MotionTest, WaypointMotionArrivesAndReturnsItsDuration) {
   EXPECT_DOUBLE_EQ(duration, static_cast<double>(samples.size() - 1) / 400.0);
   EXPECT_GE(waited, duration);             // the call returns when the motion has ended
   EXPECT_EQ(samples.front().size(), 13u);  // six joints, tool x, y, z and its quaternion
-  std::this_thread::sleep_for(300ms);
-  EXPECT_LT(distance_to(kWork), 0.01);
+  EXPECT_TRUE(eventually([&] { return distance_to(kWork) < 0.01; }, 3s)) << distance_to(kWork);
   EXPECT_FALSE(arm->emergency_stopped());
 }
 
@@ -254,7 +253,12 @@ TEST_F(MotionTest, MoveLKeepsTheMeasuredToolOnTheLineAndCornersWithinTheBlend) {
       std::this_thread::sleep_for(2ms);
     }
   });
-  const double duration = arm->move_l(poses, 0.0, 0.1, blend);
+  double duration = 0.0;
+  try {
+    duration = arm->move_l(poses, 0.0, 0.1, blend);
+  } catch (const std::exception& e) {
+    ADD_FAILURE() << "move_l threw: " << e.what();
+  }
   moving = false;
   sampler.join();
   EXPECT_GT(duration, 0.5);
@@ -282,9 +286,11 @@ TEST_F(MotionTest, MoveLKeepsTheMeasuredToolOnTheLineAndCornersWithinTheBlend) {
   EXPECT_LT(worst_off_line, 0.001);  // within 1 mm of the straight lines
   EXPECT_LT(closest[0], blend);      // and the corners are passed within the blend radius
   EXPECT_LT(closest[1], blend);
-  std::this_thread::sleep_for(300ms);
-  const auto end = arm->get_end_effector_pose();
-  EXPECT_LT((Eigen::Vector3d(end[0], end[1], end[2]) - corners.back()).norm(), 0.002);
+  const auto off_end = [&] {
+    const auto end = arm->get_end_effector_pose();
+    return (Eigen::Vector3d(end[0], end[1], end[2]) - corners.back()).norm();
+  };
+  EXPECT_TRUE(eventually([&] { return off_end() < 0.002; }, 3s)) << off_end();
 }
 
 TEST_F(MotionTest, MovePReachesEachPoseAndMovesTheGripper) {
@@ -297,10 +303,11 @@ TEST_F(MotionTest, MovePReachesEachPoseAndMovesTheGripper) {
                                       rpy.x(),     rpy.y(),     rpy.z()};
   const double duration = arm->move_p_with_gripper({target}, {1.0}, 0.0, 0.5);
   EXPECT_GT(duration, 0.0);
-  std::this_thread::sleep_for(400ms);
-  const auto reached = arm->get_end_effector_pose();
-  EXPECT_LT(std::hypot(reached[0] - target[0], reached[1] - target[1], reached[2] - target[2]),
-            0.004);
+  const auto off_target = [&] {
+    const auto reached = arm->get_end_effector_pose();
+    return std::hypot(reached[0] - target[0], reached[1] - target[1], reached[2] - target[2]);
+  };
+  EXPECT_TRUE(eventually([&] { return off_target() < 0.004; }, 3s)) << off_target();
   EXPECT_GT(arm->get_gripper_position(), 0.8);
 }
 
@@ -319,9 +326,13 @@ TEST_F(MotionTest, SetEndEffectorPoseMovesThereAndSolveIkAgrees) {
   EXPECT_THROW(arm->solve_ik({0.3, 0.0, 0.3}, {0, 0, 0}, {0.0}), std::invalid_argument);
 
   arm->set_end_effector_pose({pose[0], pose[1], pose[2]}, {rpy.x(), rpy.y(), rpy.z()}, 2.0);
-  std::this_thread::sleep_for(2500ms);
-  const auto reached = arm->get_end_effector_pose();
-  EXPECT_LT(std::hypot(reached[0] - pose[0], reached[1] - pose[1], reached[2] - pose[2]), 0.004);
+  // The move takes 2 s; a loaded machine may let the simulated arm settle later.
+  const auto off_target = [&] {
+    const auto reached = arm->get_end_effector_pose();
+    return std::hypot(reached[0] - pose[0], reached[1] - pose[1], reached[2] - pose[2]);
+  };
+  std::this_thread::sleep_for(2000ms);
+  EXPECT_TRUE(eventually([&] { return off_target() < 0.004; }, 4s)) << off_target();
 }
 
 TEST_F(MotionTest, StreamedPoseShapesItsVelocityWithTheElapsedTime) {
