@@ -331,6 +331,43 @@ TEST_F(PlannerTest, LinePathStaysOnItsLinesAndRoundsCornersWithinTheRadius) {
   }
 }
 
+TEST_F(PlannerTest, ShortSidesWithGentleTurnsAreFollowedWithoutSteps) {
+  // A 4 cm circle walked as twenty 12 mm chords, each corner turning by 17 degrees.
+  const std::vector<double> q0(kWork.begin(), kWork.end());
+  const auto pose = impl().kinematics->forwardKinematics_kdl(q0);
+  const Eigen::Vector3d p0(pose[0], pose[1], pose[2]);
+  const auto rpy = impl().kinematics->rotation_matrix_to_euler(
+      Eigen::Quaterniond(pose[6], pose[3], pose[4], pose[5]).toRotationMatrix());
+  std::vector<Eigen::Vector3d> path{p0};
+  std::vector<std::vector<double>> poses;
+  for (int k = 1; k <= 20; ++k) {
+    const double a = 2.0 * M_PI * k / 21.0;
+    path.push_back(p0 + Eigen::Vector3d(0.04 * (std::cos(a) - 1.0), 0.04 * std::sin(a), 0.0));
+    poses.push_back({path.back().x(), path.back().y(), path.back().z(), rpy.x(), rpy.y(), rpy.z()});
+  }
+  const double blend = 0.005;
+  const auto samples = impl().plan_cartesian_line_trajectory(kWork, poses, 0.0, 0.5, blend, 400.0,
+                                                             0.003, 0.05, "[move_l] ");
+  Eigen::Vector3d previous = p0;
+  double largest_step = 0.0;
+  double worst_off_line = 0.0;
+  for (const auto& s : samples) {
+    const auto f = impl().kinematics->forwardKinematics_kdl(
+        std::vector<double>(s.position.begin(), s.position.end()));
+    const Eigen::Vector3d p(f[0], f[1], f[2]);
+    largest_step = std::max(largest_step, (p - previous).norm());
+    previous = p;
+    double off_line = 1.0;
+    for (size_t k = 0; k + 1 < path.size(); ++k) {
+      off_line = std::min(off_line, segment_distance(p, path[k], path[k + 1]));
+    }
+    worst_off_line = std::max(worst_off_line, off_line);
+  }
+  EXPECT_LT(largest_step, 0.0005);  // at most 0.2 m/s in one 2.5 ms period
+  EXPECT_LT(worst_off_line, 1e-4);  // 17-degree arcs of 5 mm stray a few micrometres
+  EXPECT_LT((previous - path.back()).norm(), 1e-6);
+}
+
 TEST_F(PlannerTest, LinePathOutOfReachIsRefusedWithItsPose) {
   try {
     impl().plan_cartesian_line_trajectory(kWork, {{1.5, 0.0, 0.3, 0.0, 0.0, 0.0}}, 0.0, 0.5, 0.0,
