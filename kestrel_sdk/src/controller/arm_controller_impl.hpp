@@ -289,7 +289,7 @@ class ArmController::Impl {
   // Counts stop() calls: a motion program that sees it change goes no further.
   std::atomic<uint64_t> stop_generation{0};
   void publish_cycle_sample(const LoopState& loop, const CycleTargets& targets,
-                            const JointArray& feedforward);
+                            int64_t cycle_start_ns);
   void stop_motion();
   // Sleeps up to `seconds`, returning early (false) when stop() or shutdown intervenes.
   bool sleep_unless_stopped(double seconds, uint64_t generation);

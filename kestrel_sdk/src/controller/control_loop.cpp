@@ -128,7 +128,7 @@ void ArmController::Impl::control_loop() {
         if (compute_targets(loop, now, targets)) {
           send_arm_frames(loop, targets);
           send_gripper_frame(loop, targets, now);
-          publish_cycle_sample(loop, targets, loop.feedforward);
+          publish_cycle_sample(loop, targets, now);
         }
         supervise_runtime_limits(loop);
         supervise_waypoint_tracking(loop, targets);
@@ -726,21 +726,25 @@ void ArmController::Impl::carry_out_emergency_stop() {
 }
 
 void ArmController::Impl::publish_cycle_sample(const LoopState& loop, const CycleTargets& t,
-                                               const JointArray& feedforward) {
+                                               int64_t cycle_start_ns) {
+  // The gripper reading takes the state lock: read it first, never under the sample's lock.
+  double measured_gripper = -1.0;
+  if (enable_gripper && !try_get_latest_gripper_distance_state(measured_gripper)) {
+    measured_gripper = -1.0;
+  }
   std::lock_guard<std::mutex> lock(cycle_sample_mutex);
   auto& c = cycle_sample;
   ++c.cycle;
-  c.time_sec = std::chrono::duration<double>(Clock::now().time_since_epoch()).count();
+  c.time_sec = static_cast<double>(cycle_start_ns) * 1e-9;
   c.command_kind = loop.cmd.kind;
   c.commanded_position = t.torque_only ? loop.q : t.q;
   c.commanded_velocity = t.torque_only ? JointArray{} : t.dq;
-  c.feedforward_torque = feedforward;
+  c.feedforward_torque = loop.feedforward;
   c.measured_position = loop.q;
   c.measured_velocity = loop.dq;
   c.measured_torque = loop.tau;
   if (enable_gripper) {
     c.commanded_gripper_m = loop.last_gripper_tick_ns != 0 ? loop.commanded_gripper_distance : -1.0;
-    double measured = -1.0;
-    c.measured_gripper_m = try_get_latest_gripper_distance_state(measured) ? measured : -1.0;
+    c.measured_gripper_m = measured_gripper;
   }
 }
