@@ -37,7 +37,11 @@ KESTREL_CONFIG_SCENARIO(controller_sections) {
               << wd.state_timeout_ms << ' ' << wd.position_error_warn_m << ' '
               << wd.position_error_stop_m << ' ' << wd.position_error_stop_ms << '\n';
     std::cout << "gripper " << impl.gripper_default_kp << ' ' << impl.gripper_default_kd << '\n';
-    std::cout << "speed " << impl.trajectory_config.default_speed_percent << '\n';
+    const auto& trajectory = impl.trajectory_config;
+    std::cout << "speed " << trajectory.default_speed_percent << '\n';
+    std::cout << "trajectory " << trajectory.max_motion_duration_sec << ' '
+              << trajectory.set_joint_speed_factor << ' ' << trajectory.continuous_waypoint_velocity
+              << '\n';
   } catch (const std::exception& e) {
     std::cout << "exception: " << e.what() << '\n';
     return 3;
@@ -85,6 +89,20 @@ class ControllerConfig : public ::testing::Test {
 
   std::string path() const { return box.config_path().string(); }
 
+  // One edit of `section` that must end the process, and the line it must print last.
+  struct FatalRow {
+    const char* name;
+    std::string replacement;
+    ::testing::Matcher<std::string> line;
+  };
+
+  void expect_fatal(const std::string& section, const std::vector<FatalRow>& table) {
+    for (const auto& row : table) {
+      SCOPED_TRACE(row.name);
+      EXPECT_THAT(fatal_line(run_with(section, row.replacement)), row.line);
+    }
+  }
+
   ConfigSandbox box;
 };
 
@@ -120,30 +138,45 @@ TEST_F(ControllerConfig, GravityFeedForwardHoldsTheArmWhereTheGainsAloneCannot) 
   EXPECT_GT(without, 5.0 * with);
 }
 
-TEST_F(ControllerConfig, MitModeFeedForwardLimits) {
-  auto r = run_with("mit_mode", std::string("mit_mode:\n  kp: ") + kSix + "\n  kd: " + kSix +
-                                    "\n  gravity_tau_limits: [6, 5, 4, 3, 2, 1]\n");
+TEST_F(ControllerConfig, MitModeTuning) {
+  const auto mit = [](const std::string& kp, const std::string& kd, const std::string& rest) {
+    return "mit_mode:\n  kp: " + kp + "\n  kd: " + kd + "\n" + rest;
+  };
+  // Zero gains and limits are accepted, and so is any finite scale.
+  const auto r = run_with("mit_mode", mit("[0, 2, 3, 4, 5, 6]", "[1, 2, 3, 4, 5, 0]",
+                                          "  gravity_tau_limits: [6, 5, 4, 3, 2, 0]\n"
+                                          "  gravity_comp_scale: -1\n"));
   ASSERT_EQ(r.exit_code, 0) << r.describe();
-  EXPECT_THAT(r.out, ::testing::HasSubstr("ff 6 5 4 3 2 1\n")) << "the older spelling is used";
+  EXPECT_THAT(r.out, ::testing::HasSubstr("ff 6 5 4 3 2 0\n")) << "the older spelling is used";
 
-  r = run_with("mit_mode", std::string("mit_mode:\n  kp: ") + kSix + "\n  kd: " + kSix + "\n");
-  EXPECT_EQ(fatal_line(r),
-            "Invalid MIT_MODE config at " + path() + ": missing mit_mode.feedforward_tau_limits");
-
-  r = run_with("mit_mode", std::string("mit_mode:\n  kp: [1, 2, 3]\n  kd: ") + kSix +
-                               "\n  feedforward_tau_limits: " + kSix + "\n");
-  EXPECT_EQ(fatal_line(r), "Invalid joint array config at " + path() +
-                               ": field 'mit_mode.kp' must be a sequence of 6 numbers");
-
-  r = run_with("mit_mode", std::string("mit_mode:\n  kp: ") + kSix + "\n  kd: " + kSix +
-                               "\n  feedforward_tau_limits: " + kSix +
-                               "\n  enable_gravity_compensation: maybe\n");
-  EXPECT_THAT(fatal_line(r),
-              ::testing::StartsWith("Invalid boolean config field 'enable_gravity_compensation': "
-                                    "expected true/false. yaml-cpp: error at line"));
-
-  r = run_with("mit_mode", "");
-  EXPECT_EQ(fatal_line(r), "Invalid MIT_MODE config at " + path() + ": missing 'mit_mode' map");
+  const std::string ff = std::string("  feedforward_tau_limits: ") + kSix + "\n";
+  const std::string invalid = "Invalid MIT_MODE config at " + path() + ": ";
+  using ::testing::Eq;
+  expect_fatal(
+      "mit_mode",
+      {
+          {"limits missing", mit(kSix, kSix, ""),
+           Eq(invalid + "missing mit_mode.feedforward_tau_limits")},
+          {"kp too short", mit("[1, 2, 3]", kSix, ff),
+           Eq("Invalid joint array config at " + path() +
+              ": field 'mit_mode.kp' must be a sequence of 6 numbers")},
+          {"switch not a boolean", mit(kSix, kSix, ff + "  enable_gravity_compensation: maybe\n"),
+           ::testing::StartsWith("Invalid boolean config field 'enable_gravity_compensation': "
+                                 "expected true/false. yaml-cpp: error at line")},
+          {"section missing", "", Eq(invalid + "missing 'mit_mode' map")},
+          {"kp NaN", mit("[1, 2, .nan, 4, 5, 6]", kSix, ff),
+           Eq(invalid + "mit_mode.kp must be finite and >= 0 (joint 3: nan)")},
+          {"kp negative", mit("[1, 2, 3, 4, 5, -0.5]", kSix, ff),
+           Eq(invalid + "mit_mode.kp must be finite and >= 0 (joint 6: -0.5)")},
+          {"kd infinite", mit(kSix, "[.inf, 2, 3, 4, 5, 6]", ff),
+           Eq(invalid + "mit_mode.kd must be finite and >= 0 (joint 1: inf)")},
+          {"older limits negative", mit(kSix, kSix, "  gravity_tau_limits: [6, 5, 4, -3, 2, 1]\n"),
+           Eq(invalid + "mit_mode.feedforward_tau_limits must be finite and >= 0 (joint 4: -3)")},
+          {"scale infinite", mit(kSix, kSix, ff + "  gravity_comp_scale: .inf\n"),
+           Eq(invalid + "mit_mode.gravity_comp_scale must be finite")},
+          {"scale NaN", mit(kSix, kSix, ff + "  gravity_comp_scale: .nan\n"),
+           Eq(invalid + "mit_mode.gravity_comp_scale must be finite")},
+      });
 }
 
 TEST_F(ControllerConfig, RequiredSectionsAndArrays) {
@@ -162,21 +195,46 @@ TEST_F(ControllerConfig, RequiredSectionsAndArrays) {
                                     "value: yaml-cpp: error at line"));
 }
 
-TEST_F(ControllerConfig, DefaultSpeedPercentRange) {
-  const std::string limits = std::string("\n  max_vel_limits: ") + kSix +
-                             "\n  max_acc_limits: " + kSix + "\n  max_jerk_limits: " + kSix;
-  for (const char* bad : {"0", "1.0000001", "-0.5"}) {
-    const auto r = run_with("joint_trajectory", "joint_trajectory:" + limits +
-                                                    "\n  default_speed_percent: " + bad + "\n");
-    EXPECT_EQ(fatal_line(r), "Invalid joint trajectory config at " + path() +
-                                 ": default_speed_percent must be in (0, 1]")
-        << bad;
+TEST_F(ControllerConfig, JointTrajectoryScalars) {
+  const std::string head = std::string("joint_trajectory:\n  max_vel_limits: ") + kSix +
+                           "\n  max_acc_limits: " + kSix + "\n  max_jerk_limits: " + kSix + "\n";
+  const struct {
+    const char* name;
+    std::string keys;
+    std::string printed;
+  } accepted[] = {
+      {"defaults when absent", "", "speed 0.1\ntrajectory 600 1.25 0\n"},
+      {"edges of the ranges",
+       "  default_speed_percent: 1.0\n  max_motion_duration_sec: 0.5\n"
+       "  set_joint_speed_factor: 0\n  continuous_waypoint_velocity: true\n",
+       "speed 1\ntrajectory 0.5 0 1\n"},
+  };
+  for (const auto& row : accepted) {
+    const auto r = run_with("joint_trajectory", head + row.keys);
+    EXPECT_THAT(r.out, ::testing::HasSubstr(row.printed)) << row.name << '\n' << r.describe();
   }
-  auto r = run_with("joint_trajectory",
-                    "joint_trajectory:" + limits + "\n  default_speed_percent: 1.0\n");
-  EXPECT_THAT(r.out, ::testing::HasSubstr("speed 1\n")) << r.describe();
-  r = run_with("joint_trajectory", "joint_trajectory:" + limits + "\n");
-  EXPECT_THAT(r.out, ::testing::HasSubstr("speed 0.1\n")) << r.describe();
+
+  const std::string invalid = "Invalid joint trajectory config at " + path() + ": ";
+  const auto speed = ::testing::Eq(invalid + "default_speed_percent must be in (0, 1]");
+  const auto duration = ::testing::Eq(invalid + "max_motion_duration_sec must be positive");
+  const auto factor = ::testing::Eq(invalid + "set_joint_speed_factor must be finite and >= 0");
+  expect_fatal(
+      "joint_trajectory",
+      {
+          {"speed zero", head + "  default_speed_percent: 0\n", speed},
+          {"speed above 1", head + "  default_speed_percent: 1.0000001\n", speed},
+          {"speed negative", head + "  default_speed_percent: -0.5\n", speed},
+          {"duration zero", head + "  max_motion_duration_sec: 0\n", duration},
+          {"duration NaN", head + "  max_motion_duration_sec: .nan\n", duration},
+          {"duration infinite", head + "  max_motion_duration_sec: .inf\n", duration},
+          {"factor negative", head + "  set_joint_speed_factor: -0.01\n", factor},
+          {"factor NaN", head + "  set_joint_speed_factor: .nan\n", factor},
+          {"factor infinite", head + "  set_joint_speed_factor: .inf\n", factor},
+          {"waypoint velocity not a boolean", head + "  continuous_waypoint_velocity: sometimes\n",
+           ::testing::StartsWith("Invalid boolean config field "
+                                 "'continuous_waypoint_velocity': expected true/false. "
+                                 "yaml-cpp: error at line")},
+      });
 }
 
 TEST_F(ControllerConfig, TorqueLimitsOrder) {
@@ -207,11 +265,15 @@ TEST_F(ControllerConfig, GripperSections) {
 }
 
 TEST_F(ControllerConfig, MotorSigns) {
-  auto r = run_with("motor_signs", "motor_signs: [1, -1, 1, 1, -1, 1]\n");
+  auto r = run_with("motor_signs", "motor_signs: [1, -1, 1, 1.0000000005, -1, 1]\n");
   EXPECT_THAT(r.out, ::testing::HasSubstr("signs 1 -1 1 1 -1 1\n")) << r.describe();
-  r = run_with("motor_signs", "motor_signs: [1, -1, 1, 2, -1, 1]\n");
-  EXPECT_EQ(r.exit_code, 3) << "a bad sign throws, it does not end the process\n" << r.describe();
-  EXPECT_THAT(r.out, ::testing::HasSubstr("exception: motor_signs must contain only +1 or -1"));
+  for (const char* bad : {"2", "1.000000002", ".nan"}) {
+    r = run_with("motor_signs", std::string("motor_signs: [1, -1, 1, ") + bad + ", -1, 1]\n");
+    EXPECT_EQ(r.exit_code, 3) << bad << ": a bad sign throws, it does not end the process\n"
+                              << r.describe();
+    EXPECT_THAT(r.out, ::testing::HasSubstr("exception: motor_signs must contain only +1 or -1"))
+        << bad;
+  }
   r = run_with("motor_signs", "motor_signs: [1, -1, 1, 1, -1]\n");
   EXPECT_EQ(fatal_line(r), "Invalid joint array config at " + path() +
                                ": field 'motor_signs' must be a sequence of 6 numbers");

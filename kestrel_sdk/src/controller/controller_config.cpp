@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <functional>
 #include <iostream>
+#include <sstream>
 #include <stdexcept>
 
 #include "kestrel/algorithms/config_paths.hpp"
@@ -74,6 +75,20 @@ void parse_optional_array(JointArray& out, const YAML::Node& section, const char
   }
 }
 
+// MIT gains and feed-forward limits: a non-finite entry would spoil every command of its joint,
+// and a negative limit turns the symmetric feed-forward clip inside out.
+void check_finite_non_negative(const JointArray& values, const std::string& key,
+                               const std::string& path) {
+  for (size_t j = 0; j < values.size(); ++j) {
+    if (!(std::isfinite(values[j]) && values[j] >= 0.0)) {
+      std::ostringstream line;
+      line << "Invalid MIT_MODE config at " << path << ": " << key
+           << " must be finite and >= 0 (joint " << j + 1 << ": " << values[j] << ")";
+      throw std::runtime_error(line.str());
+    }
+  }
+}
+
 }  // namespace
 
 void parse_joint_array(JointArray& out, const YAML::Node& node, const std::string& key,
@@ -103,12 +118,16 @@ double read_yaml_double_or(const YAML::Node& node, const std::string& key, doubl
 }
 
 bool read_bool_or(const YAML::Node& node, const std::string& key) {
+  return read_bool_or(node, key, true);
+}
+
+bool read_bool_or(const YAML::Node& node, const std::string& key, bool fallback) {
   if (!node.IsDefined() || node.IsNull()) {
-    return true;
+    return fallback;
   }
   const YAML::Node value = node[key];
   if (!value.IsDefined()) {
-    return true;
+    return fallback;
   }
   try {
     return value.as<bool>();
@@ -154,6 +173,13 @@ MitModeConfig load_mit_mode_config() {
     c.enable_gravity_compensation = read_bool_or(s, "enable_gravity_compensation");
     c.enable_coriolis_compensation = read_bool_or(s, "enable_coriolis_compensation");
     c.enable_inertia_compensation = read_bool_or(s, "enable_inertia_compensation");
+    check_finite_non_negative(c.kp, "mit_mode.kp", path);
+    check_finite_non_negative(c.kd, "mit_mode.kd", path);
+    check_finite_non_negative(c.feedforward_tau_limits, "mit_mode.feedforward_tau_limits", path);
+    if (!std::isfinite(c.gravity_comp_scale)) {
+      throw std::runtime_error("Invalid MIT_MODE config at " + path +
+                               ": mit_mode.gravity_comp_scale must be finite");
+    }
     return c;
   });
 }
@@ -174,9 +200,21 @@ JointTrajectoryConfig load_joint_trajectory_config() {
         c.default_speed_percent = read_yaml_double_or(s, "default_speed_percent", 0.1);
         c.enforce_time_mode_acc_limit = read_bool_or(s, "enforce_time_mode_acc_limit");
         c.enforce_time_mode_jerk_limit = read_bool_or(s, "enforce_time_mode_jerk_limit");
+        c.max_motion_duration_sec =
+            read_yaml_double_or(s, "max_motion_duration_sec", c.max_motion_duration_sec);
+        c.set_joint_speed_factor =
+            read_yaml_double_or(s, "set_joint_speed_factor", c.set_joint_speed_factor);
+        c.continuous_waypoint_velocity =
+            read_bool_or(s, "continuous_waypoint_velocity", c.continuous_waypoint_velocity);
+        const std::string invalid = "Invalid joint trajectory config at " + path + ": ";
         if (!(c.default_speed_percent > 0.0 && c.default_speed_percent <= 1.0)) {
-          throw std::runtime_error("Invalid joint trajectory config at " + path +
-                                   ": default_speed_percent must be in (0, 1]");
+          throw std::runtime_error(invalid + "default_speed_percent must be in (0, 1]");
+        }
+        if (!(std::isfinite(c.max_motion_duration_sec) && c.max_motion_duration_sec > 0.0)) {
+          throw std::runtime_error(invalid + "max_motion_duration_sec must be positive");
+        }
+        if (!(std::isfinite(c.set_joint_speed_factor) && c.set_joint_speed_factor >= 0.0)) {
+          throw std::runtime_error(invalid + "set_joint_speed_factor must be finite and >= 0");
         }
         return c;
       });
@@ -268,7 +306,8 @@ JointArray load_motor_signs_config() {
 
 void check_motor_signs(const JointArray& signs) {
   for (double s : signs) {
-    if (std::abs(std::abs(s) - 1.0) > 1e-9) {
+    // The accepted range is what is tested, so that a NaN is refused too.
+    if (!(std::abs(std::abs(s) - 1.0) <= 1e-9)) {
       throw std::invalid_argument("motor_signs must contain only +1 or -1");
     }
   }

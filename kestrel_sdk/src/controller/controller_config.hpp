@@ -42,6 +42,17 @@ struct JointTrajectoryConfig {
   double default_speed_percent = 0.1;
   bool enforce_time_mode_acc_limit = true;
   bool enforce_time_mode_jerk_limit = true;
+  // Longest motion any planner may produce, seconds: a longer plan is refused before its samples
+  // are allocated ("max_motion_duration_sec", > 0).
+  double max_motion_duration_sec = 600.0;
+  // set_joint refuses a move whose peak speed (2.1875 x distance / time for its 7th-order
+  // profile) would exceed this factor times max_vel_limits on any joint; 0 turns the check off
+  // ("set_joint_speed_factor", >= 0). The default stays below the run-time velocity stop (1.3).
+  double set_joint_speed_factor = 1.25;
+  // false: interior waypoint velocities per unit of normalised segment time, as planned by
+  // default (the real velocity steps where neighbouring segments differ in duration); true: the
+  // same tangents made continuous in real time ("continuous_waypoint_velocity").
+  bool continuous_waypoint_velocity = false;
 };
 
 struct RuntimeJointSafetyConfig {
@@ -72,6 +83,8 @@ void parse_joint_array(JointArray& out, const YAML::Node& node, const std::strin
 double read_yaml_double_or(const YAML::Node& node, const std::string& key, double fallback);
 // The same for booleans, fallback true; a non-boolean throws "Invalid boolean config field ...".
 bool read_bool_or(const YAML::Node& node, const std::string& key);
+// The same with a fallback of the caller's choice.
+bool read_bool_or(const YAML::Node& node, const std::string& key, bool fallback);
 
 // Loaders: each resolves and parses the file by itself and exits the process on an error.
 PosVelModeConfig load_pos_vel_mode_config();
