@@ -282,6 +282,43 @@ TEST_F(IkConfig, PositionTolerantFallbackRetargetsWithinItsRadius) {
                                           "time_exceeded=false\n"));
 }
 
+TEST_F(IkConfig, PositionAdjustedResidualAnswerIsReportedAsTolerantFallback) {
+  // 4 mm beyond reach KDL fails, toward the target and toward every moved target still out of
+  // reach. Its answer for the target itself trades 0.36 mrad of orientation for reach and is
+  // refused by the tight orientation tolerance; the one for the target moved 4 mm along -x misses
+  // the requested target by 4.7 mm and 0.08 mrad and is accepted.
+  const auto [pos, euler] = beyond_reach(0.004);
+  const auto r = solve(
+      "ik_solver: {mode: kdl, position_tolerance_m: 0.0049, orientation_tolerance_rad: 0.0002}\n"
+      "ik_fallback: {enabled: true, position_tolerance_m: 0.008, max_time_ms: 0}\n",
+      pos, euler, kNearStretched);
+  EXPECT_THAT(r.out, ::testing::HasSubstr("ok=1 fallback=1")) << r.describe();
+  const auto lines = r.err_lines();
+  ASSERT_EQ(lines.size(), 2u) << r.describe();
+  const std::string v = "\\[[^]]+\\]", n = "[-+0-9.e]+";
+  EXPECT_THAT(lines[0], ::testing::MatchesRegex(
+                            "\\[WARN\\]\\[solve_ik_kdl\\] accepted position-adjusted residual IK "
+                            "fallback, target_pos=" +
+                            v + ", target_euler=" + v + ", fk_pos_error_m=" + n +
+                            ", fk_rot_error_rad=" + n + ", q_delta_max_rad=" + n));
+  EXPECT_THAT(lines[1],
+              ::testing::MatchesRegex(
+                  "\\[WARN\\]\\[solve_ik_kdl\\] strict IK failed ret=-[0-9]+, reason=[^;]+; "
+                  "accepted position-tolerant IK fallback, original_target_pos=" +
+                  v + ", adjusted_target_pos=" + v + ", target_euler=" + v +
+                  ", adjusted_distance_m=0\\.004, tolerance_m=0\\.008, fk_pos_error_m=" + n +
+                  ", fk_rot_error_rad=" + n + ", q_delta_max_rad=" + n +
+                  ", candidates_tried=[0-9]+, elapsed_ms=" + n));
+  // Both lines give the errors of the same joints against the requested target.
+  const auto field = [](const std::string& line, const std::string& key) {
+    const size_t from = line.find(", " + key + "=") + key.size() + 3;
+    return line.substr(from, line.find(',', from) - from);
+  };
+  for (const char* key : {"fk_pos_error_m", "fk_rot_error_rad", "q_delta_max_rad"}) {
+    EXPECT_EQ(field(lines[0], key), field(lines[1], key)) << key;
+  }
+}
+
 TEST_F(IkConfig, ContinuousJointIsWrappedIntoOneTurn) {
   std::string urdf = ConfigSandbox::shipped_urdf();
   const std::string revolute = R"(<joint name="joint6" type="revolute">)";

@@ -481,14 +481,17 @@ bool RobotKinematics::solve_ik_kdl(const std::vector<double>& target_pos,
                                             target_pos[1] + radius * direction.y(),
                                             target_pos[2] + radius * direction.z()};
       std::vector<double> candidate_raw;
-      if (search.kdl(adjusted, candidate_raw) < 0) {
-        if (search.accept("position-adjusted residual IK fallback", search.convert(candidate_raw),
-                          out)) {
-          return true;
-        }
+      std::vector<double> q;
+      if (search.kdl(adjusted, candidate_raw) >= 0) {
+        q = search.convert(candidate_raw);
+      } else if (!search.accept("position-adjusted residual IK fallback",
+                                search.convert(candidate_raw), q)) {
+        // KDL missed the moved target too; its last joints were not close enough to the
+        // requested one either.
         continue;
       }
-      const std::vector<double> q = search.convert(candidate_raw);
+      // Measured against the requested target. Joints taken by the tolerance acceptance already
+      // lie within the ik_solver tolerances, which this check only widens.
       const auto pose = search.fk(q);
       const double pos_err = position_error_norm(pose, target_pos);
       const double rot_err = orientation_error_norm(pose, target_euler);
