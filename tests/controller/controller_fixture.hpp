@@ -68,6 +68,54 @@ class SimulatedArm {
     }
   }
 
+  // The largest steps between consecutive MIT targets each arm motor received (since the frame
+  // log was last cleared), as fractions of what the limits allow between the two frames:
+  // position against vmax, velocity against amax, over the time between them (at least one
+  // control period: a frame delayed on the bus arrives closer to the next) plus one more period
+  // of bus jitter, and two counts of the frame's field. Above 1: a jump.
+  struct TargetSteps {
+    double position = 0.0;
+    double velocity = 0.0;
+    int position_joint = 0;  // 1-based, where the largest step was
+    int velocity_joint = 0;
+  };
+  TargetSteps largest_target_steps(const std::array<double, 6>& vmax,
+                                   const std::array<double, 6>& amax) const {
+    // 16-bit positions over +-12.5 rad; 12-bit velocities over +-8 rad/s (joints 1-3) and
+    // +-30 rad/s (joints 4-6).
+    constexpr double kPositionCount = 25.0 / 65535.0;
+    const double velocity_count[6] = {16.0 / 4095, 16.0 / 4095, 16.0 / 4095,
+                                      60.0 / 4095, 60.0 / 4095, 60.0 / 4095};
+    TargetSteps worst;
+    std::array<const sim::LoggedFrame*, 6> previous{};
+    for (const auto& entry : motors_->received_frames()) {
+      const int m = static_cast<int>(entry.command.motor);
+      if (entry.command.kind != sim::CommandKind::kMit || m < 0 || m >= 6) {
+        continue;
+      }
+      if (previous[m] != nullptr) {
+        const double dt =
+            std::max(std::chrono::duration<double>(entry.time - previous[m]->time).count(),
+                     0.0025) +
+            0.0025;
+        const double dq = std::abs(entry.command.mit.q - previous[m]->command.mit.q);
+        const double dv = std::abs(entry.command.mit.dq - previous[m]->command.mit.dq);
+        const double p = dq / (vmax[m] * dt + 2 * kPositionCount);
+        const double v = dv / (amax[m] * dt + 2 * velocity_count[m]);
+        if (p > worst.position) {
+          worst.position = p;
+          worst.position_joint = m + 1;
+        }
+        if (v > worst.velocity) {
+          worst.velocity = v;
+          worst.velocity_joint = m + 1;
+        }
+      }
+      previous[m] = &entry;
+    }
+    return worst;
+  }
+
   // Received frames with the given identifier and first three payload bytes matching.
   size_t count_received(uint32_t id, uint8_t last_byte) const {
     size_t n = 0;
@@ -142,6 +190,19 @@ class ArmControllerTestAccess {
     auto& i = impl(arm);
     i.emergency_stop_flag = true;
     i.notify_motion_state_changed();
+  }
+
+  // The command slot's target (the final posture of a waypoint motion) and whether a timeline
+  // is staged to take over (chunk update, stop).
+  static kestrel::controller::JointArray command_target(ArmController& arm) {
+    auto& i = impl(arm);
+    std::lock_guard<std::mutex> lock(i.command_mutex);
+    return i.command.target;
+  }
+  static bool staged(ArmController& arm) {
+    auto& i = impl(arm);
+    std::lock_guard<std::mutex> lock(i.command_mutex);
+    return i.command.next_waypoint_samples != nullptr;
   }
 
   static int command_kind(ArmController& arm) {

@@ -144,7 +144,11 @@ TEST_F(LoopTest, UnfollowableTimelineTurnsIntoAHoldWithoutEmergencyStop) {
   }
   sim.motors().set_silent(3, true);
   Access::play(*arm, std::move(samples));
+  // A chunk staged from the motion that fails goes with it.
+  arm->update_joint_waypoint_chunk({start}, 0.0, 0.5, 3.0);
+  ASSERT_TRUE(Access::staged(*arm));
   ASSERT_TRUE(eventually([&] { return Access::command_kind(*arm) == 1; }, 3s));
+  EXPECT_FALSE(Access::staged(*arm));
   sim.motors().set_silent(3, false);
   EXPECT_FALSE(arm->emergency_stopped());
   EXPECT_TRUE(arm->running());
@@ -156,6 +160,100 @@ TEST_F(LoopTest, UnfollowableTimelineTurnsIntoAHoldWithoutEmergencyStop) {
           "\\[control_loop\\] waypoint tracking error stop: joint=4 error_rad=0\\.(2[5-9]|3)[0-9]* "
           "threshold=0\\.25 cycles=30"));
   EXPECT_THAT(err, ::testing::Not(::testing::HasSubstr("emergency_stop_flag=1")));
+}
+
+TEST_F(LoopTest, WaypointPlaybackKeepsTheUrdfLimits) {
+  // A timeline (handed over directly, not planned) that runs joint 6 slowly to 3.05 rad: the
+  // frames stop at its 3.0 rad limit.
+  const auto start = arm->get_joint();
+  std::vector<Access::Sample> samples(1601);
+  for (size_t i = 0; i < samples.size(); ++i) {
+    const double s = static_cast<double>(i) / 1600.0;
+    for (int j = 0; j < 6; ++j) {
+      samples[i].position[j] = start[j];
+    }
+    samples[i].position[5] += (3.05 - start[5]) * kestrel::controller::septic_position(s);
+  }
+  sim.motors().clear_frame_log();
+  Access::play(*arm, std::move(samples));
+  ASSERT_TRUE(eventually([&] { return Access::command_kind(*arm) == 1; }, 6s));
+  EXPECT_FALSE(arm->emergency_stopped());
+  double highest = -10.0;
+  for (const auto& entry : sim.motors().received_frames()) {
+    if (entry.command.kind == kestrel::sim::CommandKind::kMit && entry.command.motor == 5) {
+      highest = std::max(highest, entry.command.mit.q);
+    }
+  }
+  EXPECT_GT(highest, 2.9);
+  EXPECT_LE(highest, 3.0 + 25.0 / 65535);
+}
+
+TEST_F(LoopTest, TheGripperCommandRepeatsOnItsPeriod) {
+  // A standing gripper command goes out every command_period_ms (5 ms), on the clock, not
+  // whenever a jittered wake-up happens to be 5 ms after the previous one.
+  sim.motors().clear_frame_log();
+  std::this_thread::sleep_for(2s);
+  size_t frames = 0;
+  for (const auto& entry : sim.motors().received_frames()) {
+    frames += entry.command.kind == kestrel::sim::CommandKind::kMit && entry.command.motor == 6;
+  }
+  EXPECT_GE(frames, 390u);
+  EXPECT_LE(frames, 405u);
+}
+
+TEST_F(LoopTest, AGripperStoppedByItsWatchdogWorksAgainOnTheNextCommand) {
+  // Something in the jaws holds the gripper shut: the watchdog drops the command after 0.5 s,
+  // and the gripper motor, hearing nothing more, disables itself after 50 ms.
+  auto& gripper = Access::impl(*arm).kestrel->get_gripper();
+  const double opening =
+      gripper.get_open_motor_position() > gripper.get_close_motor_position() ? 1.0 : -1.0;
+  ASSERT_TRUE(eventually([&] { return arm->get_gripper_distance() < 0.005; }, 2s));
+  sim.motors().set_external_torque(6, -12.0 * opening);
+  arm->openGripper();
+  std::this_thread::sleep_for(1200ms);
+  EXPECT_LT(arm->get_gripper_distance(), 0.03);
+  sim.motors().set_external_torque(6, 0.0);
+  std::this_thread::sleep_for(200ms);
+  arm->openGripper();
+  EXPECT_TRUE(eventually([&] { return arm->get_gripper_distance() > 0.08; }, 3s))
+      << arm->get_gripper_distance();
+  const auto [out, err] = finish();
+  EXPECT_THAT(err, ::testing::ContainsRegex("\\[control_loop\\] gripper watchdog stop: "
+                                            "position_error_m=0\\.0[0-9]+ duration_ms=500"));
+}
+
+TEST(PosVelLoop, GravityFallbackHoldsWhereverTheArmIsEachCycle) {
+  SimulatedArm sim;
+  ::testing::internal::CaptureStderr();
+  std::unique_ptr<ArmController> arm;
+  kestrel::testing::capture_stdout(
+      [&] { arm = std::make_unique<ArmController>(true, "can0", false, POS_VEL_MODE, false); });
+  ASSERT_TRUE(eventually([&] { return arm->get_joint().size() == 6; }, 3s));
+  // Gravity mode while joint 1 turns at 0.25 rad/s: the motors brake within their DEC setting
+  // (gently enough for the run-time supervision), and the posture held each cycle is where the
+  // arm is by then.
+  auto q = arm->get_joint();
+  q[0] += 0.18;
+  arm->set_joint(q, 1.6);
+  std::this_thread::sleep_for(800ms);
+  sim.motors().clear_frame_log();
+  arm->identify_gravity_compensation();
+  std::this_thread::sleep_for(300ms);
+  std::vector<double> held;
+  for (const auto& entry : sim.motors().received_frames()) {
+    if (entry.command.kind == kestrel::sim::CommandKind::kPosVel && entry.command.motor == 0) {
+      held.push_back(entry.command.pos_vel.q);
+    }
+  }
+  const double measured = arm->get_joint()[0];
+  EXPECT_FALSE(arm->emergency_stopped());
+  kestrel::testing::capture_stdout([&] { arm.reset(); });
+  const std::string err = ::testing::internal::GetCapturedStderr();
+  ASSERT_GT(held.size(), 100u);
+  const auto [low, high] = std::minmax_element(held.begin() + 5, held.end());
+  EXPECT_GT(*high - *low, 0.001) << "the held posture follows the braking arm";
+  EXPECT_NEAR(held.back(), measured, 0.001);
+  EXPECT_THAT(err, ::testing::HasSubstr("falling back to position/velocity hold."));
 }
 
 TEST_F(LoopTest, SustainedVelocityExcessStopsTheArm) {

@@ -83,6 +83,17 @@ TEST_F(DirectCommands, ArgumentErrorsComeFirstAndChangeNothing) {
               arm->set_end_effector_pose({0.3, 0, 0.3}, {0}, 1.0);
             }),
             "target_euler must have exactly 3 elements.");
+  // 0.5 rad in 1 ms would peak at 1094 rad/s: a position step at full gain.
+  EXPECT_THAT(
+      invalid_argument_of([&] {
+        auto q = arm->get_joint();
+        q[0] += 0.5;
+        arm->set_joint(q, 0.001);
+      }),
+      ::testing::MatchesRegex(
+          "set_joint time 0.001 s is too short: joint 1 would peak at 109[0-9.]+ rad/s, "
+          "above 1.25 x its limit of 2 rad/s \\(joint_trajectory.set_joint_speed_factor\\); "
+          "the shortest time is 0.43[0-9]+ s"));
   // A NaN never reaches the command slot, let alone the bus.
   EXPECT_THROW(arm->set_joint({nan, 0, 0, 0, 0, 0}, 1.0), std::invalid_argument);
   EXPECT_THROW(arm->set_joint_raw({0, 0, 0, 0, 0, 0}, {0, 0, nan, 0, 0, 0}), std::invalid_argument);

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <functional>
 #include <future>
 
 #include "controller/controller_fixture.hpp"
@@ -107,6 +108,8 @@ TEST_F(MotionTest, AnEmergencyStopDuringTheWaitThrows) {
   auto motion =
       std::async(std::launch::async, [&] { return arm->move_joint_waypoints({kWork}, 3.0, 0.0); });
   ASSERT_TRUE(eventually([&] { return Access::command_counter(*arm) == 1; }, 2s));
+  arm->update_joint_waypoint_chunk({kHome}, 0.0, 0.5, 2.0);
+  ASSERT_TRUE(Access::staged(*arm));
   Access::raise_emergency_stop(*arm);
   try {
     motion.get();
@@ -115,6 +118,46 @@ TEST_F(MotionTest, AnEmergencyStopDuringTheWaitThrows) {
     EXPECT_STREQ(e.what(), "waypoint motion interrupted by emergency stop");
   }
   EXPECT_TRUE(eventually([&] { return !arm->running(); }, 1s));
+  EXPECT_FALSE(Access::staged(*arm)) << "the chunk staged before the stop is dropped";
+}
+
+TEST_F(MotionTest, AStagedChunkChangesNothingBeforeItsSwitch) {
+  arm->setGripperDistance(0.03, 15.0, 0.5);
+  auto motion =
+      std::async(std::launch::async, [&] { return arm->move_joint_waypoints({kWork}, 3.0, 0.0); });
+  ASSERT_TRUE(eventually([&] { return Access::command_counter(*arm) == 1; }, 2s));
+  const auto running_target = Access::command_target(*arm);
+  sim.motors().clear_frame_log();
+  arm->update_joint_waypoint_chunk_with_gripper({kHome}, {1.0}, 0.0, 0.5, 1.0);
+  std::this_thread::sleep_for(800ms);
+  // Before the switch: the running motion's target, the standing gripper command and gains.
+  EXPECT_EQ(Access::command_target(*arm), running_target);
+  for (const auto& entry : sim.motors().received_frames()) {
+    if (entry.command.kind == kestrel::sim::CommandKind::kMit && entry.command.motor == 6) {
+      ASSERT_NEAR(entry.command.mit.kp, 15.0, 500.0 / 4095);  // one count of the 12-bit field
+    }
+  }
+  motion.get();  // replaced at the switch
+  std::this_thread::sleep_for(200ms);
+  for (int j = 0; j < 6; ++j) {
+    EXPECT_NEAR(Access::command_target(*arm)[j], kHome[j], 1e-12) << "the chunk's final posture";
+  }
+  EXPECT_TRUE(eventually([&] { return arm->get_gripper_distance() > 0.08; }, 5s));
+}
+
+TEST_F(MotionTest, ALinearMotionToWhereTheToolIsReturnsAtOnce) {
+  const auto p = arm->get_end_effector_pose();
+  const Eigen::Vector3d rpy = Access::impl(*arm).kinematics->rotation_matrix_to_euler(
+      Eigen::Quaterniond(p[6], p[3], p[4], p[5]).toRotationMatrix());
+  const std::vector<double> here = {p[0], p[1], p[2], rpy.x(), rpy.y(), rpy.z()};
+  auto call = std::async(std::launch::async, [&] { return arm->move_l({here, here}); });
+  const bool returned = call.wait_for(500ms) == std::future_status::ready;
+  if (!returned) {
+    arm->stop();  // frees the waiting call, so that a failure does not hang the test
+  }
+  ASSERT_TRUE(returned);
+  EXPECT_EQ(call.get(), 0.0);
+  EXPECT_EQ(Access::command_counter(*arm), 0) << "nothing was published";
 }
 
 // MIT position and velocity targets of joint motor `m` as the motor received them, in order.
@@ -128,34 +171,98 @@ std::vector<std::pair<double, double>> received_targets(SimulatedArm& sim, int m
   return out;
 }
 
-TEST_F(MotionTest, AChunkUpdateSwitchesWithoutAJump) {
-  // A 3 s motion of joint 1; 1 s in, a chunk that turns back switches 0.2 s later, in full
-  // flight. Position and velocity carry on through the switch, as the targets the motor
-  // received show.
-  std::vector<double> far = kHome;
-  far[0] = 1.2;
-  std::vector<double> back = kHome;
-  back[0] = -0.2;
-  auto motion =
-      std::async(std::launch::async, [&] { return arm->move_joint_waypoints({far}, 3.0, 0.0); });
-  ASSERT_TRUE(eventually([&] { return Access::command_counter(*arm) == 1; }, 2s));
-  std::this_thread::sleep_for(1s);
-  sim.motors().clear_frame_log();
-  const double chunk = arm->update_joint_waypoint_chunk({back}, 2.5, 0.0, 0.2);
-  EXPECT_DOUBLE_EQ(chunk, 2.5);
-  EXPECT_DOUBLE_EQ(motion.get(), 3.0);  // replaced at the switch: the first wait ends normally
-  std::this_thread::sleep_for(600ms);
-  const auto targets = received_targets(sim, 0);
-  ASSERT_GT(targets.size(), 200u);
-  for (size_t i = 1; i < targets.size(); ++i) {
-    // Position: no step beyond what 2 rad/s (the planner's limit) covers in two control periods
-    // (a cycle may be late; the timeline runs on the clock), plus one 16-bit count (0.38 mrad).
-    EXPECT_LE(std::abs(targets[i].first - targets[i - 1].first), 2.0 * 0.005 + 0.0004) << i;
-    // Velocity: 4 rad/s^2 changes it by 0.02 rad/s in two periods, plus a 12-bit count or two.
-    // Planning the chunk from rest instead of from the running motion would drop it by about
-    // 0.6 rad/s at the switch.
-    EXPECT_LE(std::abs(targets[i].second - targets[i - 1].second), 0.04) << i;
+// A chunk update takes over whatever runs, from its state at the switch: timed or by speed,
+// turning back or slowing down, into a waypoint motion or a set_joint move. The targets the
+// motors received carry on without a jump in position or velocity, within the limits.
+TEST_F(MotionTest, ChunkUpdatesSpliceIntoTheRunningMotionWithoutAJump) {
+  auto with_joint1 = [](double q1) {
+    std::vector<double> q = kHome;
+    q[0] = q1;
+    return q;
+  };
+  auto& impl = Access::impl(*arm);
+  struct Row {
+    const char* name;
+    std::function<std::future<void>()> start;  // the running motion
+    std::function<bool()> ready;               // when the chunk is sent
+    std::function<std::vector<double>()> chunk;
+    double time_sec, speed, delay;
+    double ceiling;  // commanded joint 1 stays below this (no overshoot); 0: not checked
+  };
+  auto moving_to = [&](double q1, double time, double speed) {
+    return [=, &arm = arm] {
+      return std::async(std::launch::async, [=, &arm] {
+        try {
+          arm->move_joint_waypoints({with_joint1(q1)}, time, speed);
+        } catch (const std::runtime_error&) {
+        }
+      });
+    };
+  };
+  const auto began = std::make_shared<std::chrono::steady_clock::time_point>();
+  auto after = [began](double seconds) {
+    return [=] {
+      return std::chrono::steady_clock::now() - *began > std::chrono::duration<double>(seconds);
+    };
+  };
+  auto joint1_faster_than = [&](double v) {
+    return [&arm = arm, v] { return arm->get_joint_velocities()[0] > v; };
+  };
+  double ahead = 0.0;
+  const Row rows[] = {
+      {"a timed chunk turning back in full flight", moving_to(1.2, 3.0, 0.0), after(1.0),
+       [&] { return with_joint1(-0.2); }, 2.5, 0.0, 0.2, 0.0},
+      {"a slow chunk while joint 1 runs at 0.57 rad/s", moving_to(1.5, 0.0, 0.5),
+       joint1_faster_than(0.57), [&] { return with_joint1(0.9); }, 0.0, 0.0, 0.05, 0.0},
+      {"a chunk into a set_joint move",
+       [&] {
+         arm->set_joint(with_joint1(0.8), 2.0);
+         std::promise<void> done;
+         done.set_value();
+         return done.get_future();
+       },
+       after(0.8), [&] { return with_joint1(0.2); }, 0.0, 0.5, 0.05, 0.0},
+      {"a timed chunk just ahead of a fast joint", moving_to(1.5, 0.0, 0.5),
+       joint1_faster_than(0.5),
+       [&] {
+         ahead = arm->get_joint()[0] + 0.25;
+         return with_joint1(ahead);
+       },
+       2.0, 0.0, 0.05, -1.0},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    arm->move_joint_waypoints({kHome}, 0.0, 0.5);
+    *began = std::chrono::steady_clock::now();
+    auto running = row.start();
+    ASSERT_TRUE(eventually(row.ready, 5s));
+    sim.motors().clear_frame_log();
+    const std::vector<double> target = row.chunk();
+    const auto called = std::chrono::steady_clock::now();
+    const double duration =
+        arm->update_joint_waypoint_chunk({target}, row.time_sec, row.speed, row.delay);
+    EXPECT_LT(std::chrono::steady_clock::now() - called, 200ms) << "plans in milliseconds";
+    if (row.time_sec > 0.0) {
+      EXPECT_DOUBLE_EQ(duration, row.time_sec);
+    }
+    running.get();  // a replaced motion's wait ends normally at the switch
+    // The switch and the transition lie in the first 3 s (the frame log holds about 5 s).
+    std::this_thread::sleep_for(std::chrono::duration<double>(std::min(duration, 3.0)));
+    const auto steps = sim.largest_target_steps(impl.max_vel, impl.max_acc);
+    EXPECT_LE(steps.position, 1.0) << "joint " << steps.position_joint;
+    EXPECT_LE(steps.velocity, 1.0) << "joint " << steps.velocity_joint;
+    if (row.ceiling < 0.0) {
+      double farthest = -10.0;
+      for (const auto& [q, dq] : received_targets(sim, 0)) {
+        farthest = std::max(farthest, q);
+      }
+      EXPECT_LE(farthest, ahead + 0.001) << "overshoots its waypoint";
+    }
+    EXPECT_TRUE(eventually([&] { return distance_to(target) < 0.01; },
+                           std::chrono::milliseconds(static_cast<int>(duration * 1000) + 2000)))
+        << distance_to(target);
   }
+  EXPECT_FALSE(arm->emergency_stopped());
 }
 
 TEST_F(MotionTest, MotionProgramJoinsAndSplitsAsItsRulesSay) {

@@ -39,12 +39,15 @@ class StopAndRecord : public ::testing::Test {
   std::unique_ptr<ArmController> arm;
 };
 
-TEST_F(StopAndRecord, StopEndsTheWaitingMotionAndTheArmHoldsStill) {
+TEST_F(StopAndRecord, StopBrakesTheWaitingMotionSmoothlyAndTheArmHoldsStill) {
+  arm->openGripper();
+  ASSERT_TRUE(eventually([&] { return arm->get_gripper_distance() > 0.08; }, 3s));
   auto motion = std::async(std::launch::async, [&] {
-    arm->move_joint_waypoints({{0.8, 0.5, -0.9, 0.6, -0.8, 0.9}}, 4.0, 0.0);
+    arm->move_joint_waypoints_with_gripper({{0.8, 0.5, -0.9, 0.6, -0.8, 0.9}}, {0.0}, 4.0, 0.0);
   });
   ASSERT_TRUE(eventually([&] { return largest_speed() > 0.1; }, 2s));
   std::this_thread::sleep_for(300ms);
+  sim.motors().clear_frame_log();
   const auto stopped_at = Clock::now();
   arm->stop();
   ASSERT_EQ(motion.wait_for(1s), std::future_status::ready);
@@ -61,10 +64,46 @@ TEST_F(StopAndRecord, StopEndsTheWaitingMotionAndTheArmHoldsStill) {
   EXPECT_GT(std::abs(held[0]), 0.05);  // it had got under way, and stopped short of 0.8
   EXPECT_LT(std::abs(held[0]), 0.75);
   EXPECT_FALSE(arm->emergency_stopped());
+  // The brake is jerk-limited: no jump in the commanded position or velocity.
+  const auto& impl = ArmControllerTestAccess::impl(*arm);
+  const auto steps = sim.largest_target_steps(impl.max_vel, impl.max_acc);
+  EXPECT_LE(steps.position, 1.0) << "joint " << steps.position_joint;
+  EXPECT_LE(steps.velocity, 1.0) << "joint " << steps.velocity_joint;
+  // The gripper was closing: it stays where the stop found it, never back open.
+  const double gripper = arm->get_control_cycle_sample().commanded_gripper_m;
+  EXPECT_GT(gripper, 0.01);
+  EXPECT_LT(gripper, 0.08);
 
   // The controller takes new motions afterwards.
   EXPECT_GT(arm->move_joint_waypoints({{0.0, 0.3, -0.6, 0.0, -0.6, 0.0}}, 1.5, 0.0), 0.0);
   EXPECT_NEAR(arm->get_joint()[0], 0.0, 0.02);
+}
+
+TEST_F(StopAndRecord, DestroyingTheControllerWakesCallsInOtherThreads) {
+  // One call waits for its motion; another is still planning a long, slow line.
+  ArmController* controller = arm.get();
+  auto waiting = std::async(std::launch::async, [controller] {
+    controller->move_joint_waypoints({{0.8, 0.5, -0.9, 0.6, -0.8, 0.9}}, 4.0, 0.0);
+  });
+  ASSERT_TRUE(eventually([&] { return largest_speed() > 0.1; }, 2s));
+  const auto p = arm->get_end_effector_pose();
+  const Eigen::Vector3d rpy =
+      ArmControllerTestAccess::impl(*arm).kinematics->rotation_matrix_to_euler(
+          Eigen::Quaterniond(p[6], p[3], p[4], p[5]).toRotationMatrix());
+  auto planning = std::async(std::launch::async, [controller, p, rpy] {
+    controller->move_l({{p[0] - 0.1, p[1], p[2], rpy.x(), rpy.y(), rpy.z()}}, 0.0, 0.01);
+  });
+  std::this_thread::sleep_for(50ms);
+  capture_stdout([&] { arm.reset(); });
+  for (auto* call : {&waiting, &planning}) {
+    ASSERT_EQ(call->wait_for(5s), std::future_status::ready);
+    try {
+      call->get();
+      ADD_FAILURE() << "returned normally";
+    } catch (const std::runtime_error& e) {
+      EXPECT_STREQ(e.what(), "waypoint motion interrupted because controller is exiting");
+    }
+  }
 }
 
 TEST_F(StopAndRecord, StopEndsAMotionProgramInItsSleep) {

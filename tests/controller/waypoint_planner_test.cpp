@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <functional>
 
 #include "controller/controller_fixture.hpp"
 #include "support/stderr_capture.hpp"
@@ -34,13 +35,20 @@ class PlannerTest : public ::testing::Test {
   std::vector<Sample> plan(const JointArray& start, const std::vector<JointArray>& waypoints,
                            double time_sec, std::vector<long>* steps = nullptr,
                            double speed = 1.0) {
-    JointArray vmax = impl().max_vel;
-    for (double& v : vmax) {
+    kestrel::controller::WaypointPlanRequest request;
+    request.start.position = start;
+    request.waypoints = waypoints;
+    request.limits = {impl().max_vel, impl().max_acc, impl().max_jerk};
+    for (double& v : request.limits.velocity) {
       v *= speed;
     }
-    return impl().plan_joint_waypoint_trajectory(start, waypoints, vmax, impl().max_acc,
-                                                 impl().max_jerk, time_sec, 400.0, nullptr, nullptr,
-                                                 nullptr, steps);
+    request.time_sec = time_sec;
+    auto planned =
+        kestrel::controller::JointWaypointPlanner(impl().planner_settings(400.0)).plan(request);
+    if (steps != nullptr) {
+      *steps = planned.segment_steps;
+    }
+    return std::move(planned.samples);
   }
 
   kestrel::simbus::ScopedSimbus bus{{"can0"}};
@@ -191,6 +199,52 @@ TEST_F(PlannerTest, PublicPlanChecksItsArgumentsInOrder) {
             "each waypoint must have exactly 6 joint values");
 }
 
+TEST_F(PlannerTest, MotionArgumentErrorsComeBeforeTheJointStateIsRead) {
+  // Without hardware there is no joint state: argument errors must still be argument errors.
+  const std::vector<double> five = {0.1, 0.2, 0.3, 0.4, 0.5};
+  const std::vector<double> six(kWork.begin(), kWork.end());
+  struct Row {
+    const char* name;
+    std::function<void()> call;
+    const char* message;
+  };
+  const Row rows[] = {
+      {"move, five values", [&] { arm->move_joint_waypoints({five}, 1.0, 0.0); },
+       "each waypoint must have exactly 6 joint values"},
+      {"chunk, five values",
+       [&] {
+         arm->update_joint_waypoint_chunk({six, five}, 0, 0.5, 0.1);
+       },
+       "each waypoint must have exactly 6 joint values"},
+      {"move, gripper list too long",
+       [&] {
+         arm->move_joint_waypoints_with_gripper({six}, {0.5, 0.5}, 1.0, 0.0);
+       },
+       "gripper_positions must have the same length as waypoints"},
+      {"chunk, gripper list too short",
+       [&] {
+         arm->update_joint_waypoint_chunk_with_gripper({six, six}, {0.5}, 1.0, 0.0, 0.0);
+       },
+       "gripper_positions must have the same length as waypoints"},
+  };
+  for (const Row& row : rows) {
+    try {
+      row.call();
+      ADD_FAILURE() << row.name << ": no error";
+    } catch (const std::invalid_argument& e) {
+      EXPECT_STREQ(e.what(), row.message) << row.name;
+    } catch (const std::exception& e) {
+      ADD_FAILURE() << row.name << ": " << e.what();
+    }
+  }
+  try {
+    arm->move_joint_waypoints({six}, 1.0, 0.0);
+    ADD_FAILURE() << "no error";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(), "cannot plan waypoint trajectory before joint state is available");
+  }
+}
+
 TEST_F(PlannerTest, PublicPlanClampsToTheLimitsAndBuildsTheGripperTimeline) {
   const std::vector<double> start(kWork.begin(), kWork.end());
   impl().safety_config.trajectory_safety.enabled = false;  // a clamped waypoint is at the limit
@@ -247,8 +301,8 @@ TEST_F(PlannerTest, SingularityDetourSteersAWristOvershootAround) {
   double duration = 0.0;
   std::vector<Sample> samples;
   err = capture_stderr([&] {
-    auto motion = impl().prepare_waypoint_motion(waypoints, 0.0, 0.5, 400.0, nullptr, start,
-                                                 nullptr, "[move_joint_waypoints] ");
+    auto motion = impl().prepare_waypoint_motion(waypoints, 0.0, 0.5, 400.0, nullptr,
+                                                 {start, {}, {}}, "[move_joint_waypoints] ");
     duration = motion.duration;
     samples = *motion.samples;
   });
@@ -269,7 +323,7 @@ TEST_F(PlannerTest, SingularityDetourGivesUpWhereEveryPathCrosses) {
   std::string what;
   const std::string err = capture_stderr([&] {
     try {
-      impl().prepare_waypoint_motion(waypoints, 0.0, 0.5, 400.0, nullptr, start, nullptr,
+      impl().prepare_waypoint_motion(waypoints, 0.0, 0.5, 400.0, nullptr, {start, {}, {}},
                                      "[move_joint_waypoints] ");
     } catch (const std::runtime_error& e) {
       what = e.what();
@@ -380,6 +434,42 @@ TEST_F(PlannerTest, LinePathOutOfReachIsRefusedWithItsPose) {
         ::testing::AnyOf(StartsWith("[move_l] the path cannot be followed: no IK answer "
                                     "within tolerance at t="),
                          StartsWith("[move_l] the path would jump between IK branches at t=")));
+  }
+}
+
+TEST_F(PlannerTest, LinePathsOutsideTheJointLimitsOrTooLongAreRefused) {
+  // Joint 6 at 2.9 rad, the tool turned 0.3 rad further about its axis: joint 6 would need
+  // 3.2 rad, beyond its 3.0 rad limit.
+  JointArray start = kWork;
+  start[5] = 2.9;
+  JointArray beyond = start;
+  beyond[5] = 3.2;
+  const auto pose =
+      impl().kinematics->forwardKinematics_kdl(std::vector<double>(beyond.begin(), beyond.end()));
+  const auto rpy = impl().kinematics->rotation_matrix_to_euler(
+      Eigen::Quaterniond(pose[6], pose[3], pose[4], pose[5]).toRotationMatrix());
+  const std::vector<double> turned = {pose[0], pose[1], pose[2], rpy.x(), rpy.y(), rpy.z()};
+  const std::vector<double> aside = {pose[0] - 0.05, pose[1], pose[2], rpy.x(), rpy.y(), rpy.z()};
+  struct Row {
+    const char* name;
+    JointArray from;
+    std::vector<double> to;
+    double longest;
+    const char* start;
+  };
+  const Row rows[] = {
+      {"beyond joint 6's limit", start, turned, 600.0, "[move_l] the path leaves joint 6's limits"},
+      {"longer than allowed", beyond, aside, 1.0, "[move_l] planned motion lasts "},
+  };
+  for (const Row& row : rows) {
+    impl().trajectory_config.max_motion_duration_sec = row.longest;
+    try {
+      impl().plan_cartesian_line_trajectory(row.from, {row.to}, 0.0, 0.05, 0.0, 400.0, 0.003, 0.05,
+                                            "[move_l] ");
+      ADD_FAILURE() << row.name << ": no error";
+    } catch (const std::runtime_error& e) {
+      EXPECT_THAT(e.what(), StartsWith(row.start)) << row.name;
+    }
   }
 }
 

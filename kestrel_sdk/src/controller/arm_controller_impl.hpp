@@ -18,6 +18,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,11 +29,14 @@
 #include "kestrel/arm/kestrel.hpp"
 #include "kestrel/controller/controller_config.hpp"
 #include "kestrel/controller/interfaces.hpp"
+#include "kestrel/controller/joint_splice.hpp"
+#include "kestrel/controller/joint_waypoint_planner.hpp"
 #include "kestrel/controller/loop_statistics.hpp"
 
 class ArmController::Impl {
  public:
   using JointArray = kestrel::controller::JointArray;
+  using MotionState = kestrel::controller::JointMotionState;
   using Sample = kestrel::algorithms::WaypointTrajectorySample;
   using Timeline = std::shared_ptr<const std::vector<Sample>>;
   using Clock = std::chrono::steady_clock;
@@ -76,9 +80,14 @@ class ArmController::Impl {
     Timeline next_waypoint_samples;
     std::shared_ptr<const std::vector<double>> next_gripper_timeline;
     int64_t next_switch_time_ns = 0;
+    double next_sample_period = 0.0025;
     int64_t next_command_id = 0;
     // The waypoint command that stop() ended: its waiter throws "motion stopped".
     int64_t stopped_command_id = -1;
+    // Grows with every change of the motion the slot describes (a new command, a start
+    // captured, a switch, an end of playback): a plan made from the slot is still a splice of
+    // the running motion only while this is unchanged.
+    uint64_t revision = 0;
   };
 
   Impl(const std::string& can_interface, bool use_canfd, ArmController* owner, bool enable_gripper,
@@ -113,6 +122,12 @@ class ArmController::Impl {
   void write_joint_trajectory_command(const JointArray& q, double duration);
   void write_gravity_command(CommandKind kind);
   void write_gripper_command(double distance, double kp, double kd);
+  // Refuses (std::invalid_argument) a set_joint whose profile would peak above
+  // joint_trajectory.set_joint_speed_factor times the velocity limits.
+  void check_joint_move_speed(const JointArray& target, double time);
+  // The start of every writer that replaces the motion (command_mutex held): drops the running
+  // and staged timelines, freezes the gripper timeline, sets the kind.
+  void replace_motion_locked(CommandKind kind);
   // Installs a waypoint timeline as a kind-3 command and returns its command id.
   int64_t write_waypoint_command(Timeline samples,
                                  std::shared_ptr<const std::vector<double>> gripper_timeline,
@@ -121,15 +136,16 @@ class ArmController::Impl {
   static int64_t now_ns();
 
   // ---- Joint waypoint planning (waypoint_planner.cpp) ----
-  // Quintic segments through q_start and the waypoints, one sample per control period. Limits
-  // are used as given (speed scaling is the caller's); time_sec > 0 shares that time evenly.
+  // The planner's settings from the configuration.
+  kestrel::controller::WaypointPlanSettings planner_settings(double control_hz) const;
+  // Quintic segments through q_start (at rest) and the waypoints, one sample per control period.
+  // Limits are used as given (speed scaling is the caller's); time_sec > 0 shares that time
+  // evenly.
   std::vector<Sample> plan_joint_waypoint_trajectory(
       const JointArray& q_start, const std::vector<JointArray>& waypoints, const JointArray& vmax,
       const JointArray& amax, const JointArray& jmax, double time_sec, double control_hz,
       std::vector<double>* gripper_timeline_out = nullptr,
-      const std::vector<double>* point_gripper_targets = nullptr,
-      const JointArray* start_velocity = nullptr,
-      std::vector<long>* segment_steps_out = nullptr) const;
+      const std::vector<double>* point_gripper_targets = nullptr) const;
   // Joint-limit margins, then singularity, then self-collision, merged.
   kestrel::algorithms::SafetyResult evaluate_waypoint_trajectory_safety(
       const std::vector<Sample>& samples);
@@ -158,16 +174,28 @@ class ArmController::Impl {
     std::shared_ptr<const std::vector<double>> gripper_timeline;
     double duration = 0.0;
   };
-  // The checks and planning shared by both publishers (`prefix` names the caller in messages).
+  // Argument checks of both publishers that come before the joint state is read.
+  void check_waypoint_arguments(const std::vector<std::vector<double>>& waypoints, double time_sec,
+                                double speed_percent, double control_hz, const double* switch_delay,
+                                const std::vector<double>* gripper_positions) const;
+  // Plans and checks a waypoint motion from `start` (at rest, or a running motion's state to
+  // splice from); `prefix` names the caller in messages.
   PreparedMotion prepare_waypoint_motion(const std::vector<std::vector<double>>& waypoints,
                                          double time_sec, double speed_percent, double control_hz,
                                          const std::vector<double>* gripper_positions,
-                                         const JointArray& start, const JointArray* start_velocity,
-                                         const char* prefix);
-  // The commanded state (position, velocity) the arm will have at `when_ns`, from the running
-  // or pending timeline, else the hold target or the measured joints.
-  bool commanded_state_at(int64_t when_ns, JointArray& position, JointArray& velocity);
+                                         const MotionState& start, const char* prefix);
+  // The state the running command will command at `when_ns` (command_mutex held): the
+  // running or staged timeline, the joint move, or the hold target; false when nothing is
+  // commanded (no command yet, gravity mode).
+  bool commanded_state_at_locked(int64_t when_ns, const JointArray& measured,
+                                 MotionState& out) const;
   void record_last_samples(const std::vector<Sample>& samples);
+  // The slot's gripper timeline is being dropped at `when_ns` (command_mutex held): the gripper
+  // keeps the opening the timeline commands then, not an older direct target.
+  void freeze_gripper_timeline_locked(int64_t when_ns);
+  // Raises a stop flag under command_mutex, so that no waiter can miss it, and wakes every
+  // waiter.
+  void raise_stop_flag(std::atomic<bool>& flag);
 
   // ---- Cartesian motions (cartesian_motion.cpp) ----
   // Joint timeline of a straight-line tool path from q_start through `poses` (see move_l),
@@ -208,7 +236,8 @@ class ArmController::Impl {
   void supervise_waypoint_tracking(LoopState& loop, const CycleTargets& targets);
   void supervise_gripper(LoopState& loop, const CycleTargets& targets, int64_t now);
   void report_clips(LoopState& loop, int64_t now);
-  void end_waypoint_playback(LoopState& loop, const JointArray& hold);
+  // Ends kind-3 playback with a hold; a tracking stop (`drop_staged`) also drops a staged chunk.
+  void end_waypoint_playback(LoopState& loop, const JointArray& hold, bool drop_staged);
   void carry_out_emergency_stop();
 
   // ---- Configuration (read once, at construction) ----
@@ -253,6 +282,11 @@ class ArmController::Impl {
   CommandState command;
   int64_t gripper_command_time_ns = 0;
   bool gripper_command_seen = false;
+  // Start time of the latest cycle that took the command (under command_mutex): a splice is
+  // published only while the loop has not yet reached its switch time.
+  int64_t last_cycle_ns = 0;
+  // How long the latest chunk took to plan: the earliest switch a new chunk can make.
+  std::atomic<int64_t> chunk_planning_estimate_ns{0};
 
   // ---- Published state (written by the control thread) ----
   std::mutex state_mutex;
@@ -297,4 +331,22 @@ class ArmController::Impl {
   // ---- Last commanded waypoint samples (own mutex) ----
   std::mutex last_samples_mutex;
   std::vector<std::vector<double>> last_waypoint_samples;
+};
+
+class ArmController::CallScope {
+ public:
+  explicit CallScope(const ArmController& arm) : arm_(arm) {
+    // Counted before the check: cleanup() raises its flag before it waits for the count.
+    arm_.active_calls_.fetch_add(1);
+    if (arm_.cleaned_up_.load()) {
+      arm_.active_calls_.fetch_sub(1);
+      throw std::runtime_error("ArmController has been cleaned up");
+    }
+  }
+  ~CallScope() { arm_.active_calls_.fetch_sub(1); }
+  CallScope(const CallScope&) = delete;
+  CallScope& operator=(const CallScope&) = delete;
+
+ private:
+  const ArmController& arm_;
 };

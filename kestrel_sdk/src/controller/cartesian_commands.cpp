@@ -28,6 +28,7 @@ constexpr std::array<double, 6> kStreamAccelerationLimit = {35.0, 18.0, 87.0, 30
 
 void ArmController::set_end_effector_pose(const std::vector<double>& pos,
                                           const std::vector<double>& euler, double time) {
+  const CallScope scope(*this);
   if (pos.size() != 3) {
     throw std::invalid_argument("target_pos must have exactly 3 elements.");
   }
@@ -61,6 +62,7 @@ void ArmController::set_end_effector_pose(const std::vector<double>& pos,
 
 void ArmController::set_end_effector_pose_raw(const std::vector<double>& pos,
                                               const std::vector<double>& euler) {
+  const CallScope scope(*this);
   if (pos.size() != 3 || euler.size() != 3) {
     return;  // a streaming caller must not be stopped by one malformed target
   }
@@ -110,6 +112,7 @@ void ArmController::set_end_effector_pose_raw(const std::vector<double>& pos,
 std::pair<std::vector<double>, bool> ArmController::solve_ik(const std::vector<double>& pos,
                                                              const std::vector<double>& euler,
                                                              const std::vector<double>& q_seed) {
+  const CallScope scope(*this);
   if (pos.size() != 3 || euler.size() != 3) {
     throw std::invalid_argument("target_pos and target_euler must both have exactly 3 elements.");
   }

@@ -39,12 +39,11 @@ constexpr double kLinearAcceleration = 1.0;
 // A quintic rest-to-rest profile peaks at 15/8 of the mean speed and 10/sqrt(3) L/T^2.
 constexpr double kQuinticPeakVelocity = 1.875;
 constexpr double kQuinticPeakAcceleration = 5.773502691896258;
+// Poses closer than this to the tool (metres, or radians at kEquivalentRadius) are where it is.
+constexpr double kSamePoseDistance = 1e-9;
 // One joint moving this far in one 2.5 ms period (40 rad/s) is no motion the arm can make: the
 // IK answer has jumped to another branch.
 constexpr double kBranchJumpRad = 0.1;
-// Speed-mode slow-downs stop here: a linear motion longer than this is no motion anyone asked
-// for.
-constexpr double kLongestLinearMotionSec = 600.0;
 
 // KDL's Vector::Norm() rounds lengths below 1e-6 to 0 (and gives NaN for a zero vector when
 // told not to): the IK would stop a micrometre short. Exact length instead.
@@ -187,13 +186,31 @@ std::vector<ArmController::Impl::Sample> ArmController::Impl::plan_cartesian_lin
   for (size_t k = 0; k < poses.size(); ++k) {
     const KDL::Frame f = pose_frame(poses[k]);
     const double g = point_gripper_targets ? (*point_gripper_targets)[k + 1] : 0.0;
-    if (frame_distance(points.back(), f) < 1e-9) {
+    if (frame_distance(points.back(), f) < kSamePoseDistance) {
       gripper.back() = g;
       continue;
     }
     points.push_back(f);
     gripper.push_back(g);
   }
+
+  const double period = 1.0 / control_hz;
+  if (points.size() == 1) {
+    // Nothing to travel: one period at the start.
+    Sample at_start;
+    at_start.position = q_start;
+    if (gripper_timeline_out != nullptr) {
+      gripper_timeline_out->assign(2, gripper.front());
+    }
+    return {at_start, at_start};
+  }
+  const double longest = trajectory_config.max_motion_duration_sec;
+  auto refuse_too_long = [&](double seconds) {
+    std::ostringstream msg;
+    msg << prefix << "planned motion lasts " << seconds
+        << " s, longer than joint_trajectory.max_motion_duration_sec=" << longest;
+    throw std::runtime_error(msg.str());
+  };
 
   // One rounded path through every corner, or, when the corners cannot be rounded, one
   // rest-to-rest line per segment.
@@ -257,7 +274,6 @@ std::vector<ArmController::Impl::Sample> ArmController::Impl::plan_cartesian_lin
     }
   }
 
-  const double period = 1.0 / control_hz;
   std::vector<Sample> samples;
   std::vector<double> timeline;
   // Newton steps from the previous sample's joints: the answer stays on the branch the arm is
@@ -296,6 +312,14 @@ std::vector<ArmController::Impl::Sample> ArmController::Impl::plan_cartesian_lin
   bool probing_jump = false;
   std::string limit_message;
   for (int attempt = 0; attempt < 6; ++attempt) {
+    // The whole length is known before anything is allocated.
+    double planned = 0.0;
+    for (const auto& part : parts) {
+      planned += std::max(std::round(part.duration * control_hz), 1.0) * period;
+    }
+    if (planned > longest) {
+      refuse_too_long(planned);
+    }
     samples.clear();
     timeline.clear();
     double largest_step = 0.0;
@@ -358,6 +382,14 @@ std::vector<ArmController::Impl::Sample> ArmController::Impl::plan_cartesian_lin
         Sample sample;
         for (int j = 0; j < kJoints; ++j) {
           sample.position[j] = joints(j);
+          if (joint_has_limits[j] &&
+              (joints(j) < joint_lower[j] - 1e-9 || joints(j) > joint_upper[j] + 1e-9)) {
+            std::ostringstream msg;
+            msg << prefix << "the path leaves joint " << (j + 1) << "'s limits at t=" << elapsed
+                << "s: " << joints(j) << " rad outside [" << joint_lower[j] << ", "
+                << joint_upper[j] << "], pose=" << format_pose(target);
+            throw std::runtime_error(msg.str());
+          }
         }
         samples.push_back(sample);
         if (gripper_timeline_out != nullptr) {
@@ -458,8 +490,8 @@ std::vector<ArmController::Impl::Sample> ArmController::Impl::plan_cartesian_lin
       for (const auto& part : parts) {
         total += part.duration;
       }
-      const double slower = std::min(largest_step / (0.25 * kBranchJumpRad),
-                                     kLongestLinearMotionSec / std::max(total, period));
+      const double slower =
+          std::min(largest_step / (0.25 * kBranchJumpRad), longest / std::max(total, period));
       if (slower <= 1.0) {
         throw std::runtime_error(jump_message);
       }
@@ -484,7 +516,7 @@ std::vector<ArmController::Impl::Sample> ArmController::Impl::plan_cartesian_lin
     // A continuous path settles within a slow-down or two. One whose samples step (an IK answer
     // accepted within tolerance, not exactly on the path) keeps its steps however slowly it runs,
     // and would only grow a timeline of millions of samples.
-    if (attempt == 5 || stretched > kLongestLinearMotionSec) {
+    if (attempt == 5 || stretched > longest) {
       std::ostringstream msg;
       msg << prefix << "the path needs joint " << (worst + 1)
           << " beyond its limits however slowly it is run (limit ratio " << stretch << ")";
@@ -558,6 +590,18 @@ double ArmController::Impl::publish_cartesian_waypoint_trajectory_command(
   if (!try_get_latest_joint_state(current)) {
     throw std::runtime_error("cannot plan cartesian trajectory before joint state is available");
   }
+  if (gripper_positions == nullptr) {
+    // Every pose where the tool already is: nothing to do.
+    const auto tool =
+        kinematics->forwardKinematics_kdl(std::vector<double>(current.begin(), current.end()));
+    const KDL::Frame here(KDL::Rotation::Quaternion(tool[3], tool[4], tool[5], tool[6]),
+                          KDL::Vector(tool[0], tool[1], tool[2]));
+    if (std::all_of(poses.begin(), poses.end(), [&](const std::vector<double>& pose) {
+          return frame_distance(here, pose_frame(pose)) < kSamePoseDistance;
+        })) {
+      return 0.0;
+    }
+  }
 
   if (!linear) {
     // Point to point: every pose solved from the answer before it, then a joint motion.
@@ -614,7 +658,11 @@ double ArmController::Impl::publish_cartesian_waypoint_trajectory_command(
     std::cerr << prefix << "safety warning: " << ka::format_safety_result(verdict)
               << ", samples=" << samples.size() << std::endl;
     if (time_sec <= 0.0 && verdict.speed_scale > 0.0 && verdict.speed_scale < 1.0) {
-      samples = plan(speed * verdict.speed_scale);  // the same path, slower
+      samples = plan(speed * verdict.speed_scale);  // the same path, slower: a new plan,
+      const auto slower = evaluate_waypoint_trajectory_safety(samples);  // checked again
+      if (slower.level == ka::SafetyLevel::stop) {
+        throw std::runtime_error(p + ka::format_safety_result(slower));
+      }
     }
   }
   if (ka::motion_planning_debug_enabled()) {
@@ -640,6 +688,7 @@ double ArmController::Impl::publish_cartesian_waypoint_trajectory_command(
 double ArmController::move_pose_waypoints(const std::vector<std::vector<double>>& poses,
                                           double time_sec, double speed_percent, bool linear,
                                           double blend_radius_m) {
+  const CallScope scope(*this);
   return impl().publish_cartesian_waypoint_trajectory_command(
       poses, time_sec, speed_percent, blend_radius_m, Impl::kControlHz, kPositionToleranceM,
       kOrientationToleranceRad, linear, nullptr);
@@ -658,6 +707,7 @@ double ArmController::move_p(const std::vector<std::vector<double>>& poses, doub
 double ArmController::move_p_with_gripper(const std::vector<std::vector<double>>& poses,
                                           const std::vector<double>& gripper_positions,
                                           double time_sec, double speed_percent) {
+  const CallScope scope(*this);
   return impl().publish_cartesian_waypoint_trajectory_command(
       poses, time_sec, speed_percent, 0.0, Impl::kControlHz, kPositionToleranceM,
       kOrientationToleranceRad, false, &gripper_positions);

@@ -58,7 +58,7 @@ struct ArmController::Impl::LoopState {
   bool gripper_sqrt_warning_standing = false;
   // The command copied this cycle.
   CommandState cmd;
-  // Hold posture while no command was given (kind 0), or for gravity mode in POS_VEL_MODE.
+  // Hold posture while no command was given (kind 0).
   bool hold_captured = false;
   bool hold_candidate_seen = false;  // `hold` holds one reading, waiting for a second to agree
   JointArray hold{};
@@ -73,8 +73,11 @@ struct ArmController::Impl::LoopState {
   // Waypoint tracking supervision.
   int tracking_stop_cycles = 0;
   bool tracking_warning_standing = false;
-  // Gripper sending and watchdog.
+  // Gripper sending and watchdog: ticks on the command period, counted from the latest new
+  // command (not from jittered wake-ups).
   int64_t last_gripper_tick_ns = 0;
+  int64_t next_gripper_tick_ns = 0;
+  bool gripper_dropped_by_watchdog = false;  // its motor has timed out; a new command revives it
   double commanded_gripper_distance = 0.0;
   int gripper_stop_count = 0;
   bool gripper_warning_standing = false;
@@ -228,26 +231,45 @@ void ArmController::Impl::take_command(LoopState& loop, int64_t now) {
   bool switched = false;
   {
     std::lock_guard<std::mutex> lock(command_mutex);
-    // A chunk update takes over at its switch time, its timeline starting there.
+    last_cycle_ns = now;
+    // A staged timeline (chunk update, stop) takes over at its switch time, starting there.
     if (command.next_waypoint_samples && now >= command.next_switch_time_ns) {
+      const int64_t at = command.next_switch_time_ns;
+      if (command.next_gripper_timeline) {
+        command.gripper_timeline = std::move(command.next_gripper_timeline);
+        command.gripper_kp = gripper_default_kp;
+        command.gripper_kd = gripper_default_kd;
+        command.gripper_command_pending = {1, 1};
+        gripper_command_time_ns = now;
+        gripper_command_seen = true;
+      } else {
+        freeze_gripper_timeline_locked(at);
+      }
       command.kind = kJointWaypoints;
+      command.started = false;
       command.waypoint_samples = std::move(command.next_waypoint_samples);
-      command.gripper_timeline = std::move(command.next_gripper_timeline);
+      command.sample_period = command.next_sample_period;
       command.waypoint_started = true;
-      command.waypoint_start_time_ns = command.next_switch_time_ns;
+      command.waypoint_start_time_ns = at;
       command.command_id = command.next_command_id;
+      const auto& last = command.waypoint_samples->back();
+      command.target = last.position;
+      command.target_velocity.fill(0.0);
       command.next_waypoint_samples.reset();
       command.next_gripper_timeline.reset();
+      ++command.revision;
       switched = true;
     }
     if (command.kind == kJointTrajectory && !command.started) {
       command.start = loop.q;
       command.started = true;
       command.start_time_ns = now;
+      ++command.revision;
     }
     if (command.kind == kJointWaypoints && !command.waypoint_started) {
       command.waypoint_started = true;
       command.waypoint_start_time_ns = now;
+      ++command.revision;
     }
     loop.cmd = command;
   }
@@ -320,17 +342,20 @@ bool ArmController::Impl::compute_targets(LoopState& loop, int64_t now, CycleTar
       if (i >= last) {
         // Playback is over: the final sample becomes a hold.
         for (int j = 0; j < kJoints; ++j) {
-          t.q[j] = samples[last].position[j];
+          t.q[j] = clamp_to_urdf_joint_limit(j, samples[last].position[j]);
         }
         if (c.gripper_timeline && !c.gripper_timeline->empty()) {
           t.have_gripper_target = true;
           t.gripper_target = c.gripper_timeline->back();
         }
-        end_waypoint_playback(loop, t.q);
+        end_waypoint_playback(loop, t.q, false);
         break;
       }
       const double frac = position - static_cast<double>(i);
       t.q = lerp(samples[i].position, samples[i + 1].position, frac);
+      for (int j = 0; j < kJoints; ++j) {
+        t.q[j] = clamp_to_urdf_joint_limit(j, t.q[j]);  // a last guard: plans stay inside
+      }
       t.dq = lerp(samples[i].velocity, samples[i + 1].velocity, frac);
       t.ddq = lerp(samples[i].acceleration, samples[i + 1].acceleration, frac);
       if (c.gripper_timeline && !c.gripper_timeline->empty()) {
@@ -372,11 +397,7 @@ void ArmController::Impl::send_arm_frames(LoopState& loop, const CycleTargets& t
                   << std::endl;
         loop.gravity_fallback_reported = true;
       }
-      if (!loop.hold_captured) {
-        loop.hold = loop.q;
-        loop.hold_captured = true;
-      }
-      q = loop.hold;
+      q = loop.q;  // hold wherever the arm is now: the measured posture, every cycle
     } else {
       for (int j = 0; j < kJoints; ++j) {
         speed[j] = clamp(std::abs(t.dq[j]), 0.0, max_vel[j]);
@@ -471,14 +492,27 @@ void ArmController::Impl::send_gripper_frame(LoopState& loop, const CycleTargets
   // A new command goes out at once; a standing one is repeated every command period, which
   // also keeps the gripper motor's communication time-out from expiring.
   const int64_t period_ns = static_cast<int64_t>(gripper_watchdog_config.command_period_ms * 1e6);
-  if (!c.gripper_command_pending[1] && now - loop.last_gripper_tick_ns < period_ns) {
+  const bool fresh_command = c.gripper_command_pending[1] != 0;
+  if (!fresh_command && now < loop.next_gripper_tick_ns) {
     return;
+  }
+  if (fresh_command) {
+    loop.next_gripper_tick_ns = now;
+    if (loop.gripper_dropped_by_watchdog) {
+      // Unsent since the watchdog stop, the motor has timed out: clear that and enable it.
+      gripper.clrErr_all();
+      gripper.enable_all();
+      loop.gripper_dropped_by_watchdog = false;
+    }
+  }
+  while (loop.next_gripper_tick_ns <= now) {
+    loop.next_gripper_tick_ns += period_ns;
   }
   const double target = t.have_gripper_target ? t.gripper_target : c.gripper_target;
   loop.commanded_gripper_distance = target;
   loop.last_gripper_tick_ns = now;
   gripper.set_distance(target, c.gripper_kp, c.gripper_kd);
-  if (c.gripper_command_pending[1]) {
+  if (fresh_command) {
     std::lock_guard<std::mutex> lock(command_mutex);
     command.gripper_command_pending[1] = 0;
   }
@@ -552,7 +586,7 @@ void ArmController::Impl::supervise_runtime_limits(LoopState& loop) {
       std::cerr << "[control_loop] runtime joint " << stop.name << " stop: joint=" << stop.joint
                 << " value=" << stop.value << " threshold=" << stop.threshold
                 << " cycles=" << loop.derivative_stop_cycles << std::endl;
-      emergency_stop_flag.store(true);
+      raise_stop_flag(emergency_stop_flag);
     }
     return;
   }
@@ -592,8 +626,9 @@ void ArmController::Impl::supervise_waypoint_tracking(LoopState& loop, const Cyc
       std::cerr << "[control_loop] waypoint tracking error stop: joint=" << joint
                 << " error_rad=" << error << " threshold=" << ts.tracking_error_stop_rad
                 << " cycles=" << loop.tracking_stop_cycles << std::endl;
-      // The motion ends, not the controller: hold where the arm is.
-      end_waypoint_playback(loop, loop.q);
+      // The motion ends, not the controller: hold where the arm is, and drop a staged chunk
+      // planned from the motion that failed.
+      end_waypoint_playback(loop, loop.q, true);
       loop.tracking_stop_cycles = 0;
     }
     return;
@@ -611,26 +646,25 @@ void ArmController::Impl::supervise_waypoint_tracking(LoopState& loop, const Cyc
   }
 }
 
-void ArmController::Impl::end_waypoint_playback(LoopState& loop, const JointArray& hold) {
+void ArmController::Impl::end_waypoint_playback(LoopState& loop, const JointArray& hold,
+                                                bool drop_staged) {
   {
     std::lock_guard<std::mutex> lock(command_mutex);
     if (command.kind != kJointWaypoints || command.command_id != loop.cmd.command_id) {
       return;  // a newer command took the slot meanwhile
     }
-    if (command.gripper_timeline && !command.gripper_timeline->empty()) {
-      // The gripper keeps the opening it was commanded last.
-      const auto& g = *command.gripper_timeline;
-      const double elapsed = static_cast<double>(now_ns() - command.waypoint_start_time_ns) * 1e-9;
-      const size_t i = std::min(static_cast<size_t>(std::max(elapsed, 0.0) / command.sample_period),
-                                g.size() - 1);
-      command.gripper_target = g[i];
-    }
+    // The gripper keeps the opening it was commanded last.
+    freeze_gripper_timeline_locked(now_ns());
     command.kind = kJointRaw;
     command.target = hold;
     command.target_velocity.fill(0.0);
     command.waypoint_started = false;
     command.waypoint_samples.reset();
-    command.gripper_timeline.reset();
+    if (drop_staged) {
+      command.next_waypoint_samples.reset();
+      command.next_gripper_timeline.reset();
+    }
+    ++command.revision;
   }
   notify_motion_state_changed();
 }
@@ -683,6 +717,7 @@ void ArmController::Impl::supervise_gripper(LoopState& loop, const CycleTargets&
         command.gripper_command_pending[0] = 0;
       }
       loop.gripper_stop_count = 0;
+      loop.gripper_dropped_by_watchdog = true;
     }
     return;
   }
@@ -714,6 +749,13 @@ void ArmController::Impl::report_clips(LoopState& loop, int64_t now) {
 
 void ArmController::Impl::carry_out_emergency_stop() {
   std::cerr << "[control_loop] emergency_stop_flag=1, calling disable_all()" << std::endl;
+  {
+    // Nothing staged may start: the arm is being switched off.
+    std::lock_guard<std::mutex> lock(command_mutex);
+    command.next_waypoint_samples.reset();
+    command.next_gripper_timeline.reset();
+    ++command.revision;
+  }
   try {
     kestrel->disable_all();
     kestrel->recv_all(1000);
@@ -721,8 +763,29 @@ void ArmController::Impl::carry_out_emergency_stop() {
     std::cerr << "[control_loop] exception: " << e.what() << std::endl;
   }
   std::cerr << "[control_loop] disable_all done, exit_flag set, control loop exiting" << std::endl;
-  exit_flag.store(true);
+  raise_stop_flag(exit_flag);
+}
+
+void ArmController::Impl::raise_stop_flag(std::atomic<bool>& flag) {
+  {
+    std::lock_guard<std::mutex> lock(command_mutex);
+    flag.store(true);
+  }
   notify_motion_state_changed();
+}
+
+void ArmController::Impl::freeze_gripper_timeline_locked(int64_t when_ns) {
+  if (command.gripper_timeline && !command.gripper_timeline->empty()) {
+    const auto& g = *command.gripper_timeline;
+    size_t i = 0;
+    if (command.kind == kJointWaypoints && command.waypoint_started) {
+      const double elapsed = static_cast<double>(when_ns - command.waypoint_start_time_ns) * 1e-9;
+      i = std::min(static_cast<size_t>(std::max(elapsed, 0.0) / command.sample_period),
+                   g.size() - 1);
+    }
+    command.gripper_target = g[i];
+  }
+  command.gripper_timeline.reset();
 }
 
 void ArmController::Impl::publish_cycle_sample(const LoopState& loop, const CycleTargets& t,

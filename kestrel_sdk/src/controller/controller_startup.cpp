@@ -92,6 +92,9 @@ ArmController::Impl::Impl(const std::string& can_interface, bool use_canfd, ArmC
   runtime_derivative_checks_enabled = runtime_safety_config.enabled;
   motor_signs = kc::load_motor_signs_config();
   kc::check_motor_signs(motor_signs);
+  for (double& sign : motor_signs) {
+    sign = sign < 0.0 ? -1.0 : 1.0;  // exactly, within the check's tolerance
+  }
 
   if (!skip_hardware_init) {
     std::vector<dm::Motor> motors;
@@ -208,8 +211,7 @@ void ArmController::Impl::start_two_thread() {
 }
 
 void ArmController::Impl::request_stop_and_join() {
-  exit_flag.store(true);
-  motion_cv.notify_all();
+  raise_stop_flag(exit_flag);
   if (control_thread.joinable()) {
     control_thread.join();
   }
@@ -254,6 +256,10 @@ void ArmController::cleanup() {
     return;
   }
   impl_->request_stop_and_join();
+  // Calls still inside (woken by the exit flag) leave before the implementation goes.
+  while (active_calls_.load() > 0) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
   if (!impl_->skip_hardware_init) {
     try {
       impl_->kestrel->disable_all();

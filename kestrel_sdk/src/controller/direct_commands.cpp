@@ -2,6 +2,7 @@
 // compensation, latest state. Each command checks its arguments, then writes the command slot.
 #include <cmath>
 #include <iostream>
+#include <sstream>
 #include <stdexcept>
 
 #include "kestrel/controller/arm_controller_impl.hpp"
@@ -9,6 +10,8 @@
 namespace {
 
 constexpr const char* kNoGripper = "该模式未包含夹爪";
+// The 7th-order rest-to-rest profile of set_joint peaks at 35/16 of its mean speed.
+constexpr double kSepticPeakSpeed = 2.1875;
 
 // Every public number is checked before anything changes: the motor codec maps NaN to the
 // bottom of its range, so a NaN target must never reach the bus.
@@ -38,18 +41,24 @@ kestrel::controller::JointArray to_joint_array(const std::vector<double>& v) {
 
 // ---- Command writers ------------------------------------------------------------------------
 
+void ArmController::Impl::replace_motion_locked(CommandKind kind) {
+  // The gripper keeps the opening the replaced motion commanded, not an older direct target.
+  freeze_gripper_timeline_locked(now_ns());
+  command.kind = kind;
+  command.started = false;
+  command.waypoint_started = false;
+  command.waypoint_samples.reset();
+  command.next_waypoint_samples.reset();
+  command.next_gripper_timeline.reset();
+  ++command.revision;
+}
+
 void ArmController::Impl::write_joint_raw_command(const JointArray& q, const JointArray& v) {
   {
     std::lock_guard<std::mutex> lock(command_mutex);
-    command.kind = kJointRaw;
+    replace_motion_locked(kJointRaw);
     command.target = q;
     command.target_velocity = v;
-    command.started = false;
-    command.waypoint_started = false;
-    command.waypoint_samples.reset();
-    command.gripper_timeline.reset();
-    command.next_waypoint_samples.reset();
-    command.next_gripper_timeline.reset();
   }
   notify_motion_state_changed();
 }
@@ -57,16 +66,10 @@ void ArmController::Impl::write_joint_raw_command(const JointArray& q, const Joi
 void ArmController::Impl::write_joint_trajectory_command(const JointArray& q, double duration) {
   {
     std::lock_guard<std::mutex> lock(command_mutex);
-    command.kind = kJointTrajectory;
+    replace_motion_locked(kJointTrajectory);
     command.target = q;
     command.target_velocity.fill(0.0);
     command.duration = duration;
-    command.started = false;
-    command.waypoint_started = false;
-    command.waypoint_samples.reset();
-    command.gripper_timeline.reset();
-    command.next_waypoint_samples.reset();
-    command.next_gripper_timeline.reset();
   }
   notify_motion_state_changed();
 }
@@ -74,19 +77,16 @@ void ArmController::Impl::write_joint_trajectory_command(const JointArray& q, do
 void ArmController::Impl::write_gravity_command(CommandKind kind) {
   {
     std::lock_guard<std::mutex> lock(command_mutex);
-    command.kind = kind;
-    command.started = false;
-    command.waypoint_started = false;
-    command.waypoint_samples.reset();
-    command.gripper_timeline.reset();
-    command.next_waypoint_samples.reset();
-    command.next_gripper_timeline.reset();
+    replace_motion_locked(kind);
   }
   notify_motion_state_changed();
 }
 
 void ArmController::Impl::write_gripper_command(double distance, double kp, double kd) {
   std::lock_guard<std::mutex> lock(command_mutex);
+  // The newest gripper command wins over a gripper timeline running or staged before it.
+  command.gripper_timeline.reset();
+  command.next_gripper_timeline.reset();
   command.gripper_target = distance;
   command.gripper_kp = kp;
   command.gripper_kd = kd;
@@ -101,15 +101,11 @@ int64_t ArmController::Impl::write_waypoint_command(
   int64_t id;
   {
     std::lock_guard<std::mutex> lock(command_mutex);
+    replace_motion_locked(kJointWaypoints);
     id = command.command_counter++;
-    command.kind = kJointWaypoints;
-    command.started = false;
-    command.waypoint_started = false;
     command.command_id = id;
     command.waypoint_samples = std::move(samples);
     command.gripper_timeline = std::move(gripper_timeline);
-    command.next_waypoint_samples.reset();
-    command.next_gripper_timeline.reset();
     if (command.gripper_timeline) {
       command.gripper_kp = gripper_default_kp;
       command.gripper_kd = gripper_default_kd;
@@ -119,13 +115,32 @@ int64_t ArmController::Impl::write_waypoint_command(
     }
     command.sample_period = sample_period;
     if (command.waypoint_samples && !command.waypoint_samples->empty()) {
-      const auto& last = command.waypoint_samples->back();
-      std::copy(last.position.begin(), last.position.end(), command.target.begin());
+      command.target = command.waypoint_samples->back().position;
     }
     command.target_velocity.fill(0.0);
   }
   notify_motion_state_changed();
   return id;
+}
+
+void ArmController::Impl::check_joint_move_speed(const JointArray& target, double time) {
+  const double factor = trajectory_config.set_joint_speed_factor;
+  JointArray from{};
+  if (factor <= 0.0 || !try_get_latest_joint_state(from)) {
+    return;  // off, or no feedback yet to measure the distance from
+  }
+  for (int j = 0; j < kJoints; ++j) {
+    const double peak = kSepticPeakSpeed * std::abs(target[j] - from[j]) / time;
+    const double allowed = factor * max_vel[j];
+    if (peak > allowed) {
+      std::ostringstream msg;
+      msg << "set_joint time " << time << " s is too short: joint " << (j + 1) << " would peak at "
+          << peak << " rad/s, above " << factor << " x its limit of " << max_vel[j]
+          << " rad/s (joint_trajectory.set_joint_speed_factor); the shortest time is "
+          << kSepticPeakSpeed * std::abs(target[j] - from[j]) / allowed << " s";
+      throw std::invalid_argument(msg.str());
+    }
+  }
 }
 
 // ---- Published-state readers ----------------------------------------------------------------
@@ -169,6 +184,7 @@ bool ArmController::Impl::try_get_latest_gripper_distance_state(double& out) {
 // ---- Public joint commands ------------------------------------------------------------------
 
 void ArmController::set_joint(const std::vector<double>& q, double time) {
+  const CallScope scope(*this);
   if (q.size() != 6) {
     throw std::invalid_argument("q_end size mismatch");
   }
@@ -177,11 +193,13 @@ void ArmController::set_joint(const std::vector<double>& q, double time) {
   if (!(time > 0.0)) {
     throw std::invalid_argument("tf must be positive");
   }
+  auto& i = impl();
   Impl::JointArray target = to_joint_array(q);
   for (int j = 0; j < Impl::kJoints; ++j) {
-    target[j] = impl().clamp_to_urdf_joint_limit(j, target[j]);
+    target[j] = i.clamp_to_urdf_joint_limit(j, target[j]);
   }
-  impl().write_joint_trajectory_command(target, time);
+  i.check_joint_move_speed(target, time);
+  i.write_joint_trajectory_command(target, time);
 }
 
 void ArmController::set_joint_raw(const std::vector<double>& q, const std::vector<double>& v) {
@@ -292,6 +310,7 @@ std::vector<double> ArmController::get_joint_torques() {
 }
 
 std::vector<double> ArmController::get_end_effector_pose() {
+  const CallScope scope(*this);
   Impl::JointArray q{};
   if (!impl().try_get_latest_joint_state(q)) {
     return {};

@@ -74,7 +74,8 @@ class ArmController {
   ArmController& operator=(const ArmController&) = delete;
 
   // Stops both threads, disables the motors (not with skip_hardware_init) and releases the bus.
-  // Idempotent.
+  // Idempotent. A motion call waiting in another thread throws std::runtime_error "waypoint
+  // motion interrupted because controller is exiting"; cleanup returns once it has left.
   void cleanup();
 
   // ---- Joint commands -----------------------------------------------------------------------
@@ -202,11 +203,15 @@ class ArmController {
 
  private:
   class Impl;
+  // Marks a call in progress, so that cleanup() (from another thread, or the destructor) wakes
+  // it and waits for it to leave before the implementation is released.
+  class CallScope;
   friend class ArmControllerTestAccess;  // tests hand the command slot timelines directly
 
   // The implementation; throws std::runtime_error once cleanup() has released it.
   Impl& impl() const;
 
   std::atomic<bool> cleaned_up_{false};
+  mutable std::atomic<int> active_calls_{0};
   std::unique_ptr<Impl> impl_;
 };

@@ -30,6 +30,7 @@ std::string lower_case(std::string s) {
 }  // namespace
 
 double ArmController::run_motion_program(const std::vector<MotionProgramItem>& program) {
+  const CallScope scope(*this);
   auto& i = impl();
   // stop() from another thread ends the program: no item after it runs.
   const uint64_t generation = i.stop_generation.load();

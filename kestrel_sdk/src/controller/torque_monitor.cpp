@@ -74,7 +74,7 @@ void ArmController::Impl::monitor_motor_torque() {
             std::cerr << "[torque_monitor] trigger emergency_stop on joint " << (j + 1)
                       << ", avg_torque=" << avg << ", threshold=" << stop[j]
                       << ", over_limit_time=" << timer << std::endl;
-            emergency_stop_flag.store(true);
+            raise_stop_flag(emergency_stop_flag);
             break;  // one joint triggers per pass
           }
         } else {

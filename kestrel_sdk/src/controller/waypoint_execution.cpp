@@ -1,6 +1,7 @@
 // Waypoint motion execution: validate, plan from the arm's current (or soon-to-be) state, check,
 // hand the timeline to the control loop, and wait for it (or, for chunk updates, splice it into
 // the running motion and return).
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <iostream>
@@ -9,13 +10,54 @@
 
 #include "kestrel/algorithms/config_paths.hpp"
 #include "kestrel/controller/arm_controller_impl.hpp"
+#include "kestrel/controller/septic_profile.hpp"
 
 namespace ka = kestrel::algorithms;
 
 namespace {
 
-void check_common_arguments(const std::vector<std::vector<double>>& waypoints, double time_sec,
-                            double speed_percent, double control_hz, const double* switch_delay) {
+namespace kc = kestrel::controller;
+
+bool all_finite(const std::vector<double>& values) {
+  return std::all_of(values.begin(), values.end(), [](double v) { return std::isfinite(v); });
+}
+
+// One timeline sampled like the control loop samples it: linear between two samples, the last
+// sample at rest once it is over.
+kc::JointMotionState sample_timeline(
+    const std::vector<kestrel::algorithms::WaypointTrajectorySample>& samples, double period,
+    double elapsed) {
+  kc::JointMotionState s;
+  const double index = std::max(elapsed / period, 0.0);
+  const size_t last = samples.size() - 1;
+  const size_t i = std::min(static_cast<size_t>(index), last);
+  if (i >= last) {
+    s.position = samples[last].position;
+    return s;
+  }
+  const double frac = index - static_cast<double>(i);
+  for (size_t j = 0; j < s.position.size(); ++j) {
+    const auto& a = samples[i];
+    const auto& b = samples[i + 1];
+    s.position[j] = a.position[j] + (b.position[j] - a.position[j]) * frac;
+    s.velocity[j] = a.velocity[j] + (b.velocity[j] - a.velocity[j]) * frac;
+    s.acceleration[j] = a.acceleration[j] + (b.acceleration[j] - a.acceleration[j]) * frac;
+  }
+  return s;
+}
+
+// A stop brakes from a state this far ahead of the call, so that it is published before the
+// control loop gets there.
+constexpr int64_t kStopLeadNs = 1000000;
+// Attempts at publishing a splice before the running motion moves on under it.
+constexpr int kSpliceAttempts = 4;
+
+}  // namespace
+
+void ArmController::Impl::check_waypoint_arguments(
+    const std::vector<std::vector<double>>& waypoints, double time_sec, double speed_percent,
+    double control_hz, const double* switch_delay,
+    const std::vector<double>* gripper_positions) const {
   if (waypoints.empty()) {
     throw std::invalid_argument("waypoints must not be empty");
   }
@@ -38,111 +80,109 @@ void check_common_arguments(const std::vector<std::vector<double>>& waypoints, d
       (switch_delay != nullptr && !std::isfinite(*switch_delay))) {
     throw std::invalid_argument("time_sec, speed_percent and switch_delay_sec must be finite");
   }
-  for (const auto& w : waypoints) {
-    for (double v : w) {
-      if (!std::isfinite(v)) {
-        throw std::invalid_argument("waypoints must contain only finite values");
-      }
-    }
-  }
-}
-
-}  // namespace
-
-ArmController::Impl::PreparedMotion ArmController::Impl::prepare_waypoint_motion(
-    const std::vector<std::vector<double>>& waypoints, double time_sec, double speed_percent,
-    double control_hz, const std::vector<double>* gripper_positions, const JointArray& start,
-    const JointArray* start_velocity, const char* prefix) {
-  JointArray vmax = max_vel;
-  JointArray amax = max_acc;
-  JointArray jmax = max_jerk;
-  const bool time_mode = time_sec > 0.0;
-  if (!time_mode) {
+  if (!(time_sec > 0.0)) {
     const double speed =
         speed_percent > 0.0 ? speed_percent : trajectory_config.default_speed_percent;
     if (!(speed > 0.0 && speed <= 1.0)) {
       throw std::invalid_argument("speed_percent must be in (0, 1]");
     }
-    for (double& v : vmax) {
-      v *= speed;
-    }
-    time_sec = 0.0;
   }
-  std::vector<JointArray> targets(waypoints.size());
-  for (size_t k = 0; k < waypoints.size(); ++k) {
-    if (waypoints[k].size() != kJoints) {
+  for (const auto& w : waypoints) {
+    if (w.size() != kJoints) {
       throw std::invalid_argument("each waypoint must have exactly 6 joint values");
     }
-    for (int j = 0; j < kJoints; ++j) {
-      targets[k][j] = clamp_to_urdf_joint_limit(j, waypoints[k][j]);
+  }
+  for (const auto& w : waypoints) {
+    if (!all_finite(w)) {
+      throw std::invalid_argument("waypoints must contain only finite values");
     }
   }
-  std::vector<double> gripper_targets;
   if (gripper_positions != nullptr) {
     if (gripper_positions->size() != waypoints.size()) {
       throw std::invalid_argument("gripper_positions must have the same length as waypoints");
     }
-    gripper_targets.push_back(current_gripper_opening());
+    if (!all_finite(*gripper_positions)) {
+      throw std::invalid_argument("gripper_positions must contain only finite values");
+    }
+  }
+}
+
+ArmController::Impl::PreparedMotion ArmController::Impl::prepare_waypoint_motion(
+    const std::vector<std::vector<double>>& waypoints, double time_sec, double speed_percent,
+    double control_hz, const std::vector<double>* gripper_positions, const MotionState& start,
+    const char* prefix) {
+  kc::WaypointPlanRequest request;
+  request.start = start;
+  request.limits = {max_vel, max_acc, max_jerk};
+  const bool time_mode = time_sec > 0.0;
+  if (!time_mode) {
+    const double speed =
+        speed_percent > 0.0 ? speed_percent : trajectory_config.default_speed_percent;
+    for (double& v : request.limits.velocity) {
+      v *= speed;
+    }
+    time_sec = 0.0;
+  }
+  request.time_sec = time_sec;
+  request.waypoints.resize(waypoints.size());
+  for (size_t k = 0; k < waypoints.size(); ++k) {
+    for (int j = 0; j < kJoints; ++j) {
+      request.waypoints[k][j] = clamp_to_urdf_joint_limit(j, waypoints[k][j]);
+    }
+  }
+  if (gripper_positions != nullptr) {
+    request.gripper_targets.push_back(current_gripper_opening());
     for (double g : *gripper_positions) {
-      if (!std::isfinite(g)) {
-        throw std::invalid_argument("gripper_positions must contain only finite values");
-      }
-      gripper_targets.push_back(clamp(g, 0.0, 1.0) * gripper_stroke);
+      request.gripper_targets.push_back(clamp(g, 0.0, 1.0) * gripper_stroke);
     }
   }
 
-  std::vector<double> gripper_timeline;
-  std::vector<long> segment_steps;
-  auto plan = [&](const JointArray& v, const JointArray& a, const JointArray& jk) {
-    return plan_joint_waypoint_trajectory(start, targets, v, a, jk, time_sec, control_hz,
-                                          gripper_positions ? &gripper_timeline : nullptr,
-                                          gripper_positions ? &gripper_targets : nullptr,
-                                          start_velocity, &segment_steps);
-  };
-  auto samples = plan(vmax, amax, jmax);
-  auto verdict = evaluate_waypoint_trajectory_safety(samples);
-  if (verdict.level == ka::SafetyLevel::stop && verdict.code == "singularity_stop") {
+  const kc::JointWaypointPlanner planner(planner_settings(control_hz));
+  auto plan = planner.plan(request);
+  auto verdict = evaluate_waypoint_trajectory_safety(plan.samples);
+  if (verdict.level == ka::SafetyLevel::stop && verdict.code == "singularity_stop" &&
+      verdict.sample >= static_cast<size_t>(plan.transition_steps)) {
     // Route around it: one extra waypoint in the segment that meets the singular posture.
-    const size_t segment = find_waypoint_segment_for_sample(segment_steps, verdict.sample);
-    const JointArray& from = segment == 0 ? start : targets[segment - 1];
-    const JointArray& to = targets[segment];
+    const size_t segment = find_waypoint_segment_for_sample(
+        plan.segment_steps, verdict.sample - static_cast<size_t>(plan.transition_steps));
+    const JointArray from = segment == 0
+                                ? plan.samples[static_cast<size_t>(plan.transition_steps)].position
+                                : request.waypoints[segment - 1];
+    const JointArray& to = request.waypoints[segment];
     const auto candidates =
-        build_singularity_avoidance_candidates(from, to, samples[verdict.sample].position);
+        build_singularity_avoidance_candidates(from, to, plan.samples[verdict.sample].position);
     bool avoided = false;
     for (const auto& candidate : candidates) {
-      auto trial_targets = targets;
-      trial_targets.insert(trial_targets.begin() + static_cast<long>(segment), candidate);
-      auto trial_gripper = gripper_targets;
+      kc::WaypointPlanRequest trial_request = request;
+      trial_request.waypoints.insert(trial_request.waypoints.begin() + static_cast<long>(segment),
+                                     candidate);
       if (gripper_positions != nullptr) {
         // The gripper passes the extra waypoint halfway between its neighbours' openings.
-        const double g = 0.5 * (gripper_targets[segment] + gripper_targets[segment + 1]);
-        trial_gripper.insert(trial_gripper.begin() + static_cast<long>(segment) + 1, g);
+        auto& g = trial_request.gripper_targets;
+        g.insert(g.begin() + static_cast<long>(segment) + 1, 0.5 * (g[segment] + g[segment + 1]));
       }
-      std::vector<Sample> trial;
+      kc::WaypointPlan trial;
       try {
-        std::swap(targets, trial_targets);
-        std::swap(gripper_targets, trial_gripper);
-        trial = plan(vmax, amax, jmax);
+        trial = planner.plan(trial_request);
       } catch (const std::runtime_error&) {
-        trial.clear();  // e.g. time mode: the extra segment breaks a limit; try the next one
+        continue;  // e.g. time mode: the extra segment breaks a limit; try the next one
       }
-      const auto trial_verdict =
-          trial.empty() ? verdict : evaluate_waypoint_trajectory_safety(trial);
-      if (!trial.empty() && trial_verdict.level != ka::SafetyLevel::stop) {
-        std::ostringstream line;
-        line << prefix << "inserted singularity avoidance waypoint at segment=" << segment
-             << ", sample=" << verdict.sample << ", q=[";
-        for (int j = 0; j < kJoints; ++j) {
-          line << (j ? ", " : "") << candidate[j];
-        }
-        std::cerr << line.str() << "]" << std::endl;
-        samples = std::move(trial);
-        verdict = trial_verdict;
-        avoided = true;
-        break;
+      const auto trial_verdict = evaluate_waypoint_trajectory_safety(trial.samples);
+      if (trial_verdict.level == ka::SafetyLevel::stop) {
+        continue;
       }
-      std::swap(targets, trial_targets);  // back to the plan without the candidate
-      std::swap(gripper_targets, trial_gripper);
+      std::ostringstream line;
+      line << prefix << "inserted singularity avoidance waypoint at segment=" << segment
+           << ", sample=" << verdict.sample << ", q=[";
+      for (int j = 0; j < kJoints; ++j) {
+        line << (j ? ", " : "") << candidate[j];
+      }
+      std::cerr << line.str() << "]" << std::endl;
+      request = std::move(trial_request);
+      plan = std::move(trial);
+      verdict = trial_verdict;
+      avoided = true;
+      break;
     }
     if (!avoided) {
       std::cerr << prefix << "singularity avoidance failed; falling back to stop" << std::endl;
@@ -153,24 +193,28 @@ ArmController::Impl::PreparedMotion ArmController::Impl::prepare_waypoint_motion
   }
   if (verdict.level == ka::SafetyLevel::warning) {
     std::cerr << prefix << "safety warning: " << ka::format_safety_result(verdict)
-              << ", samples=" << samples.size() << std::endl;
+              << ", samples=" << plan.samples.size() << std::endl;
     // A warning asks for the motion slowed to its speed scale; a timed motion keeps its time.
+    // The slower plan is a new plan: it is checked again before it runs.
     const double scale = verdict.speed_scale;
     if (!time_mode && scale > 0.0 && scale < 1.0) {
       for (int j = 0; j < kJoints; ++j) {
-        vmax[j] *= scale;
-        amax[j] *= scale * scale;
-        jmax[j] *= scale * scale * scale;
+        request.limits.velocity[j] *= scale;
+        request.limits.acceleration[j] *= scale * scale;
+        request.limits.jerk[j] *= scale * scale * scale;
       }
-      samples = plan(vmax, amax, jmax);  // same path, slower: the verdict stands
+      plan = planner.plan(request);
+      const auto slower = evaluate_waypoint_trajectory_safety(plan.samples);
+      if (slower.level == ka::SafetyLevel::stop) {
+        throw std::runtime_error(std::string(prefix) + ka::format_safety_result(slower));
+      }
     }
   }
   PreparedMotion motion;
-  motion.duration = samples.empty() ? 0.0 : static_cast<double>(samples.size() - 1) / control_hz;
-  motion.samples = std::make_shared<const std::vector<Sample>>(std::move(samples));
+  motion.duration = plan.duration();
+  motion.samples = std::make_shared<const std::vector<Sample>>(std::move(plan.samples));
   if (gripper_positions != nullptr) {
-    motion.gripper_timeline =
-        std::make_shared<const std::vector<double>>(std::move(gripper_timeline));
+    motion.gripper_timeline = std::make_shared<const std::vector<double>>(std::move(plan.gripper));
   }
   return motion;
 }
@@ -192,15 +236,16 @@ void ArmController::Impl::record_last_samples(const std::vector<Sample>& samples
 double ArmController::Impl::publish_joint_waypoint_trajectory_command(
     const std::vector<std::vector<double>>& waypoints, double time_sec, double speed_percent,
     double control_hz, const std::vector<double>* gripper_positions) {
-  check_common_arguments(waypoints, time_sec, speed_percent, control_hz, nullptr);
-  JointArray current{};
-  if (!try_get_latest_joint_state(current)) {
+  check_waypoint_arguments(waypoints, time_sec, speed_percent, control_hz, nullptr,
+                           gripper_positions);
+  MotionState start;
+  if (!try_get_latest_joint_state(start.position)) {
     throw std::runtime_error("cannot plan waypoint trajectory before joint state is available");
   }
   const auto began = Clock::now();
   PreparedMotion motion =
       prepare_waypoint_motion(waypoints, time_sec, speed_percent, control_hz, gripper_positions,
-                              current, nullptr, "[move_joint_waypoints] ");
+                              start, "[move_joint_waypoints] ");
   if (ka::motion_planning_debug_enabled()) {
     std::cerr << "[move_joint_waypoints] planning_time_s="
               << std::chrono::duration<double>(Clock::now() - began).count()
@@ -214,95 +259,123 @@ double ArmController::Impl::publish_joint_waypoint_trajectory_command(
   return motion.duration;
 }
 
-bool ArmController::Impl::commanded_state_at(int64_t when_ns, JointArray& position,
-                                             JointArray& velocity) {
-  std::lock_guard<std::mutex> lock(command_mutex);
+bool ArmController::Impl::commanded_state_at_locked(int64_t when_ns, const JointArray& measured,
+                                                    MotionState& out) const {
   const CommandState& c = command;
-  auto sample_at = [&](const std::vector<Sample>& samples, double elapsed) {
-    const double index = std::max(elapsed / c.sample_period, 0.0);
-    const size_t last = samples.size() - 1;
-    const size_t i = std::min(static_cast<size_t>(index), last);
-    if (i >= last) {
-      std::copy(samples[last].position.begin(), samples[last].position.end(), position.begin());
-      velocity.fill(0.0);  // the timeline ends at rest
-      return;
-    }
-    const double frac = index - static_cast<double>(i);
-    for (int j = 0; j < kJoints; ++j) {
-      position[j] =
-          samples[i].position[j] + (samples[i + 1].position[j] - samples[i].position[j]) * frac;
-      velocity[j] =
-          samples[i].velocity[j] + (samples[i + 1].velocity[j] - samples[i].velocity[j]) * frac;
-    }
-  };
-  // A pending chunk that will have taken over by then is the timeline to follow.
+  // A staged chunk that will have taken over by then is the motion to follow.
   if (c.next_waypoint_samples && !c.next_waypoint_samples->empty() &&
       when_ns >= c.next_switch_time_ns) {
-    sample_at(*c.next_waypoint_samples,
-              static_cast<double>(when_ns - c.next_switch_time_ns) * 1e-9);
+    out = sample_timeline(*c.next_waypoint_samples, c.next_sample_period,
+                          static_cast<double>(when_ns - c.next_switch_time_ns) * 1e-9);
     return true;
   }
-  if (c.kind == kJointWaypoints && c.waypoint_samples && !c.waypoint_samples->empty()) {
-    // Not started yet: it starts on the loop's next cycle, about now.
-    const int64_t start = c.waypoint_started ? c.waypoint_start_time_ns : now_ns();
-    sample_at(*c.waypoint_samples, static_cast<double>(when_ns - start) * 1e-9);
-    return true;
+  switch (c.kind) {
+    case kJointWaypoints: {
+      if (!c.waypoint_samples || c.waypoint_samples->empty()) {
+        return false;
+      }
+      // Not started yet: it starts on the loop's next cycle, about now.
+      const int64_t start = c.waypoint_started ? c.waypoint_start_time_ns : now_ns();
+      out = sample_timeline(*c.waypoint_samples, c.sample_period,
+                            static_cast<double>(when_ns - start) * 1e-9);
+      return true;
+    }
+    case kJointTrajectory: {
+      // Not started yet: it starts on the loop's next cycle from the measured joints.
+      const JointArray& from = c.started ? c.start : measured;
+      const int64_t start = c.started ? c.start_time_ns : now_ns();
+      const double s = clamp(static_cast<double>(when_ns - start) * 1e-9 / c.duration, 0.0, 1.0);
+      const double f = kc::septic_position(s);
+      const double g = kc::septic_velocity(s) / c.duration;
+      const double h = kc::septic_acceleration(s) / (c.duration * c.duration);
+      for (int j = 0; j < kJoints; ++j) {
+        const double span = c.target[j] - from[j];
+        out.position[j] = clamp_to_urdf_joint_limit(j, from[j] + span * f);
+        out.velocity[j] = span * g;
+        out.acceleration[j] = span * h;
+      }
+      return true;
+    }
+    case kJointRaw:
+      for (int j = 0; j < kJoints; ++j) {
+        out.position[j] = clamp_to_urdf_joint_limit(j, c.target[j]);
+      }
+      out.velocity = c.target_velocity;
+      out.acceleration.fill(0.0);
+      return true;
+    default:
+      return false;  // nothing commanded, or the arm floats
   }
-  if (c.kind == kJointRaw) {
-    position = c.target;
-    velocity.fill(0.0);
-    return true;
-  }
-  return false;
 }
 
 double ArmController::Impl::publish_joint_waypoint_chunk_update_command(
     const std::vector<std::vector<double>>& waypoints, double time_sec, double speed_percent,
     double switch_delay_sec, double control_hz, const std::vector<double>* gripper_positions) {
-  check_common_arguments(waypoints, time_sec, speed_percent, control_hz, &switch_delay_sec);
+  check_waypoint_arguments(waypoints, time_sec, speed_percent, control_hz, &switch_delay_sec,
+                           gripper_positions);
   JointArray measured{};
   if (!try_get_latest_joint_state(measured)) {
     throw std::runtime_error(
         "cannot plan joint waypoint chunk update before joint state is available");
   }
-  // Plan from the state the running motion will have at the switch, so that position and
-  // velocity carry straight on there.
+  // The chunk is spliced into the motion the running command will be making at the switch.
+  // A switch sooner than planning can finish moves out to when the plan is ready.
   const auto began = Clock::now();
-  const int64_t switch_time = now_ns() + static_cast<int64_t>(std::llround(switch_delay_sec * 1e9));
-  JointArray start = measured;
-  JointArray start_velocity{};
-  if (!commanded_state_at(switch_time, start, start_velocity)) {
-    start = measured;
-    start_velocity.fill(0.0);
-  }
-  PreparedMotion motion =
-      prepare_waypoint_motion(waypoints, time_sec, speed_percent, control_hz, gripper_positions,
-                              start, &start_velocity, "[update_joint_waypoint_chunk] ");
-  if (ka::motion_planning_debug_enabled()) {
-    std::cerr << "[update_joint_waypoint_chunk] planning_time_s="
-              << std::chrono::duration<double>(Clock::now() - began).count()
-              << ", samples=" << motion.samples->size() << ", switch_delay_s=" << switch_delay_sec
-              << ", gripper_timeline=" << (gripper_positions ? "true" : "false") << std::endl;
-  }
-  record_last_samples(*motion.samples);
-  {
-    std::lock_guard<std::mutex> lock(command_mutex);
-    const int64_t id = command.command_counter++;
-    command.next_waypoint_samples = motion.samples;
-    command.next_gripper_timeline = motion.gripper_timeline;
-    command.next_switch_time_ns = switch_time;
-    command.next_command_id = id;
-    command.sample_period = 1.0 / control_hz;
-    if (motion.gripper_timeline) {
-      command.gripper_kp = gripper_default_kp;
-      command.gripper_kd = gripper_default_kd;
-      command.gripper_command_pending = {1, 1};
-      gripper_command_time_ns = now_ns();
-      gripper_command_seen = true;
+  const int64_t called = now_ns();
+  const int64_t period_ns = static_cast<int64_t>(std::llround(1e9 / control_hz));
+  int64_t switch_time =
+      called + std::max(static_cast<int64_t>(std::llround(switch_delay_sec * 1e9)),
+                        2 * chunk_planning_estimate_ns.load() + period_ns);
+  for (int attempt = 1;; ++attempt) {
+    const int64_t attempt_began = now_ns();
+    MotionState start;
+    uint64_t revision;
+    {
+      std::lock_guard<std::mutex> lock(command_mutex);
+      revision = command.revision;
+      if (!commanded_state_at_locked(switch_time, measured, start)) {
+        start = MotionState{};
+        start.position = measured;
+      }
     }
+    PreparedMotion motion =
+        prepare_waypoint_motion(waypoints, time_sec, speed_percent, control_hz, gripper_positions,
+                                start, "[update_joint_waypoint_chunk] ");
+    const int64_t planned = now_ns();
+    chunk_planning_estimate_ns.store(planned - attempt_began);
+    bool published = false;
+    {
+      std::lock_guard<std::mutex> lock(command_mutex);
+      if (command.revision == revision && last_cycle_ns < switch_time) {
+        command.next_waypoint_samples = motion.samples;
+        command.next_gripper_timeline = motion.gripper_timeline;
+        command.next_switch_time_ns = switch_time;
+        command.next_sample_period = 1.0 / control_hz;
+        command.next_command_id = command.command_counter++;
+        ++command.revision;
+        published = true;
+      }
+    }
+    if (published) {
+      if (ka::motion_planning_debug_enabled()) {
+        std::cerr << "[update_joint_waypoint_chunk] planning_time_s="
+                  << std::chrono::duration<double>(Clock::now() - began).count()
+                  << ", samples=" << motion.samples->size()
+                  << ", switch_delay_s=" << static_cast<double>(switch_time - called) * 1e-9
+                  << ", gripper_timeline=" << (gripper_positions ? "true" : "false") << std::endl;
+      }
+      record_last_samples(*motion.samples);
+      notify_motion_state_changed();
+      return motion.duration;
+    }
+    if (attempt == kSpliceAttempts) {
+      throw std::runtime_error(
+          "[update_joint_waypoint_chunk] the running motion kept changing while the chunk was "
+          "planned; nothing was changed");
+    }
+    // Too late for its switch, or the motion changed under it: plan again for a later switch.
+    switch_time = std::max(switch_time, now_ns() + 2 * (planned - attempt_began) + period_ns);
   }
-  notify_motion_state_changed();
-  return motion.duration;
 }
 
 void ArmController::Impl::wait_for_waypoint_motion(int64_t command_id) {
@@ -323,8 +396,61 @@ void ArmController::Impl::wait_for_waypoint_motion(int64_t command_id) {
 }
 
 void ArmController::Impl::stop_motion() {
-  JointArray hold{};
-  const bool have_state = try_get_latest_joint_state(hold);
+  JointArray measured{};
+  const bool have_state = try_get_latest_joint_state(measured);
+  if (!have_state) {
+    // Without feedback nothing can be moving yet: the loop holds its first posture anyway.
+    {
+      std::lock_guard<std::mutex> lock(command_mutex);
+      stop_generation.fetch_add(1);
+      if (command.kind == kJointWaypoints) {
+        command.stopped_command_id = command.command_id;
+      }
+    }
+    notify_motion_state_changed();
+    return;
+  }
+  // Brake from the commanded motion to rest, jerk-limited, and hold there.
+  const kc::JointSplice splice({max_vel, max_acc, max_jerk}, command_sample_period);
+  for (int attempt = 1; attempt <= kSpliceAttempts; ++attempt) {
+    const int64_t switch_time = now_ns() + kStopLeadNs;
+    MotionState state;
+    uint64_t revision;
+    {
+      std::lock_guard<std::mutex> lock(command_mutex);
+      revision = command.revision;
+      if (!commanded_state_at_locked(switch_time, measured, state)) {
+        state = MotionState{};
+        state.position = measured;
+      }
+    }
+    const kc::SpliceTransition brake = splice.plan(state, JointArray{});
+    auto samples = std::make_shared<std::vector<Sample>>();
+    samples->reserve(static_cast<size_t>(brake.steps) + 2);
+    for (long i = 0; i <= std::max(brake.steps, 1L); ++i) {
+      const MotionState s = brake.at(static_cast<double>(i) * command_sample_period);
+      samples->push_back({s.position, s.velocity, s.acceleration});
+    }
+    {
+      std::lock_guard<std::mutex> lock(command_mutex);
+      if (command.revision != revision || last_cycle_ns >= switch_time) {
+        continue;
+      }
+      stop_generation.fetch_add(1);
+      if (command.kind == kJointWaypoints) {
+        command.stopped_command_id = command.command_id;
+      }
+      command.next_waypoint_samples = std::move(samples);
+      command.next_gripper_timeline.reset();
+      command.next_switch_time_ns = switch_time;
+      command.next_sample_period = command_sample_period;
+      command.next_command_id = command.command_counter++;
+      ++command.revision;
+    }
+    notify_motion_state_changed();
+    return;
+  }
+  // The motion kept changing under the brake: hold where the arm is.
   {
     std::lock_guard<std::mutex> lock(command_mutex);
     stop_generation.fetch_add(1);
@@ -332,12 +458,7 @@ void ArmController::Impl::stop_motion() {
       command.stopped_command_id = command.command_id;
     }
   }
-  // Without feedback nothing can be moving yet: the loop holds its first posture anyway.
-  if (have_state) {
-    write_joint_raw_command(hold, JointArray{});  // also drops any running or pending timeline
-  } else {
-    notify_motion_state_changed();
-  }
+  write_joint_raw_command(measured, JointArray{});
 }
 
 bool ArmController::Impl::sleep_unless_stopped(double seconds, uint64_t generation) {
@@ -348,6 +469,7 @@ bool ArmController::Impl::sleep_unless_stopped(double seconds, uint64_t generati
 }
 
 void ArmController::stop() {
+  const CallScope scope(*this);
   impl().stop_motion();
 }
 
@@ -361,6 +483,7 @@ kestrel::controller::ControlCycleSample ArmController::get_control_cycle_sample(
 
 double ArmController::move_joint_waypoints(const std::vector<std::vector<double>>& waypoints,
                                            double time_sec, double speed_percent) {
+  const CallScope scope(*this);
   return impl().publish_joint_waypoint_trajectory_command(waypoints, time_sec, speed_percent,
                                                           Impl::kControlHz, nullptr);
 }
@@ -368,6 +491,7 @@ double ArmController::move_joint_waypoints(const std::vector<std::vector<double>
 double ArmController::move_joint_waypoints_with_gripper(
     const std::vector<std::vector<double>>& waypoints, const std::vector<double>& gripper_positions,
     double time_sec, double speed_percent) {
+  const CallScope scope(*this);
   return impl().publish_joint_waypoint_trajectory_command(waypoints, time_sec, speed_percent,
                                                           Impl::kControlHz, &gripper_positions);
 }
@@ -375,6 +499,7 @@ double ArmController::move_joint_waypoints_with_gripper(
 double ArmController::update_joint_waypoint_chunk(const std::vector<std::vector<double>>& waypoints,
                                                   double time_sec, double speed_percent,
                                                   double switch_delay_sec) {
+  const CallScope scope(*this);
   return impl().publish_joint_waypoint_chunk_update_command(
       waypoints, time_sec, speed_percent, switch_delay_sec, Impl::kControlHz, nullptr);
 }
@@ -382,6 +507,7 @@ double ArmController::update_joint_waypoint_chunk(const std::vector<std::vector<
 double ArmController::update_joint_waypoint_chunk_with_gripper(
     const std::vector<std::vector<double>>& waypoints, const std::vector<double>& gripper_positions,
     double time_sec, double speed_percent, double switch_delay_sec) {
+  const CallScope scope(*this);
   return impl().publish_joint_waypoint_chunk_update_command(
       waypoints, time_sec, speed_percent, switch_delay_sec, Impl::kControlHz, &gripper_positions);
 }
