@@ -79,7 +79,10 @@ class ArmController {
   void cleanup();
 
   // ---- Joint commands -----------------------------------------------------------------------
-  // Rest-to-rest 7th-order move to q (clamped to the URDF limits) in `time` seconds.
+  // Rest-to-rest 7th-order move to q (clamped to the URDF limits) in `time` seconds, from the
+  // joints measured when it starts. A time so short that the move would peak above
+  // joint_trajectory.set_joint_speed_factor times the velocity limits is refused
+  // (std::invalid_argument, naming the shortest time).
   void set_joint(const std::vector<double>& q, double time);
   // Streams one raw target: positions (clamped by the loop) and velocities, executed as given.
   void set_joint_raw(const std::vector<double>& q, const std::vector<double>& v);
@@ -131,9 +134,12 @@ class ArmController {
   double move_joint_waypoints_with_gripper(const std::vector<std::vector<double>>& waypoints,
                                            const std::vector<double>& gripper_positions,
                                            double time_sec, double speed_percent);
-  // Replaces the running motion by a new chunk `switch_delay_sec` from now, planned from the
-  // state the running motion will have then (no jump in position or velocity). Returns the
-  // chunk's planned duration at once, without waiting.
+  // Replaces the running motion (a waypoint motion, a set_joint move, a hold) by a new chunk
+  // `switch_delay_sec` from now, or as soon as the chunk is planned when that is later. The chunk
+  // starts from the position, velocity and acceleration the running command will have then: a
+  // short jerk-limited transition brings every joint inside the chunk's limits and heading for
+  // its first waypoint (no jump, no overshoot), then the chunk's path follows. A timed chunk
+  // takes time_sec in all. Returns the chunk's planned duration at once, without waiting.
   double update_joint_waypoint_chunk(const std::vector<std::vector<double>>& waypoints,
                                      double time_sec, double speed_percent,
                                      double switch_delay_sec);
@@ -187,10 +193,12 @@ class ArmController {
   // the control rate (400 Hz) to record or plot a motion. Cheap to call from any thread.
   kestrel::controller::ControlCycleSample get_control_cycle_sample() const;
 
-  // Ends whatever the arm is doing at once and holds the measured posture (zero velocity); the
-  // motors stay enabled. A motion call waiting in another thread throws std::runtime_error
-  // "motion stopped", and a running motion program goes no further. Safe from any thread (a
-  // Ctrl-C handler thread, a watchdog); new commands are accepted afterwards.
+  // Ends whatever the arm is doing at once: brakes from the commanded motion to rest within the
+  // velocity, acceleration and jerk limits (no jump in the commanded position or velocity) and
+  // holds there; a staged chunk is dropped, the gripper keeps its opening and the motors stay
+  // enabled. A motion call waiting in another thread throws std::runtime_error "motion
+  // stopped", and a running motion program goes no further. Safe from any thread (a Ctrl-C
+  // handler thread, a watchdog); new commands are accepted afterwards.
   void stop();
 
   // True once an emergency stop (torque monitor or run-time supervision) has disabled the arm.
