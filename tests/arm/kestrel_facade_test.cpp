@@ -5,6 +5,10 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cmath>
+#include <functional>
+#include <stdexcept>
+#include <string>
 
 #include "kestrel_sim/simulated_motor_bus.hpp"
 #include "simbus/simbus_testing.hpp"
@@ -24,6 +28,17 @@ const std::vector<T> kArmTypes = {T::DM_V8_T28,  T::DM_V8_T28,  T::DM_V8_T28,
                                   T::DM_V30_T10, T::DM_V30_T10, T::DM_V30_T10};
 const std::vector<unsigned> kArmIds = {1, 2, 3, 4, 5, 6};
 const std::vector<unsigned> kArmFeedbackIds = {0x11, 0x12, 0x13, 0x14, 0x15, 0x16};
+
+// The message of the `Error` that `call` throws, or "no exception".
+template <typename Error = std::invalid_argument>
+std::string refusal_of(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const Error& e) {
+    return e.what();
+  }
+  return "no exception";
+}
 
 // Received frames of the simulator's log as (identifier, first byte / command) in order.
 std::vector<uint32_t> received_ids(const sim::SimulatedMotorBus& motors) {
@@ -103,6 +118,24 @@ TEST_P(FacadeTest, RecvAllDispatchesFeedbackAndReplyToTheRightMotor) {
   EXPECT_GT(arm.get_arm().get_motors()[3].get_param(4), 0.0);
   EXPECT_NE(arm.get_arm().get_motors()[3].get_param(4), 7.25);
   EXPECT_GT(arm.get_gripper().get_motor()->get_param(4), 0.0);
+}
+
+TEST_P(FacadeTest, AReplacedGripperMotorLeavesTheFacadeWithItsDevice) {
+  init_all();
+  // The new motor listens on 0x18; the old device (0x17) must not stay registered with a motor
+  // that no longer exists, nor the gripper group twice.
+  arm.init_gripper_motor(T::DM_V30_T10, 7, 0x18);
+  capture_stderr([&] {
+    arm.enable_all();
+    settle(7);
+  });
+  EXPECT_EQ(received_ids(*motors), (std::vector<uint32_t>{1, 2, 3, 4, 5, 6, 7}));
+  motors->clear_frame_log();
+  capture_stderr([&] {
+    arm.refresh_all();  // motor 7 answers on 0x17: nobody's feedback any more
+    settle(7);
+  });
+  EXPECT_EQ(arm.get_gripper().get_motor()->get_position(), 0.0);
 }
 
 TEST_P(FacadeTest, RecvAllOnAQuietBusReturnsAfterItsTimeout) {
@@ -195,6 +228,53 @@ TEST_P(FacadeTest, OutOfRangeDistanceStillCommandsMinusOneRadian) {
   }
 }
 
+// A NaN would reach the motor as the bottom of the position range (-12.5 rad), an infinity as one
+// end: refused by name, before the motor exists and after, with nothing printed or sent.
+TEST_P(FacadeTest, NonFiniteGripperArgumentsAreRefused) {
+  auto& gripper = arm.get_gripper();
+  const double nan = std::nan("");
+  const double inf = INFINITY;
+  const struct {
+    const char* name;
+    std::function<void()> call;
+    const char* message;
+  } rows[] = {
+      {"NaN opening", [&] { gripper.set_distance(nan, 8.0, 0.1); },
+       "GripperComponent::set_distance: distance must be finite, got nan"},
+      {"infinite opening", [&] { gripper.set_distance(inf, 8.0, 0.1); },
+       "GripperComponent::set_distance: distance must be finite, got inf"},
+      {"NaN kd with an opening", [&] { gripper.set_distance(0.05, 8.0, nan); },
+       "GripperComponent::set_distance: kd must be finite, got nan"},
+      {"NaN position", [&] { gripper.set_position(nan, 8.0, 0.1); },
+       "GripperComponent::set_position: position must be finite, got nan"},
+      {"-inf position", [&] { gripper.set_position(-inf, 8.0, 0.1); },
+       "GripperComponent::set_position: position must be finite, got -inf"},
+      {"infinite kp with a position", [&] { gripper.set_position(0.5, inf, 0.1); },
+       "GripperComponent::set_position: kp must be finite, got inf"},
+      {"NaN kp opening", [&] { gripper.open(nan, 0.1); },
+       "GripperComponent::open: kp must be finite, got nan"},
+      {"infinite kd closing", [&] { gripper.close(8.0, inf); },
+       "GripperComponent::close: kd must be finite, got inf"},
+      {"NaN torque", [&] { gripper.set_tau(nan); },
+       "GripperComponent::set_tau: tau must be finite, got nan"},
+      {"NaN opening to an angle", [&] { GripperComponent::distance_to_motor_angle(nan); },
+       "GripperComponent::distance_to_motor_angle: distance must be finite, got nan"},
+      {"-inf opening to an angle", [&] { GripperComponent::distance_to_motor_angle(-inf); },
+       "GripperComponent::distance_to_motor_angle: distance must be finite, got -inf"},
+  };
+  for (bool with_motor : {false, true}) {
+    if (with_motor) {
+      arm.init_gripper_motor(T::DM_V30_T10, 7, 0x17);
+    }
+    for (const auto& row : rows) {
+      std::string message;
+      EXPECT_EQ(capture_stderr([&] { message = refusal_of(row.call); }), "") << row.name;
+      EXPECT_EQ(message, row.message) << row.name << (with_motor ? ", with motor" : "");
+    }
+  }
+  EXPECT_FALSE(motors->wait_for_received(1, 200ms)) << "a refused command sends nothing";
+}
+
 INSTANTIATE_TEST_SUITE_P(ClassicAndFd, FacadeTest, ::testing::Values(false, true),
                          [](const auto& info) { return info.param ? "Fd" : "Classic"; });
 
@@ -206,6 +286,58 @@ TEST(FacadeConstruction, MissingInterfaceThrowsTheSocketError) {
   } catch (const canbus::CANSocketException& e) {
     EXPECT_STREQ(e.what(), "Socket error: Failed to initialize socket for interface: can9");
   }
+}
+
+// A short id vector would be read past its end, an unknown type would scale every frame from
+// memory past the limit table, and a second call would move the motors the devices refer to.
+TEST(ArmComponentInit, RefusesInputsItCannotUseAndCreatesNothing) {
+  simbus::ScopedSimbus bus{{"can0"}};
+  canbus::CANSocket socket("can0", false);
+  ArmComponent joints(socket);
+  const std::string op = "ArmComponent::init_motor_devices: ";
+  const struct {
+    const char* name;
+    std::vector<T> types;
+    std::vector<unsigned> send_ids;
+    std::vector<unsigned> recv_ids;
+    std::string message;
+  } rows[] = {
+      {"one send id short",
+       kArmTypes,
+       {1, 2, 3, 4, 5},
+       kArmFeedbackIds,
+       op + "6 motor types but 5 send ids"},
+      {"no receive ids", kArmTypes, kArmIds, {}, op + "6 motor types but 0 receive ids"},
+      {"type past the limit table",
+       {T::DM_V8_T28, T::DM_V8_T28, static_cast<T>(13)},
+       kArmIds,
+       kArmFeedbackIds,
+       op + "invalid motor type 13 for motor 2"},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(refusal_of(
+                  [&] { joints.init_motor_devices(row.types, row.send_ids, row.recv_ids, false); }),
+              row.message)
+        << row.name;
+    EXPECT_TRUE(joints.get_dm_devices().empty()) << row.name;
+  }
+  joints.init_motor_devices(kArmTypes, kArmIds, kArmFeedbackIds, false);
+  EXPECT_EQ(refusal_of<std::logic_error>(
+                [&] { joints.init_motor_devices(kArmTypes, kArmIds, kArmFeedbackIds, false); }),
+            op + "the arm's motors already exist");
+  EXPECT_EQ(joints.get_dm_devices().size(), 6u);
+}
+
+TEST(GripperInit, ReplacingTheMotorLeavesOnlyTheNewDevice) {
+  simbus::ScopedSimbus bus{{"can0"}};
+  canbus::CANSocket socket("can0", false);
+  GripperComponent gripper(socket);
+  gripper.init_motor_device(T::DM_V30_T10, 7, 0x17, false);
+  gripper.init_motor_device(T::DM_V30_T10, 8, 0x18, false);
+  // The old device refers to the motor just destroyed: as device 0 it would take every command.
+  const auto devices = gripper.get_dm_devices();
+  ASSERT_EQ(devices.size(), 1u);
+  EXPECT_EQ(&devices[0]->get_motor(), gripper.get_motor());
 }
 
 // Linkage values against references computed independently (exact fused multiply-adds

@@ -6,6 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
+#include <stdexcept>
+#include <string>
 #include <thread>
 
 #include "simbus/simbus_testing.hpp"
@@ -21,6 +24,7 @@ using simbus::rawcan::Fd;
 using simbus::rawcan::fd_frame;
 using simbus::rawcan::open_can;
 using simbus::rawcan::read_within;
+using simbus::rawcan::stays_silent;
 using std::chrono::steady_clock;
 
 constexpr const char* kLongName = "a23456789012345";
@@ -238,6 +242,44 @@ TEST_F(CANSocketOnSimbus, FdSocketExchangesBothFrameKinds) {
   ASSERT_TRUE(socket.is_data_available(2000000));
   EXPECT_EQ(socket.read_raw_frame(&got, sizeof(got)), CAN_MTU);  // classic stays 16 bytes
   EXPECT_EQ(got.can_id, 0x10u);
+}
+
+// The kernel answers such frames with EINVAL only after the call; the socket refuses them by name.
+TEST_F(CANSocketOnSimbus, FramesLongerThanTheirKindAreRefusedBeforeWriting) {
+  CANSocket socket("can0", true);
+  Fd peer = open_can("can0", true);
+  can_frame classic = classic_frame(0x5, {});
+  classic.can_dlc = 9;
+  canfd_frame fd = fd_frame(0x6, 64);
+  fd.len = 65;
+  can_frame raw_classic = classic_frame(0x7, {});
+  raw_classic.can_dlc = 15;
+  canfd_frame raw_fd = fd_frame(0x8, 8);
+  raw_fd.len = 255;
+  const struct {
+    const char* name;
+    std::function<void()> call;
+    const char* message;
+  } rows[] = {
+      {"classic frame of 9 bytes", [&] { socket.write_can_frame(classic); },
+       "write_can_frame: length 9 exceeds the 8 bytes of a classic CAN frame"},
+      {"FD frame of 65 bytes", [&] { socket.write_canfd_frame(fd); },
+       "write_canfd_frame: length 65 exceeds the 64 bytes of a CAN FD frame"},
+      {"raw classic frame of 15 bytes", [&] { socket.write_raw_frame(&raw_classic, CAN_MTU); },
+       "write_raw_frame: length 15 exceeds the 8 bytes of a classic CAN frame"},
+      {"raw FD frame of 255 bytes", [&] { socket.write_raw_frame(&raw_fd, CANFD_MTU); },
+       "write_raw_frame: length 255 exceeds the 64 bytes of a CAN FD frame"},
+  };
+  for (const auto& row : rows) {
+    std::string message = "no exception";
+    try {
+      row.call();
+    } catch (const std::invalid_argument& e) {
+      message = e.what();
+    }
+    EXPECT_EQ(message, row.message) << row.name;
+  }
+  EXPECT_TRUE(stays_silent(peer.get(), 100));
 }
 
 }  // namespace

@@ -4,8 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstring>
 #include <deque>
+#include <functional>
+#include <stdexcept>
+#include <string>
 
 #include "simbus/simbus_testing.hpp"
 #include "support/simbus_can.hpp"
@@ -36,6 +40,16 @@ std::ostream& operator<<(std::ostream& os, const WireFrame& f) {
 
 WireFrame frame(uint32_t id, Bytes data) {
   return {id, std::move(data), 0, 0};
+}
+
+// The message of the std::invalid_argument `call` throws, or "no exception".
+std::string refusal_of(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const std::invalid_argument& e) {
+    return e.what();
+  }
+  return "no exception";
 }
 
 // A motor group on its own socket plus a listening socket, both on a private bus.
@@ -153,7 +167,7 @@ TEST_P(GroupTest, RegisterQueriesAndWrites) {
           frame(0x7FF, {1, 0, 0x55, 10, 2, 0, 0, 0}), frame(0x7FF, {2, 0, 0x55, 10, 2, 0, 0, 0})}));
 }
 
-TEST_P(GroupTest, VectorWritesPairValuesWithTheFirstDevices) {
+TEST_P(GroupTest, VectorsShorterThanTheGroupReachTheFirstDevicesOnly) {
   add_arm(6);
   group.set_acc_all({1.0f, 2.0f, 3.0f});
   auto frames = drain();
@@ -162,11 +176,120 @@ TEST_P(GroupTest, VectorWritesPairValuesWithTheFirstDevices) {
     EXPECT_EQ(frames[i].data[0], i + 1);
     EXPECT_EQ(frames[i].data[3], RID_ACC);
   }
-  // More values than motors: the surplus is left alone.
-  group.write_param_all(7, std::vector<unsigned>{10, 11, 12, 13, 14, 15, 16, 17});
+  group.write_param_all(7, std::vector<unsigned>{10, 11, 12, 13, 14, 15});
+  group.mit_control_all({{0, 0, 12.5, 0, 0}});
+  group.pos_vel_control_all({{1.0f, 0.5f}, {-1.0f, 2.0f}});
   frames = drain();
-  ASSERT_EQ(frames.size(), 6u);
+  ASSERT_EQ(frames.size(), 6u + 1u + 2u);
   EXPECT_EQ(frames[5].data, (Bytes{6, 0, 0x55, 7, 15, 0, 0, 0}));
+  EXPECT_EQ(frames[6].id, 0x01u);
+  EXPECT_EQ(frames[6].data[0], 0xFF);
+  EXPECT_EQ(frames[7].id, 0x101u);
+  EXPECT_EQ(frames[8].id, 0x102u);
+}
+
+// Each of these would read past the device list, put a NaN on the bus as a real target, or copy
+// a payload past the frame: refused by name, and no frame of the call goes out.
+TEST_P(GroupTest, RefusedCommandsSendNothing) {
+  add_arm(2);
+  const double nan = std::nan("");
+  const double inf = INFINITY;
+  const float nanf = std::nanf("");
+  const float inff = INFINITY;
+  const std::string two = " for a group of 2 motors";
+  const std::string out_of_range = " is out of range" + two;
+  const struct {
+    const char* name;
+    std::function<void()> call;
+    std::string message;
+  } rows[] = {
+      {"more MIT commands than motors", [&] { group.mit_control_all(std::vector<MITParam>(3)); },
+       "mit_control_all: 3 commands" + two},
+      {"more position-velocity commands than motors",
+       [&] { group.pos_vel_control_all(std::vector<POS_VELParam>(3)); },
+       "pos_vel_control_all: 3 commands" + two},
+      {"more float register values than motors",
+       [&] {
+         group.write_param_all(4, std::vector<float>{1, 2, 3});
+       },
+       "write_param_all: 3 values" + two},
+      {"more integer register values than motors",
+       [&] {
+         group.write_param_all(7, std::vector<unsigned>{1, 2, 3, 4});
+       },
+       "write_param_all: 4 values" + two},
+      {"more accelerations than motors",
+       [&] {
+         group.set_acc_all({1, 2, 3});
+       },
+       "set_acc_all: 3 values" + two},
+      {"more decelerations than motors",
+       [&] {
+         group.set_dec_all({1, 2, 3});
+       },
+       "set_dec_all: 3 values" + two},
+      {"more KP_APR values than motors",
+       [&] {
+         group.set_kp_apr_all({1, 2, 3});
+       },
+       "set_kp_apr_all: 3 values" + two},
+      {"MIT index past the end", [&] { group.mit_control_one(2, {}); },
+       "mit_control_one: motor index 2" + out_of_range},
+      {"negative position-velocity index", [&] { group.pos_vel_control_one(-1, {}); },
+       "pos_vel_control_one: motor index -1" + out_of_range},
+      {"refresh index past the end", [&] { group.refresh_one(2); },
+       "refresh_one: motor index 2" + out_of_range},
+      {"query index past the end", [&] { group.query_param_one(7, RID_ACC); },
+       "query_param_one: motor index 7" + out_of_range},
+      {"integer register index past the end", [&] { group.write_param_one(2, 9, 1u); },
+       "write_param_one: motor index 2" + out_of_range},
+      {"negative KP_APR index", [&] { group.set_kp_apr_one(-3, 1.0f); },
+       "set_kp_apr_one: motor index -3" + out_of_range},
+      {"NaN position in the second MIT command",
+       [&] {
+         group.mit_control_all({{}, {0, 0, nan, 0, 0}});
+       },
+       "mit_control_all: motor 1 q must be finite, got nan"},
+      {"infinite kp",
+       [&] {
+         group.mit_control_one(0, {inf, 1, 0, 0, 0});
+       },
+       "mit_control_one: motor 0 kp must be finite, got inf"},
+      {"infinite feed-forward torque",
+       [&] {
+         group.mit_control_one(1, {0, 0, 0, 0, -inf});
+       },
+       "mit_control_one: motor 1 tau must be finite, got -inf"},
+      {"NaN velocity in the second position-velocity command",
+       [&] {
+         group.pos_vel_control_all({{}, {0.0f, nanf}});
+       },
+       "pos_vel_control_all: motor 1 dq must be finite, got nan"},
+      {"infinite position-velocity target",
+       [&] {
+         group.pos_vel_control_one(0, {inff, 1.0f});
+       },
+       "pos_vel_control_one: motor 0 q must be finite, got inf"},
+      {"NaN acceleration after a good one",
+       [&] {
+         group.set_acc_all({1.0f, nanf});
+       },
+       "set_acc_all: motor 1 register 4 value must be finite, got nan"},
+      {"infinite float register", [&] { group.write_param_one(1, 27, inff); },
+       "write_param_one: motor 1 register 27 value must be finite, got inf"},
+      {"NaN deceleration", [&] { group.set_dec_one(0, nanf); },
+       "set_dec_one: motor 0 register 5 value must be finite, got nan"},
+      {"payload longer than any frame",
+       [&] {
+         group.send_command_to_device(nullptr, {0x01, Bytes(65, 0x5A)});
+       },
+       fd() ? "create_canfd_frame: payload of 65 bytes exceeds the 64 bytes of a CAN FD frame"
+            : "create_can_frame: payload of 65 bytes exceeds the 8 bytes of a classic CAN frame"},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(refusal_of(row.call), row.message) << row.name;
+  }
+  EXPECT_EQ(drain(), std::vector<WireFrame>{}) << "a refused call sends nothing";
 }
 
 TEST_P(GroupTest, TimeoutReachesAtMostSevenMotors) {

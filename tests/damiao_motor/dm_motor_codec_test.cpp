@@ -5,8 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <functional>
 #include <limits>
 #include <random>
+#include <stdexcept>
+#include <string>
 
 #include "support/stderr_capture.hpp"
 
@@ -20,6 +23,19 @@ dm::Motor motor(dm::MotorType type, unsigned send_id, unsigned recv_id) {
 }
 
 const double kNaN = std::numeric_limits<double>::quiet_NaN();
+const double kInf = std::numeric_limits<double>::infinity();
+const float kNaNf = std::numeric_limits<float>::quiet_NaN();
+const float kInff = std::numeric_limits<float>::infinity();
+
+// The message of the std::invalid_argument `call` throws, or "no exception".
+std::string refusal_of(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const std::invalid_argument& e) {
+    return e.what();
+  }
+  return "no exception";
+}
 
 }  // namespace
 
@@ -94,10 +110,64 @@ TEST(Encoder, MitPayloadPacksFieldsMostSignificantNibbleFirst) {
             (Bytes{0x00, 0x00, 0x00, 0x0F, 0xFF, 0xFF, 0xFF, 0xFF}));
   EXPECT_EQ(dm::CanPacketEncoder::pack_mit_control_data(wrist.get_motor_type(), {}),
             (Bytes{0x7F, 0xFF, 0x7F, 0xF0, 0x00, 0x00, 0x07, 0xFF}));
-  // NaN maps to the bottom of its range: a NaN position target becomes -p_max.
-  EXPECT_EQ(dm::CanPacketEncoder::pack_mit_control_data(wrist.get_motor_type(),
-                                                        {kNaN, 0.5, kNaN, 3.0, -2.5}),
-            (Bytes{0x00, 0x00, 0x8C, 0xC0, 0x00, 0x19, 0x95, 0xFF}));
+}
+
+// The fixed-point fields would turn NaN into the bottom of the range (a real target of -p_max),
+// the float fields would carry it to the motor: every command encoder refuses it.
+TEST(Encoder, NonFiniteFieldsAndUnknownMotorTypesAreRefused) {
+  using E = dm::CanPacketEncoder;
+  const auto m = motor(dm::MotorType::DM_V30_T10, 0x05, 0x15);
+  const struct {
+    const char* name;
+    std::function<void()> call;
+    const char* message;
+  } rows[] = {
+      {"MIT kp NaN",
+       [&] {
+         E::create_mit_control_command(m, {kNaN, 1.0, 0.0, 0.0, 0.0});
+       },
+       "MIT command: kp must be finite, got nan"},
+      {"MIT kd infinite",
+       [&] {
+         E::create_mit_control_command(m, {10.0, kInf, 0.0, 0.0, 0.0});
+       },
+       "MIT command: kd must be finite, got inf"},
+      {"MIT q NaN",
+       [&] {
+         E::pack_mit_control_data(m.get_motor_type(), {0, 0, kNaN, 0, 0});
+       },
+       "MIT command: q must be finite, got nan"},
+      {"MIT dq -inf",
+       [&] {
+         E::create_mit_control_command(m, {0.0, 0.0, 0.5, -kInf, 0.0});
+       },
+       "MIT command: dq must be finite, got -inf"},
+      {"MIT tau infinite",
+       [&] {
+         E::create_mit_control_command(m, {0.0, 0.0, 0.0, 0.0, kInf});
+       },
+       "MIT command: tau must be finite, got inf"},
+      {"position-velocity q NaN",
+       [&] {
+         E::create_pos_vel_control_command(m, {kNaNf, 1.0f});
+       },
+       "position-velocity command: q must be finite, got nan"},
+      {"position-velocity dq -inf",
+       [&] {
+         E::pack_posvel_control_data({}, {0.5f, -kInff});
+       },
+       "position-velocity command: dq must be finite, got -inf"},
+      {"float register NaN", [&] { E::create_write_param_command(m, 4, kNaNf); },
+       "register write: register 4 value must be finite, got nan"},
+      {"MIT for a type past the limit table",
+       [&] { E::pack_mit_control_data(static_cast<dm::MotorType>(13), {}); },
+       "Invalid motor type: 13"},
+      {"motor of a type past the limit table",
+       [&] { dm::Motor(static_cast<dm::MotorType>(200), 1, 0x11); }, "Invalid motor type: 200"},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(refusal_of(row.call), row.message) << row.name;
+  }
 }
 
 TEST(Encoder, PositionVelocityIsTwoLittleEndianFloatsAtIdPlus0x100) {

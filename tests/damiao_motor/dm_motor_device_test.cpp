@@ -5,6 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <numeric>
+#include <stdexcept>
+#include <string>
 
 #include "support/stderr_capture.hpp"
 
@@ -55,6 +58,39 @@ TEST(DMCANDeviceFrames, FdFrameCarriesBitRateSwitchAndZeroPadding) {
     ASSERT_EQ(f.data[i], 0) << i;
   }
   EXPECT_EQ(dm::DMCANDevice::get_data_from_frame(f), (Bytes{9, 8, 7, 6, 5, 4, 3, 2}));
+}
+
+// A payload longer than the frame would be copied past the frame's data buffer.
+TEST(DMCANDeviceFrames, PayloadsLongerThanTheFrameAreRefused) {
+  const struct {
+    const char* name;
+    bool use_fd;
+    size_t size;
+    std::string message;  // empty: the frame is built with the whole payload
+  } rows[] = {
+      {"classic, 8 bytes", false, 8, ""},
+      {"classic, 9 bytes", false, 9,
+       "create_can_frame: payload of 9 bytes exceeds the 8 bytes of a classic CAN frame"},
+      {"classic, 64 bytes", false, 64,
+       "create_can_frame: payload of 64 bytes exceeds the 8 bytes of a classic CAN frame"},
+      {"FD, 64 bytes", true, 64, ""},
+      {"FD, 65 bytes", true, 65,
+       "create_canfd_frame: payload of 65 bytes exceeds the 64 bytes of a CAN FD frame"},
+  };
+  for (const auto& row : rows) {
+    Bytes data(row.size);
+    std::iota(data.begin(), data.end(), uint8_t{1});
+    std::string message;
+    Bytes carried;
+    try {
+      carried = row.use_fd ? dm::DMCANDevice::get_data_from_frame(fd(0x7FF, data))
+                           : dm::DMCANDevice::get_data_from_frame(classic(0x7FF, data));
+    } catch (const std::invalid_argument& e) {
+      message = e.what();
+    }
+    EXPECT_EQ(message, row.message) << row.name;
+    EXPECT_EQ(carried, row.message.empty() ? data : Bytes{}) << row.name;
+  }
 }
 
 TEST(DMCANDeviceIdentity, TakesIdentifiersFromTheMotor) {

@@ -2,6 +2,8 @@
 
 #include <cmath>
 #include <iostream>
+#include <stdexcept>
+#include <string>
 
 namespace kestrel::can::socket {
 
@@ -14,6 +16,21 @@ constexpr double kCrankRadius = 0.0355;
 constexpr double kCouplerSquared = 0.001444;
 constexpr double kGuideOffset = 0.015393;
 constexpr double kFingerOrigin = 0.01722;
+
+// A NaN would reach the motor as the bottom of the position range, an infinity as one end.
+// Only the error path builds text.
+void require_finite(double value, const char* operation, const char* name) {
+  if (!std::isfinite(value)) {
+    throw std::invalid_argument(std::string("GripperComponent::") + operation + ": " + name +
+                                " must be finite, got " +
+                                (std::isnan(value) ? "nan" : std::to_string(value)));
+  }
+}
+
+void require_finite_gains(double kp, double kd, const char* operation) {
+  require_finite(kp, operation, "kp");
+  require_finite(kd, operation, "kd");
+}
 
 }  // namespace
 
@@ -30,12 +47,18 @@ GripperComponent::~GripperComponent() = default;
 
 void GripperComponent::init_motor_device(damiao_motor::MotorType type, unsigned int send_id,
                                          unsigned int recv_id, bool canfd) {
-  motor = std::make_unique<damiao_motor::Motor>(type, send_id, recv_id);
+  auto new_motor = std::make_unique<damiao_motor::Motor>(type, send_id, recv_id);
+  // The old device refers to the old motor: it leaves the group before that motor goes, even when
+  // the new one has another receive identifier (it would stay device 0 of the group otherwise).
+  get_device_collection().remove_device(device);
+  motor = std::move(new_motor);
   device = std::make_shared<damiao_motor::DMCANDevice>(*motor, damiao_motor::PARAM_CAN_ID, canfd);
   get_device_collection().add_device(device);
 }
 
 void GripperComponent::set_position(double position, double kp, double kd) {
+  require_finite(position, "set_position", "position");
+  require_finite_gains(kp, kd, "set_position");
   if (!device) {
     return;
   }
@@ -45,14 +68,17 @@ void GripperComponent::set_position(double position, double kp, double kd) {
 }
 
 void GripperComponent::open(double kp, double kd) {
+  require_finite_gains(kp, kd, "open");
   set_position(open_input, kp, kd);
 }
 
 void GripperComponent::close(double kp, double kd) {
+  require_finite_gains(kp, kd, "close");
   set_position(close_input, kp, kd);
 }
 
 double GripperComponent::distance_to_motor_angle(double d) {
+  require_finite(d, "distance_to_motor_angle", "distance");
   if (d < 0.0 || d > kMaxDistance) {
     return -1.0;
   }
@@ -79,6 +105,8 @@ double GripperComponent::distance_to_motor_angle(double d) {
 }
 
 void GripperComponent::set_distance(double distance, double kp, double kd) {
+  require_finite(distance, "set_distance", "distance");
+  require_finite_gains(kp, kd, "set_distance");
   if (!device) {
     return;
   }
@@ -90,6 +118,7 @@ void GripperComponent::set_distance(double distance, double kp, double kd) {
 }
 
 void GripperComponent::set_tau(double tau) {
+  require_finite(tau, "set_tau", "tau");
   if (!device) {
     return;
   }

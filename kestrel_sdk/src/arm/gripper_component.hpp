@@ -13,20 +13,27 @@ class GripperComponent : public damiao_motor::DMDeviceCollection {
   explicit GripperComponent(canbus::CANSocket& socket);
   ~GripperComponent() override;
 
-  // Replaces the motor and its device. Until this is called every command is ignored silently.
+  // Replaces the motor and its device. Until this is called every command is ignored silently
+  // once its arguments have been checked.
   void init_motor_device(damiao_motor::MotorType type, unsigned int send_id, unsigned int recv_id,
                          bool canfd);
 
-  // 1 = open, 0 = closed; not clamped, values outside extrapolate.
+  // Every command refuses a NaN or infinite argument with std::invalid_argument before anything
+  // is sent: "GripperComponent::set_distance: distance must be finite, got nan".
+
+  // 1 = open, 0 = closed; not clamped, finite values outside extrapolate.
   void set_position(double position, double kp, double kd);
   void open(double kp, double kd);
   void close(double kp, double kd);
-  // Opening width in metres, 0 to 0.085. Out of range prints an error and commands -1.0 rad.
+  // Opening width in metres, 0 to 0.085. A finite value out of range prints an error and
+  // commands -1.0 rad.
   void set_distance(double distance, double kp, double kd);
   // Pure torque, zero gains.
   void set_tau(double tau);
 
-  // Motor angle for an opening width, through the linkage; out of range gives -1.0 rad.
+  // Motor angle for an opening width, through the linkage; a finite value out of range gives
+  // -1.0 rad, a NaN or infinite one throws std::invalid_argument
+  // "GripperComponent::distance_to_motor_angle: distance must be finite, got nan".
   static double distance_to_motor_angle(double distance);
   // Inverse of the linkage: opening width for a motor angle; -1.0 where the linkage cannot
   // reach (then `sqrt_arg` receives the negative square-root argument).

@@ -1,6 +1,20 @@
 #include "kestrel/arm/kestrel.hpp"
 
+#include <algorithm>
+#include <cstddef>
+
 namespace kestrel::can::socket {
+
+namespace {
+
+// Each group takes the values from index zero, as many as it has motors.
+std::vector<float> first_values_for(const damiao_motor::DMDeviceCollection& group,
+                                    const std::vector<float>& values) {
+  const size_t count = std::min(values.size(), group.get_dm_devices().size());
+  return {values.begin(), values.begin() + static_cast<std::ptrdiff_t>(count)};
+}
+
+}  // namespace
 
 Kestrel::Kestrel(const std::string& interface_name, bool canfd)
     : interface_name(interface_name), canfd(canfd) {
@@ -23,8 +37,19 @@ void Kestrel::init_arm_motors(const std::vector<damiao_motor::MotorType>& types,
 
 void Kestrel::init_gripper_motor(damiao_motor::MotorType type, unsigned int send_id,
                                  unsigned int recv_id) {
+  // A replaced gripper motor's device must leave the dispatcher with it: it refers to the motor
+  // that init_motor_device releases.
+  for (const auto& entry : gripper->get_device_collection().get_devices()) {
+    dispatcher->remove_device(entry.second);
+  }
   gripper->init_motor_device(type, send_id, recv_id, canfd);
-  register_dm_device_collection(*gripper);
+  if (std::find(collections.begin(), collections.end(), gripper.get()) == collections.end()) {
+    register_dm_device_collection(*gripper);
+    return;
+  }
+  for (const auto& entry : gripper->get_device_collection().get_devices()) {
+    dispatcher->add_device(entry.second);  // the group is registered already: only its device
+  }
 }
 
 void Kestrel::register_dm_device_collection(damiao_motor::DMDeviceCollection& group) {
@@ -86,13 +111,13 @@ void Kestrel::query_kp_apr_all() {
   for_each_group([](auto& g) { g.query_kp_apr_all(); });
 }
 void Kestrel::set_acc_all(const std::vector<float>& values) {
-  for_each_group([&values](auto& g) { g.set_acc_all(values); });
+  for_each_group([&values](auto& g) { g.set_acc_all(first_values_for(g, values)); });
 }
 void Kestrel::set_dec_all(const std::vector<float>& values) {
-  for_each_group([&values](auto& g) { g.set_dec_all(values); });
+  for_each_group([&values](auto& g) { g.set_dec_all(first_values_for(g, values)); });
 }
 void Kestrel::set_kp_apr_all(const std::vector<float>& values) {
-  for_each_group([&values](auto& g) { g.set_kp_apr_all(values); });
+  for_each_group([&values](auto& g) { g.set_kp_apr_all(first_values_for(g, values)); });
 }
 void Kestrel::set_callback_mode_all(damiao_motor::CallbackMode mode) {
   for_each_group([mode](auto& g) { g.set_callback_mode_all(mode); });

@@ -8,11 +8,28 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
 
 namespace kestrel::canbus {
+
+namespace {
+
+// The kernel refuses such a frame too, but only with EINVAL and after the call: refuse it here,
+// by name. Only the error path builds text.
+void require_length_fits(const char* operation, unsigned length, unsigned capacity,
+                         const char* kind) {
+  if (length > capacity) {
+    throw std::invalid_argument(std::string(operation) + ": length " + std::to_string(length) +
+                                " exceeds the " + std::to_string(capacity) + " bytes of a " + kind +
+                                " frame");
+  }
+}
+
+}  // namespace
 
 CANSocket::CANSocket(const std::string& interface_name, bool canfd)
     : socket_fd(-1), interface_name(interface_name), canfd_enabled(canfd), is_initialized(false) {
@@ -104,6 +121,15 @@ ssize_t CANSocket::read_raw_frame(void* buffer, size_t length) {
 }
 
 ssize_t CANSocket::write_raw_frame(const void* buffer, size_t length) {
+  // Only the two frame sizes have a length byte to check; any other size is the kernel's to refuse.
+  const auto* bytes = static_cast<const uint8_t*>(buffer);
+  if (bytes != nullptr && length == CAN_MTU) {
+    require_length_fits("write_raw_frame", bytes[offsetof(can_frame, can_dlc)], CAN_MAX_DLEN,
+                        "classic CAN");
+  } else if (bytes != nullptr && length == CANFD_MTU) {
+    require_length_fits("write_raw_frame", bytes[offsetof(canfd_frame, len)], CANFD_MAX_DLEN,
+                        "CAN FD");
+  }
   if (!is_initialized) {
     return -1;
   }
@@ -111,10 +137,12 @@ ssize_t CANSocket::write_raw_frame(const void* buffer, size_t length) {
 }
 
 bool CANSocket::write_can_frame(const can_frame& frame) {
+  require_length_fits("write_can_frame", frame.can_dlc, CAN_MAX_DLEN, "classic CAN");
   return ::write(socket_fd, &frame, CAN_MTU) == static_cast<ssize_t>(CAN_MTU);
 }
 
 bool CANSocket::write_canfd_frame(const canfd_frame& frame) {
+  require_length_fits("write_canfd_frame", frame.len, CANFD_MAX_DLEN, "CAN FD");
   return ::write(socket_fd, &frame, CANFD_MTU) == static_cast<ssize_t>(CANFD_MTU);
 }
 

@@ -33,6 +33,10 @@ class CANSocket {
   void cleanup();
 
   ssize_t read_raw_frame(void* buffer, size_t length);
+  // A frame whose length field exceeds its kind (more than 8 bytes in a classic frame, more than
+  // 64 in an FD frame) throws std::invalid_argument before anything is written:
+  // "write_can_frame: length 9 exceeds the 8 bytes of a classic CAN frame". write_raw_frame
+  // checks that field when `length` is CAN_MTU or CANFD_MTU and leaves other sizes to write().
   ssize_t write_raw_frame(const void* buffer, size_t length);
   // The writers do not look at is_initialized: on a closed descriptor write() fails.
   bool write_can_frame(const can_frame& frame);

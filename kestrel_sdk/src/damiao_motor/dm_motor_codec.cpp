@@ -4,6 +4,9 @@
 #include <cstring>
 #include <iostream>
 #include <limits>
+#include <stdexcept>
+#include <string>
+#include <utility>
 
 namespace kestrel::damiao_motor {
 
@@ -34,8 +37,16 @@ uint32_t float_bits(float value) {
   return bits;
 }
 
-const double* limits_of(MotorType type) {
-  return MOTOR_LIMIT_PARAMS[static_cast<int>(type)];
+// Only the error path builds text.
+[[noreturn]] void throw_not_finite(const char* operation, int motor_index, const std::string& what,
+                                   double value) {
+  std::string message = std::string(operation) + ": ";
+  if (motor_index >= 0) {
+    message += "motor " + std::to_string(motor_index) + " ";
+  }
+  // Every NaN reads "nan", whatever its sign bit; infinities read "inf" and "-inf".
+  message += what + " must be finite, got " + (std::isnan(value) ? "nan" : std::to_string(value));
+  throw std::invalid_argument(message);
 }
 
 }  // namespace
@@ -108,6 +119,7 @@ std::vector<uint8_t> CanPacketEncoder::pack_write_param_data(unsigned int id, in
 
 std::vector<uint8_t> CanPacketEncoder::pack_write_param_data(unsigned int id, int rid,
                                                              float value) {
+  require_finite(value, rid, "register write");
   std::vector<uint8_t> data = param_header(id, PARAM_WRITE, rid);
   put_u32_le(data, 4, float_bits(value));
   return data;
@@ -120,10 +132,11 @@ std::vector<uint8_t> CanPacketEncoder::pack_switch_control_mode_data(unsigned in
 }
 
 std::vector<uint8_t> CanPacketEncoder::pack_mit_control_data(MotorType type, const MITParam& p) {
-  const double* lim = limits_of(type);
-  const double p_max = lim[0];
-  const double v_max = lim[1];
-  const double t_max = lim[2];
+  require_finite(p, "MIT command");
+  const LimitParam lim = Motor::get_limit_param(type);
+  const double p_max = lim.p_max;
+  const double v_max = lim.v_max;
+  const double t_max = lim.t_max;
   const unsigned int kp_u = double_to_uint(p.kp, 0.0, 500.0, 12);
   const unsigned int kd_u = double_to_uint(p.kd, 0.0, 5.0, 12);
   const unsigned int q_u = double_to_uint(p.q, -p_max, p_max, 16);
@@ -142,9 +155,37 @@ std::vector<uint8_t> CanPacketEncoder::pack_mit_control_data(MotorType type, con
 
 std::vector<uint8_t> CanPacketEncoder::pack_posvel_control_data(MotorType /*type*/,
                                                                 const POS_VELParam& p) {
+  require_finite(p, "position-velocity command");
   std::vector<uint8_t> data(sizeof(POS_VELParam));
   std::memcpy(data.data(), &p, sizeof(POS_VELParam));
   return data;
+}
+
+void CanPacketEncoder::require_finite(const MITParam& p, const char* operation, int motor_index) {
+  const std::pair<const char*, double> fields[] = {
+      {"kp", p.kp}, {"kd", p.kd}, {"q", p.q}, {"dq", p.dq}, {"tau", p.tau}};
+  for (const auto& [name, value] : fields) {
+    if (!std::isfinite(value)) {
+      throw_not_finite(operation, motor_index, name, value);
+    }
+  }
+}
+
+void CanPacketEncoder::require_finite(const POS_VELParam& p, const char* operation,
+                                      int motor_index) {
+  if (!std::isfinite(p.q)) {
+    throw_not_finite(operation, motor_index, "q", p.q);
+  }
+  if (!std::isfinite(p.dq)) {
+    throw_not_finite(operation, motor_index, "dq", p.dq);
+  }
+}
+
+void CanPacketEncoder::require_finite(float value, int rid, const char* operation,
+                                      int motor_index) {
+  if (!std::isfinite(value)) {
+    throw_not_finite(operation, motor_index, "register " + std::to_string(rid) + " value", value);
+  }
 }
 
 double CanPacketEncoder::limit_min_max(double x, double min, double max) {
@@ -173,10 +214,10 @@ StateResult CanPacketDecoder::parse_motor_state_data(const Motor& motor,
     std::cerr << "Warning: Skipping motor state data less than 8 bytes\n";
     return StateResult{};
   }
-  const double* lim = limits_of(motor.get_motor_type());
-  const double p_max = lim[0];
-  const double v_max = lim[1];
-  const double t_max = lim[2];
+  const LimitParam lim = Motor::get_limit_param(motor.get_motor_type());
+  const double p_max = lim.p_max;
+  const double v_max = lim.v_max;
+  const double t_max = lim.t_max;
 
   StateResult s;
   s.feedback_id = data[0] & 0x0F;

@@ -1,5 +1,8 @@
 // The DM motor protocol's 8-byte payloads: commands encoded for one motor, feedback and
 // parameter replies decoded. Stateless: every operation is a pure static function.
+// The command encoders refuse a NaN or infinite field with std::invalid_argument: the fixed-point
+// fields would turn it into a real target at one end of the range, and the float fields would
+// carry it to the motor as it stands.
 #pragma once
 
 #include <array>
@@ -73,12 +76,25 @@ class CanPacketEncoder {
   static std::vector<uint8_t> pack_command_data(uint8_t cmd);
   static std::vector<uint8_t> pack_query_param_data(unsigned int id, int rid);
   static std::vector<uint8_t> pack_write_param_data(unsigned int id, int rid, unsigned int value);
+  // "register write: register 4 value must be finite, got nan" for a non-finite value.
   static std::vector<uint8_t> pack_write_param_data(unsigned int id, int rid, float value);
   static std::vector<uint8_t> pack_switch_control_mode_data(unsigned int id, int mode);
+  // "MIT command: q must be finite, got nan" for a non-finite field; "Invalid motor type: 13"
+  // for a type outside the limit table.
   static std::vector<uint8_t> pack_mit_control_data(MotorType type, const MITParam& p);
+  // "position-velocity command: dq must be finite, got inf" for a non-finite field.
   static std::vector<uint8_t> pack_posvel_control_data(MotorType type, const POS_VELParam& p);
 
-  // x above max becomes max; a result not above min (NaN included) becomes min.
+  // Throw std::invalid_argument "<operation>: <field> must be finite, got <value>" for the first
+  // NaN or infinite field, with "motor <index> " before the field when motor_index >= 0. They
+  // allocate nothing unless they throw.
+  static void require_finite(const MITParam& p, const char* operation, int motor_index = -1);
+  static void require_finite(const POS_VELParam& p, const char* operation, int motor_index = -1);
+  // "<operation>: [motor <index> ]register <rid> value must be finite, got <value>".
+  static void require_finite(float value, int rid, const char* operation, int motor_index = -1);
+
+  // x above max becomes max; a result not above min (NaN included) becomes min. The command
+  // encoders never let a NaN get this far.
   static double limit_min_max(double x, double min, double max);
   // Truncating (never rounding) scale of x from [min, max] onto 0..2^bits-1.
   static unsigned int double_to_uint(double x, double min, double max, int bits);

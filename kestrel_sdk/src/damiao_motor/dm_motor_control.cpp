@@ -6,7 +6,9 @@
 namespace kestrel::damiao_motor {
 
 Motor::Motor(MotorType type, unsigned int send_id, unsigned int recv_id)
-    : send_id(send_id), recv_id(recv_id), motor_type(type) {}
+    : send_id(send_id), recv_id(recv_id), motor_type(type) {
+  get_limit_param(type);  // a type outside the table would scale every frame from stray memory
+}
 
 void Motor::set_enabled(bool value) {
   enabled = value;

@@ -68,6 +68,7 @@ struct StateResult {
 
 class Motor {
  public:
+  // Throws std::invalid_argument "Invalid motor type: N" for a type outside the limit table.
   Motor(MotorType type, unsigned int send_id, unsigned int recv_id);
 
   // The only writer of `enabled`; enabling a motor on the bus does not touch it.

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 #include <iostream>
+#include <stdexcept>
+#include <string>
 #include <unordered_map>
 
 namespace kestrel::damiao_motor {
@@ -31,6 +33,15 @@ void maybe_report_motor_error(const Motor& motor, const StateResult& s) {
             << " feedback_id=" << s.feedback_id << " ERR: 0x" << std::hex << old_code << " -> 0x"
             << new_code << std::dec << " (" << dm_status_text(new_code) << ")"
             << " t_mos=" << s.t_mos << " t_rotor=" << s.t_rotor << std::endl;
+}
+
+// Only the error path builds text.
+void require_payload_fits(const char* operation, size_t size, size_t capacity, const char* kind) {
+  if (size > capacity) {
+    throw std::invalid_argument(std::string(operation) + ": payload of " + std::to_string(size) +
+                                " bytes exceeds the " + std::to_string(capacity) + " bytes of a " +
+                                kind + " frame");
+  }
 }
 
 }  // namespace
@@ -68,6 +79,7 @@ DMCANDevice::DMCANDevice(Motor& motor, unsigned int param_can_id, bool canfd)
 DMCANDevice::~DMCANDevice() = default;
 
 can_frame DMCANDevice::create_can_frame(unsigned int can_id, std::vector<uint8_t> data) {
+  require_payload_fits("create_can_frame", data.size(), CAN_MAX_DLEN, "classic CAN");
   can_frame frame;
   std::memset(&frame, 0, sizeof(frame));
   frame.can_id = can_id;
@@ -77,6 +89,7 @@ can_frame DMCANDevice::create_can_frame(unsigned int can_id, std::vector<uint8_t
 }
 
 canfd_frame DMCANDevice::create_canfd_frame(unsigned int can_id, std::vector<uint8_t> data) {
+  require_payload_fits("create_canfd_frame", data.size(), CANFD_MAX_DLEN, "CAN FD");
   canfd_frame frame;
   std::memset(&frame, 0, sizeof(frame));
   frame.can_id = can_id;

@@ -17,6 +17,8 @@ class DMCANDevice : public canbus::CANDevice {
   DMCANDevice(Motor& motor, unsigned int param_can_id, bool canfd);
   ~DMCANDevice() override;
 
+  // A payload longer than the frame (8 bytes classic, 64 FD) throws std::invalid_argument
+  // "create_can_frame: payload of 9 bytes exceeds the 8 bytes of a classic CAN frame".
   static can_frame create_can_frame(unsigned int can_id, std::vector<uint8_t> data);
   // FD frames go out with the bit-rate switch flag.
   static canfd_frame create_canfd_frame(unsigned int can_id, std::vector<uint8_t> data);

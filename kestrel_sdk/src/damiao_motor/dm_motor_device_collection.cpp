@@ -1,8 +1,27 @@
 #include "kestrel/damiao_motor/dm_motor_device_collection.hpp"
 
 #include <algorithm>
+#include <stdexcept>
+#include <string>
+#include <type_traits>
 
 namespace kestrel::damiao_motor {
+
+namespace {
+
+std::string counted(size_t count, const char* noun) {
+  return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+// Refuses more entries than motors; fewer are fine.
+void require_at_most(const char* operation, size_t entries, const char* noun, size_t motors) {
+  if (entries > motors) {
+    throw std::invalid_argument(std::string(operation) + ": " + counted(entries, noun) +
+                                " for a group of " + counted(motors, "motor"));
+  }
+}
+
+}  // namespace
 
 DMDeviceCollection::DMDeviceCollection(canbus::CANSocket& socket)
     : socket(socket),
@@ -47,6 +66,42 @@ void DMDeviceCollection::send_to_all(MakePacket make_packet) {
   }
 }
 
+std::shared_ptr<DMCANDevice> DMDeviceCollection::device_at(int index, const char* operation) const {
+  auto devices = get_dm_devices();
+  if (index < 0 || static_cast<size_t>(index) >= devices.size()) {
+    throw std::invalid_argument(std::string(operation) + ": motor index " + std::to_string(index) +
+                                " is out of range for a group of " +
+                                counted(devices.size(), "motor"));
+  }
+  return std::move(devices[static_cast<size_t>(index)]);
+}
+
+template <typename Value>
+void DMDeviceCollection::write_one(const char* operation, int index, int rid, Value value) {
+  auto device = device_at(index, operation);
+  if constexpr (std::is_floating_point_v<Value>) {
+    CanPacketEncoder::require_finite(value, rid, operation, index);
+  }
+  send_command_to_device(
+      device, CanPacketEncoder::create_write_param_command(device->get_motor(), rid, value));
+}
+
+template <typename Value>
+void DMDeviceCollection::write_all(const char* operation, int rid,
+                                   const std::vector<Value>& values) {
+  const auto devices = get_dm_devices();
+  require_at_most(operation, values.size(), "value", devices.size());
+  if constexpr (std::is_floating_point_v<Value>) {
+    for (size_t i = 0; i < values.size(); ++i) {
+      CanPacketEncoder::require_finite(values[i], rid, operation, static_cast<int>(i));
+    }
+  }
+  for (size_t i = 0; i < values.size(); ++i) {
+    send_command_to_device(devices[i], CanPacketEncoder::create_write_param_command(
+                                           devices[i]->get_motor(), rid, values[i]));
+  }
+}
+
 void DMDeviceCollection::enable_all() {
   send_to_all([](const Motor& m) { return CanPacketEncoder::create_enable_command(m); });
 }
@@ -64,7 +119,7 @@ void DMDeviceCollection::clrErr_all() {
 }
 
 void DMDeviceCollection::refresh_one(int index) {
-  auto device = get_dm_devices()[index];
+  auto device = device_at(index, "refresh_one");
   send_command_to_device(device, CanPacketEncoder::create_refresh_command(device->get_motor()));
 }
 
@@ -73,7 +128,7 @@ void DMDeviceCollection::refresh_all() {
 }
 
 void DMDeviceCollection::query_param_one(int index, int rid) {
-  auto device = get_dm_devices()[index];
+  auto device = device_at(index, "query_param_one");
   send_command_to_device(device,
                          CanPacketEncoder::create_query_param_command(device->get_motor(), rid));
 }
@@ -94,57 +149,48 @@ void DMDeviceCollection::query_kp_apr_all() {
 }
 
 void DMDeviceCollection::write_param_one(int index, int rid, unsigned int value) {
-  auto device = get_dm_devices()[index];
-  send_command_to_device(
-      device, CanPacketEncoder::create_write_param_command(device->get_motor(), rid, value));
+  write_one("write_param_one", index, rid, value);
 }
 
 void DMDeviceCollection::write_param_one(int index, int rid, float value) {
-  auto device = get_dm_devices()[index];
-  send_command_to_device(
-      device, CanPacketEncoder::create_write_param_command(device->get_motor(), rid, value));
+  write_one("write_param_one", index, rid, value);
 }
 
 void DMDeviceCollection::set_acc_one(int index, float value) {
-  write_param_one(index, RID_ACC, value);
+  write_one("set_acc_one", index, RID_ACC, value);
 }
 void DMDeviceCollection::set_dec_one(int index, float value) {
-  write_param_one(index, RID_DEC, value);
+  write_one("set_dec_one", index, RID_DEC, value);
 }
 void DMDeviceCollection::set_kp_apr_one(int index, float value) {
-  write_param_one(index, RID_KP_APR, value);
+  write_one("set_kp_apr_one", index, RID_KP_APR, value);
 }
 
 void DMDeviceCollection::write_param_all(int rid, const std::vector<float>& values) {
-  const auto devices = get_dm_devices();
-  const size_t count = std::min(devices.size(), values.size());
-  for (size_t i = 0; i < count; ++i) {
-    send_command_to_device(devices[i], CanPacketEncoder::create_write_param_command(
-                                           devices[i]->get_motor(), rid, values[i]));
-  }
+  write_all("write_param_all", rid, values);
 }
 
 void DMDeviceCollection::write_param_all(int rid, const std::vector<unsigned int>& values) {
-  const auto devices = get_dm_devices();
-  const size_t count = std::min(devices.size(), values.size());
-  for (size_t i = 0; i < count; ++i) {
-    send_command_to_device(devices[i], CanPacketEncoder::create_write_param_command(
-                                           devices[i]->get_motor(), rid, values[i]));
-  }
+  write_all("write_param_all", rid, values);
 }
 
 void DMDeviceCollection::set_acc_all(const std::vector<float>& values) {
-  write_param_all(RID_ACC, values);
+  write_all("set_acc_all", RID_ACC, values);
 }
 void DMDeviceCollection::set_dec_all(const std::vector<float>& values) {
-  write_param_all(RID_DEC, values);
+  write_all("set_dec_all", RID_DEC, values);
 }
 void DMDeviceCollection::set_kp_apr_all(const std::vector<float>& values) {
-  write_param_all(RID_KP_APR, values);
+  write_all("set_kp_apr_all", RID_KP_APR, values);
 }
 
 void DMDeviceCollection::set_timeout_all(unsigned int t) {
-  write_param_all(RID_TIMEOUT, std::vector<unsigned int>(7, t));
+  const auto devices = get_dm_devices();
+  const size_t count = std::min<size_t>(devices.size(), 7);
+  for (size_t i = 0; i < count; ++i) {
+    send_command_to_device(devices[i], CanPacketEncoder::create_write_param_command(
+                                           devices[i]->get_motor(), RID_TIMEOUT, t));
+  }
 }
 
 void DMDeviceCollection::switch_all_motors_mode(int mode) {
@@ -153,26 +199,40 @@ void DMDeviceCollection::switch_all_motors_mode(int mode) {
 }
 
 void DMDeviceCollection::mit_control_one(int index, const MITParam& param) {
-  auto device = get_dm_devices()[index];
+  auto device = device_at(index, "mit_control_one");
+  CanPacketEncoder::require_finite(param, "mit_control_one", index);
   send_command_to_device(device,
                          CanPacketEncoder::create_mit_control_command(device->get_motor(), param));
 }
 
 void DMDeviceCollection::mit_control_all(const std::vector<MITParam>& params) {
+  const auto devices = get_dm_devices();
+  require_at_most("mit_control_all", params.size(), "command", devices.size());
   for (size_t i = 0; i < params.size(); ++i) {
-    mit_control_one(static_cast<int>(i), params[i]);
+    CanPacketEncoder::require_finite(params[i], "mit_control_all", static_cast<int>(i));
+  }
+  for (size_t i = 0; i < params.size(); ++i) {
+    send_command_to_device(devices[i], CanPacketEncoder::create_mit_control_command(
+                                           devices[i]->get_motor(), params[i]));
   }
 }
 
 void DMDeviceCollection::pos_vel_control_one(int index, const POS_VELParam& param) {
-  auto device = get_dm_devices()[index];
+  auto device = device_at(index, "pos_vel_control_one");
+  CanPacketEncoder::require_finite(param, "pos_vel_control_one", index);
   send_command_to_device(
       device, CanPacketEncoder::create_pos_vel_control_command(device->get_motor(), param));
 }
 
 void DMDeviceCollection::pos_vel_control_all(const std::vector<POS_VELParam>& params) {
+  const auto devices = get_dm_devices();
+  require_at_most("pos_vel_control_all", params.size(), "command", devices.size());
   for (size_t i = 0; i < params.size(); ++i) {
-    pos_vel_control_one(static_cast<int>(i), params[i]);
+    CanPacketEncoder::require_finite(params[i], "pos_vel_control_all", static_cast<int>(i));
+  }
+  for (size_t i = 0; i < params.size(); ++i) {
+    send_command_to_device(devices[i], CanPacketEncoder::create_pos_vel_control_command(
+                                           devices[i]->get_motor(), params[i]));
   }
 }
 

@@ -15,6 +15,17 @@
 namespace kestrel::damiao_motor {
 
 // Device i and value i always mean the i-th device in ascending receive identifier.
+// Refusals are std::invalid_argument, thrown before any frame of the call is sent:
+//   an index outside 0..count-1
+//     "mit_control_one: motor index 6 is out of range for a group of 6 motors";
+//   a vector with more entries than the group has motors
+//     "mit_control_all: 7 commands for a group of 6 motors",
+//     "set_acc_all: 8 values for a group of 6 motors";
+//   a NaN or infinite command field or float register value
+//     "mit_control_all: motor 2 q must be finite, got nan",
+//     "set_acc_one: motor 0 register 4 value must be finite, got inf".
+// A vector with fewer entries than motors pairs entry i with motor i and sends nothing to the
+// motors past its end.
 class DMDeviceCollection {
  public:
   explicit DMDeviceCollection(canbus::CANSocket& socket);
@@ -46,18 +57,15 @@ class DMDeviceCollection {
   void set_acc_one(int index, float value);
   void set_dec_one(int index, float value);
   void set_kp_apr_one(int index, float value);
-  // Pairs value i with device i for i below the smaller count; surplus entries are left alone.
   void write_param_all(int rid, const std::vector<float>& values);
   void write_param_all(int rid, const std::vector<unsigned int>& values);
   void set_acc_all(const std::vector<float>& values);
   void set_dec_all(const std::vector<float>& values);
   void set_kp_apr_all(const std::vector<float>& values);
-  // Writes seven copies of t, so it reaches at most seven motors of a group.
+  // Writes t into every motor of the group up to the seventh; an eighth motor gets none.
   void set_timeout_all(unsigned int t);
   void switch_all_motors_mode(int mode);
 
-  // Indexes are not range-checked: they must lie in 0..count-1, and the vectors of the
-  // *_control_all members must not be longer than the group.
   void mit_control_one(int index, const MITParam& param);
   void mit_control_all(const std::vector<MITParam>& params);
   void pos_vel_control_one(int index, const POS_VELParam& param);
@@ -71,6 +79,11 @@ class DMDeviceCollection {
  private:
   template <typename MakePacket>
   void send_to_all(MakePacket make_packet);
+  std::shared_ptr<DMCANDevice> device_at(int index, const char* operation) const;
+  template <typename Value>
+  void write_one(const char* operation, int index, int rid, Value value);
+  template <typename Value>
+  void write_all(const char* operation, int rid, const std::vector<Value>& values);
 
   canbus::CANSocket& socket;
   std::unique_ptr<CanPacketEncoder> encoder;
