@@ -12,11 +12,14 @@
 
 #include "kestrel_sim/simulated_motor_bus.hpp"
 #include "simbus/simbus_testing.hpp"
+#include "support/refusal.hpp"
 #include "support/simbus_can.hpp"
 #include "support/stderr_capture.hpp"
 
 namespace kestrel::can::socket {
 namespace {
+
+using kestrel::testing::refusal_of;
 
 namespace dm = damiao_motor;
 using namespace std::chrono_literals;
@@ -28,17 +31,6 @@ const std::vector<T> kArmTypes = {T::DM_V8_T28,  T::DM_V8_T28,  T::DM_V8_T28,
                                   T::DM_V30_T10, T::DM_V30_T10, T::DM_V30_T10};
 const std::vector<unsigned> kArmIds = {1, 2, 3, 4, 5, 6};
 const std::vector<unsigned> kArmFeedbackIds = {0x11, 0x12, 0x13, 0x14, 0x15, 0x16};
-
-// The message of the `Error` that `call` throws, or "no exception".
-template <typename Error = std::invalid_argument>
-std::string refusal_of(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const Error& e) {
-    return e.what();
-  }
-  return "no exception";
-}
 
 // Received frames of the simulator's log as (identifier, first byte / command) in order.
 std::vector<uint32_t> received_ids(const sim::SimulatedMotorBus& motors) {

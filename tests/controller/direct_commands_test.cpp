@@ -9,6 +9,7 @@
 
 #include "controller/controller_fixture.hpp"
 #include "kestrel/arm/gripper_component.hpp"
+#include "support/refusal.hpp"
 #include "support/stderr_capture.hpp"
 
 namespace {
@@ -18,6 +19,7 @@ using Access = ArmControllerTestAccess;
 using kestrel::testing::capture_stderr;
 using kestrel::testing::capture_stdout;
 using kestrel::testing::eventually;
+using kestrel::testing::refusal_of;
 using kestrel::testing::SimulatedArm;
 using ::testing::HasSubstr;
 
@@ -30,16 +32,6 @@ std::vector<kestrel::sim::dm::MitCommand> mit_frames(SimulatedArm& sim, int m) {
     }
   }
   return out;
-}
-
-template <typename Call>
-std::string invalid_argument_of(Call&& call) {
-  try {
-    call();
-  } catch (const std::invalid_argument& e) {
-    return e.what();
-  }
-  return "no error";
 }
 
 class DirectCommands : public ::testing::Test {
@@ -59,33 +51,27 @@ class DirectCommands : public ::testing::Test {
 
 TEST_F(DirectCommands, ArgumentErrorsComeFirstAndChangeNothing) {
   const double nan = std::numeric_limits<double>::quiet_NaN();
-  EXPECT_EQ(invalid_argument_of([&] {
-              arm->set_joint({0, 0, 0, 0, 0}, 1.0);
-            }),
-            "q_end size mismatch");
-  EXPECT_EQ(invalid_argument_of([&] {
-              arm->set_joint({0, 0, 0, 0, 0, 0}, 0.0);
-            }),
-            "tf must be positive");
-  EXPECT_EQ(invalid_argument_of([&] {
+  EXPECT_EQ(refusal_of([&] { arm->set_joint({0, 0, 0, 0, 0}, 1.0); }), "q_end size mismatch");
+  EXPECT_EQ(refusal_of([&] { arm->set_joint({0, 0, 0, 0, 0, 0}, 0.0); }), "tf must be positive");
+  EXPECT_EQ(refusal_of([&] {
               arm->set_joint_raw({0, 0, 0, 0, 0}, {0, 0, 0, 0, 0, 0});
             }),
             "q_end length does not match num_joints");
-  EXPECT_EQ(invalid_argument_of([&] {
+  EXPECT_EQ(refusal_of([&] {
               arm->set_joint_raw({0, 0, 0, 0, 0, 0}, {0, 0});
             }),
             "v_end length does not match num_joints");
-  EXPECT_EQ(invalid_argument_of([&] {
+  EXPECT_EQ(refusal_of([&] {
               arm->set_end_effector_pose({0.3, 0}, {0, 0, 0}, 1.0);
             }),
             "target_pos must have exactly 3 elements.");
-  EXPECT_EQ(invalid_argument_of([&] {
+  EXPECT_EQ(refusal_of([&] {
               arm->set_end_effector_pose({0.3, 0, 0.3}, {0}, 1.0);
             }),
             "target_euler must have exactly 3 elements.");
   // 0.5 rad in 1 ms would peak at 1094 rad/s: a position step at full gain.
   EXPECT_THAT(
-      invalid_argument_of([&] {
+      refusal_of([&] {
         auto q = arm->get_joint();
         q[0] += 0.5;
         arm->set_joint(q, 0.001);

@@ -12,10 +12,13 @@
 #include <string>
 
 #include "simbus/simbus_testing.hpp"
+#include "support/refusal.hpp"
 #include "support/simbus_can.hpp"
 
 namespace kestrel::damiao_motor {
 namespace {
+
+using kestrel::testing::refusal_of;
 
 using Bytes = std::vector<uint8_t>;
 using simbus::rawcan::open_can;
@@ -40,16 +43,6 @@ std::ostream& operator<<(std::ostream& os, const WireFrame& f) {
 
 WireFrame frame(uint32_t id, Bytes data) {
   return {id, std::move(data), 0, 0};
-}
-
-// The message of the std::invalid_argument `call` throws, or "no exception".
-std::string refusal_of(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const std::invalid_argument& e) {
-    return e.what();
-  }
-  return "no exception";
 }
 
 // A motor group on its own socket plus a listening socket, both on a private bus.

@@ -11,12 +11,15 @@
 #include <stdexcept>
 #include <string>
 
+#include "support/refusal.hpp"
 #include "support/stderr_capture.hpp"
 
 namespace dm = kestrel::damiao_motor;
 using Bytes = std::vector<uint8_t>;
 
 namespace {
+
+using kestrel::testing::refusal_of;
 
 dm::Motor motor(dm::MotorType type, unsigned send_id, unsigned recv_id) {
   return dm::Motor(type, send_id, recv_id);
@@ -26,16 +29,6 @@ const double kNaN = std::numeric_limits<double>::quiet_NaN();
 const double kInf = std::numeric_limits<double>::infinity();
 const float kNaNf = std::numeric_limits<float>::quiet_NaN();
 const float kInff = std::numeric_limits<float>::infinity();
-
-// The message of the std::invalid_argument `call` throws, or "no exception".
-std::string refusal_of(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const std::invalid_argument& e) {
-    return e.what();
-  }
-  return "no exception";
-}
 
 }  // namespace
 

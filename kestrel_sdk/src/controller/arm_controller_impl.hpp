@@ -21,6 +21,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "kestrel/algorithms/kinematics.hpp"
@@ -189,6 +190,14 @@ class ArmController::Impl {
   // commanded (no command yet, gravity mode).
   bool commanded_state_at_locked(int64_t when_ns, const JointArray& measured,
                                  MotionState& out) const;
+  // The state a splice at `when_ns` starts from (the running command's, or the measured joints
+  // at rest when nothing is commanded), read together with the slot's revision.
+  std::pair<MotionState, uint64_t> splice_start(int64_t when_ns, const JointArray& measured);
+  // Stages a timeline to take over at `switch_time_ns`, unless the slot has changed since
+  // `revision` or the control thread has already passed that time; a stop also ends the running
+  // waypoint command's wait ("motion stopped").
+  bool stage_splice(Timeline samples, std::shared_ptr<const std::vector<double>> gripper_timeline,
+                    int64_t switch_time_ns, double sample_period, uint64_t revision, bool stopping);
   void record_last_samples(const std::vector<Sample>& samples);
   // The slot's gripper timeline is being dropped at `when_ns` (command_mutex held): the gripper
   // keeps the opening the timeline commands then, not an older direct target.

@@ -328,35 +328,14 @@ double ArmController::Impl::publish_joint_waypoint_chunk_update_command(
                         2 * chunk_planning_estimate_ns.load() + period_ns);
   for (int attempt = 1;; ++attempt) {
     const int64_t attempt_began = now_ns();
-    MotionState start;
-    uint64_t revision;
-    {
-      std::lock_guard<std::mutex> lock(command_mutex);
-      revision = command.revision;
-      if (!commanded_state_at_locked(switch_time, measured, start)) {
-        start = MotionState{};
-        start.position = measured;
-      }
-    }
+    const auto [start, revision] = splice_start(switch_time, measured);
     PreparedMotion motion =
         prepare_waypoint_motion(waypoints, time_sec, speed_percent, control_hz, gripper_positions,
                                 start, "[update_joint_waypoint_chunk] ");
     const int64_t planned = now_ns();
     chunk_planning_estimate_ns.store(planned - attempt_began);
-    bool published = false;
-    {
-      std::lock_guard<std::mutex> lock(command_mutex);
-      if (command.revision == revision && last_cycle_ns < switch_time) {
-        command.next_waypoint_samples = motion.samples;
-        command.next_gripper_timeline = motion.gripper_timeline;
-        command.next_switch_time_ns = switch_time;
-        command.next_sample_period = 1.0 / control_hz;
-        command.next_command_id = command.command_counter++;
-        ++command.revision;
-        published = true;
-      }
-    }
-    if (published) {
+    if (stage_splice(motion.samples, motion.gripper_timeline, switch_time, 1.0 / control_hz,
+                     revision, false)) {
       if (ka::motion_planning_debug_enabled()) {
         std::cerr << "[update_joint_waypoint_chunk] planning_time_s="
                   << std::chrono::duration<double>(Clock::now() - began).count()
@@ -376,6 +355,40 @@ double ArmController::Impl::publish_joint_waypoint_chunk_update_command(
     // Too late for its switch, or the motion changed under it: plan again for a later switch.
     switch_time = std::max(switch_time, now_ns() + 2 * (planned - attempt_began) + period_ns);
   }
+}
+
+std::pair<ArmController::Impl::MotionState, uint64_t> ArmController::Impl::splice_start(
+    int64_t when_ns, const JointArray& measured) {
+  std::lock_guard<std::mutex> lock(command_mutex);
+  MotionState state;
+  if (!commanded_state_at_locked(when_ns, measured, state)) {
+    state = MotionState{};
+    state.position = measured;
+  }
+  return {state, command.revision};
+}
+
+bool ArmController::Impl::stage_splice(Timeline samples,
+                                       std::shared_ptr<const std::vector<double>> gripper_timeline,
+                                       int64_t switch_time_ns, double sample_period,
+                                       uint64_t revision, bool stopping) {
+  std::lock_guard<std::mutex> lock(command_mutex);
+  if (command.revision != revision || last_cycle_ns >= switch_time_ns) {
+    return false;  // the motion it starts from has moved on
+  }
+  if (stopping) {
+    stop_generation.fetch_add(1);
+    if (command.kind == kJointWaypoints) {
+      command.stopped_command_id = command.command_id;
+    }
+  }
+  command.next_waypoint_samples = std::move(samples);
+  command.next_gripper_timeline = std::move(gripper_timeline);
+  command.next_switch_time_ns = switch_time_ns;
+  command.next_sample_period = sample_period;
+  command.next_command_id = command.command_counter++;
+  ++command.revision;
+  return true;
 }
 
 void ArmController::Impl::wait_for_waypoint_motion(int64_t command_id) {
@@ -414,16 +427,7 @@ void ArmController::Impl::stop_motion() {
   const kc::JointSplice splice({max_vel, max_acc, max_jerk}, command_sample_period);
   for (int attempt = 1; attempt <= kSpliceAttempts; ++attempt) {
     const int64_t switch_time = now_ns() + kStopLeadNs;
-    MotionState state;
-    uint64_t revision;
-    {
-      std::lock_guard<std::mutex> lock(command_mutex);
-      revision = command.revision;
-      if (!commanded_state_at_locked(switch_time, measured, state)) {
-        state = MotionState{};
-        state.position = measured;
-      }
-    }
+    const auto [state, revision] = splice_start(switch_time, measured);
     const kc::SpliceTransition brake = splice.plan(state, JointArray{});
     auto samples = std::make_shared<std::vector<Sample>>();
     samples->reserve(static_cast<size_t>(brake.steps) + 2);
@@ -431,24 +435,11 @@ void ArmController::Impl::stop_motion() {
       const MotionState s = brake.at(static_cast<double>(i) * command_sample_period);
       samples->push_back({s.position, s.velocity, s.acceleration});
     }
-    {
-      std::lock_guard<std::mutex> lock(command_mutex);
-      if (command.revision != revision || last_cycle_ns >= switch_time) {
-        continue;
-      }
-      stop_generation.fetch_add(1);
-      if (command.kind == kJointWaypoints) {
-        command.stopped_command_id = command.command_id;
-      }
-      command.next_waypoint_samples = std::move(samples);
-      command.next_gripper_timeline.reset();
-      command.next_switch_time_ns = switch_time;
-      command.next_sample_period = command_sample_period;
-      command.next_command_id = command.command_counter++;
-      ++command.revision;
+    if (stage_splice(std::move(samples), nullptr, switch_time, command_sample_period, revision,
+                     true)) {
+      notify_motion_state_changed();
+      return;
     }
-    notify_motion_state_changed();
-    return;
   }
   // The motion kept changing under the brake: hold where the arm is.
   {
