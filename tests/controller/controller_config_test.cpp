@@ -41,7 +41,7 @@ KESTREL_CONFIG_SCENARIO(controller_sections) {
     std::cout << "speed " << trajectory.default_speed_percent << '\n';
     std::cout << "trajectory " << trajectory.max_motion_duration_sec << ' '
               << trajectory.set_joint_speed_factor << ' ' << trajectory.continuous_waypoint_velocity
-              << '\n';
+              << ' ' << trajectory.smooth_takeover << '\n';
   } catch (const std::exception& e) {
     std::cout << "exception: " << e.what() << '\n';
     return 3;
@@ -203,11 +203,12 @@ TEST_F(ControllerConfig, JointTrajectoryScalars) {
     std::string keys;
     std::string printed;
   } accepted[] = {
-      {"defaults when absent", "", "speed 0.1\ntrajectory 600 1.25 0\n"},
+      {"defaults when absent", "", "speed 0.1\ntrajectory 600 1.25 0 0\n"},
       {"edges of the ranges",
        "  default_speed_percent: 1.0\n  max_motion_duration_sec: 0.5\n"
-       "  set_joint_speed_factor: 0\n  continuous_waypoint_velocity: true\n",
-       "speed 1\ntrajectory 0.5 0 1\n"},
+       "  set_joint_speed_factor: 0\n  continuous_waypoint_velocity: true\n"
+       "  smooth_takeover: true\n",
+       "speed 1\ntrajectory 0.5 0 1 1\n"},
   };
   for (const auto& row : accepted) {
     const auto r = run_with("joint_trajectory", head + row.keys);

@@ -202,7 +202,7 @@ class ArmControllerTestAccess {
   static bool staged(ArmController& arm) {
     auto& i = impl(arm);
     std::lock_guard<std::mutex> lock(i.command_mutex);
-    return i.command.next_waypoint_samples != nullptr;
+    return !i.staged.empty();
   }
 
   static int command_kind(ArmController& arm) {

@@ -265,6 +265,81 @@ TEST_F(MotionTest, ChunkUpdatesSpliceIntoTheRunningMotionWithoutAJump) {
   EXPECT_FALSE(arm->emergency_stopped());
 }
 
+// A chunk sent while an earlier one waits for its switch keeps it: the earlier one plays from
+// its switch until the later one takes over from it.
+TEST_F(MotionTest, ChunksStagedOneAfterAnotherPlayInTurn) {
+  auto& impl = Access::impl(*arm);
+  std::vector<double> far = kHome, turn = kHome, back = kHome;
+  far[0] = 1.2;
+  turn[0] = 0.9;
+  back[0] = 0.1;
+  auto running = std::async(std::launch::async, [&] {
+    try {
+      arm->move_joint_waypoints({far}, 0.0, 0.5);
+    } catch (const std::runtime_error&) {
+    }
+  });
+  ASSERT_TRUE(eventually([&] { return arm->get_joint_velocities()[0] > 0.3; }, 3s));
+  sim.motors().clear_frame_log();
+  arm->update_joint_waypoint_chunk({turn}, 0.0, 0.3, 0.15);
+  std::this_thread::sleep_for(50ms);
+  const double duration = arm->update_joint_waypoint_chunk({back}, 0.0, 0.4, 0.3);
+  running.get();
+  std::this_thread::sleep_for(std::chrono::duration<double>(std::min(duration, 3.0)));
+  const auto steps = sim.largest_target_steps(impl.max_vel, impl.max_acc);
+  EXPECT_LE(steps.position, 1.0) << "joint " << steps.position_joint;
+  EXPECT_LE(steps.velocity, 1.0) << "joint " << steps.velocity_joint;
+  EXPECT_TRUE(eventually([&] { return distance_to(back) < 0.01; }, 5s)) << distance_to(back);
+}
+
+// With smooth_takeover, a motion that arrives while another runs starts from the running
+// command's state: no jump, whatever kind of motion takes over.
+TEST_F(MotionTest, TakeoversSpliceWhenConfigured) {
+  auto& impl = Access::impl(*arm);
+  impl.trajectory_config.smooth_takeover = true;
+  std::vector<double> far = kHome;
+  far[0] = 1.2;
+  const auto p = impl.kinematics->forwardKinematics_kdl(kWork);
+  const Eigen::Vector3d rpy = impl.kinematics->rotation_matrix_to_euler(
+      Eigen::Quaterniond(p[6], p[3], p[4], p[5]).toRotationMatrix());
+  struct Row {
+    const char* name;
+    std::function<void()> takeover;
+    std::vector<double> arrives;  // where the arm ends up
+  };
+  const Row rows[] = {
+      {"a waypoint motion", [&] { arm->move_joint_waypoints({kWork}, 0.0, 0.5); }, kWork},
+      {"a set_joint move", [&] { arm->set_joint(kWork, 2.0); }, kWork},
+      {"a linear motion",
+       [&] {
+         arm->move_l({{p[0], p[1], p[2], rpy.x(), rpy.y(), rpy.z()}}, 0.0, 0.5);
+       },
+       {}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    arm->move_joint_waypoints({kHome}, 0.0, 0.5);
+    auto running = std::async(std::launch::async, [&] {
+      try {
+        arm->move_joint_waypoints({far}, 0.0, 0.5);
+      } catch (const std::runtime_error&) {
+      }
+    });
+    ASSERT_TRUE(eventually([&] { return arm->get_joint_velocities()[0] > 0.4; }, 3s));
+    sim.motors().clear_frame_log();
+    row.takeover();
+    running.get();  // replaced: its wait ends normally at the switch
+    std::this_thread::sleep_for(2500ms);
+    const auto steps = sim.largest_target_steps(impl.max_vel, impl.max_acc);
+    EXPECT_LE(steps.position, 1.0) << "joint " << steps.position_joint;
+    EXPECT_LE(steps.velocity, 1.0) << "joint " << steps.velocity_joint;
+    if (!row.arrives.empty()) {
+      EXPECT_TRUE(eventually([&] { return distance_to(row.arrives) < 0.01; }, 3s));
+    }
+  }
+  EXPECT_FALSE(arm->emergency_stopped());
+}
+
 TEST_F(MotionTest, MotionProgramJoinsAndSplitsAsItsRulesSay) {
   std::vector<double> a = kHome, b = kHome;
   a[0] = 0.15;

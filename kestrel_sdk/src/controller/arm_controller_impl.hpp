@@ -16,6 +16,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -76,13 +77,6 @@ class ArmController::Impl {
     Timeline waypoint_samples;
     int64_t command_counter = 0;
     int64_t command_id = 0;
-    // A chunk update waiting for its switch time: it replaces waypoint_samples then, and its
-    // id becomes the command id (so a waiter on the replaced motion returns at the switch).
-    Timeline next_waypoint_samples;
-    std::shared_ptr<const std::vector<double>> next_gripper_timeline;
-    int64_t next_switch_time_ns = 0;
-    double next_sample_period = 0.0025;
-    int64_t next_command_id = 0;
     // The waypoint command that stop() ended: its waiter throws "motion stopped".
     int64_t stopped_command_id = -1;
     // Grows with every change of the motion the slot describes (a new command, a start
@@ -126,6 +120,10 @@ class ArmController::Impl {
   // Refuses (std::invalid_argument) a set_joint whose profile would peak above
   // joint_trajectory.set_joint_speed_factor times the velocity limits.
   void check_joint_move_speed(const JointArray& target, double time);
+  // With smooth_takeover, a set_joint move that arrives while a motion runs: braked to rest from
+  // the running command's state, then the 7th-order move, as one staged timeline. False (nothing
+  // done) when nothing is moving.
+  bool splice_joint_move(const JointArray& target, double time);
   // The start of every writer that replaces the motion (command_mutex held): drops the running
   // and staged timelines, freezes the gripper timeline, sets the kind.
   void replace_motion_locked(CommandKind kind);
@@ -196,8 +194,28 @@ class ArmController::Impl {
   // Stages a timeline to take over at `switch_time_ns`, unless the slot has changed since
   // `revision` or the control thread has already passed that time; a stop also ends the running
   // waypoint command's wait ("motion stopped").
-  bool stage_splice(Timeline samples, std::shared_ptr<const std::vector<double>> gripper_timeline,
-                    int64_t switch_time_ns, double sample_period, uint64_t revision, bool stopping);
+  // Plans a motion with `plan` from the running command's state at a switch `switch_delay_sec`
+  // from now (or as soon as planning allows, judged by `planning_estimate_ns`), and stages it;
+  // plans again while the motion moves on under it, and throws std::runtime_error
+  // `changing_message` after a few attempts.
+  struct StagedMotion {
+    int64_t id = -1;
+    PreparedMotion motion;
+    double switch_delay_sec = 0.0;
+  };
+  StagedMotion stage_spliced_motion(const std::function<PreparedMotion(const MotionState&)>& plan,
+                                    double switch_delay_sec, double control_hz,
+                                    const JointArray& measured,
+                                    std::atomic<int64_t>& planning_estimate_ns,
+                                    const char* changing_message);
+  // Returns the staged command id, or -1 when it was too late.
+  int64_t stage_splice(Timeline samples,
+                       std::shared_ptr<const std::vector<double>> gripper_timeline,
+                       int64_t switch_time_ns, double sample_period, uint64_t revision,
+                       bool stopping);
+  // Whether the waypoint command `command_id` is staged, or running in the slot (command_mutex
+  // held).
+  bool waypoint_command_pending_locked(int64_t command_id) const;
   void record_last_samples(const std::vector<Sample>& samples);
   // The slot's gripper timeline is being dropped at `when_ns` (command_mutex held): the gripper
   // keeps the opening the timeline commands then, not an older direct target.
@@ -289,13 +307,29 @@ class ArmController::Impl {
   std::mutex command_mutex;
   std::condition_variable motion_cv;
   CommandState command;
+  // Timelines waiting for their switch times (chunk updates, a stop, a spliced motion), in order
+  // of those times: each replaces the slot's motion then, and its id becomes the command id (so
+  // a waiter on the replaced motion returns at the switch). Kept beside the slot, not in it: the
+  // control thread copies the slot every cycle, and this list must not be copied.
+  struct StagedTimeline {
+    Timeline samples;
+    std::shared_ptr<const std::vector<double>> gripper_timeline;
+    int64_t switch_time_ns = 0;
+    double sample_period = 0.0025;
+    int64_t command_id = 0;
+  };
+  static constexpr size_t kMaxStagedTimelines = 32;
+  std::vector<StagedTimeline> staged;  // capacity reserved at construction
   int64_t gripper_command_time_ns = 0;
   bool gripper_command_seen = false;
   // Start time of the latest cycle that took the command (under command_mutex): a splice is
   // published only while the loop has not yet reached its switch time.
   int64_t last_cycle_ns = 0;
-  // How long the latest chunk took to plan: the earliest switch a new chunk can make.
+  // How long the latest chunk (joint motion, linear motion) took to plan: the earliest switch
+  // the next one can make.
   std::atomic<int64_t> chunk_planning_estimate_ns{0};
+  std::atomic<int64_t> motion_planning_estimate_ns{0};
+  std::atomic<int64_t> line_planning_estimate_ns{0};
 
   // ---- Published state (written by the control thread) ----
   std::mutex state_mutex;

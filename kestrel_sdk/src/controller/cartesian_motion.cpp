@@ -26,6 +26,7 @@
 #include "kestrel/controller/arm_controller_impl.hpp"
 
 namespace ka = kestrel::algorithms;
+namespace kc = kestrel::controller;
 
 namespace {
 
@@ -636,51 +637,90 @@ double ArmController::Impl::publish_cartesian_waypoint_trajectory_command(
 
   const auto began = Clock::now();
   std::vector<double> gripper_targets;
-  std::vector<double> gripper_timeline;
   if (gripper_positions != nullptr) {
     gripper_targets.push_back(current_gripper_opening());
     for (double g : *gripper_positions) {
       gripper_targets.push_back(clamp(g, 0.0, 1.0) * gripper_stroke);
     }
   }
-  auto plan = [&](double s) {
-    return plan_cartesian_line_trajectory(current, poses, time_sec, s, blend_radius_m, control_hz,
-                                          position_tolerance_m, orientation_tolerance_rad, prefix,
-                                          gripper_positions ? &gripper_timeline : nullptr,
-                                          gripper_positions ? &gripper_targets : nullptr);
-  };
-  auto samples = plan(time_sec > 0.0 ? 1.0 : speed);
-  const auto verdict = evaluate_waypoint_trajectory_safety(samples);
-  if (verdict.level == ka::SafetyLevel::stop) {
-    throw std::runtime_error(p + ka::format_safety_result(verdict));
-  }
-  if (verdict.level == ka::SafetyLevel::warning) {
-    std::cerr << prefix << "safety warning: " << ka::format_safety_result(verdict)
-              << ", samples=" << samples.size() << std::endl;
-    if (time_sec <= 0.0 && verdict.speed_scale > 0.0 && verdict.speed_scale < 1.0) {
-      samples = plan(speed * verdict.speed_scale);  // the same path, slower: a new plan,
-      const auto slower = evaluate_waypoint_trajectory_safety(samples);  // checked again
-      if (slower.level == ka::SafetyLevel::stop) {
-        throw std::runtime_error(p + ka::format_safety_result(slower));
+  // The line, checked, from a start: at rest, or (a running motion taken over smoothly) braking
+  // to rest first, within the limits, and the line from where the brake ends.
+  auto prepare = [&](const MotionState& start) {
+    std::vector<Sample> brake;
+    JointArray from = start.position;
+    if (kc::in_motion(start)) {
+      const kc::SpliceTransition t =
+          kc::JointSplice({max_vel, max_acc, max_jerk}, 1.0 / control_hz).plan(start, {});
+      for (long i = 0; i < t.steps; ++i) {
+        const MotionState s = t.at(static_cast<double>(i) / control_hz);
+        brake.push_back({s.position, s.velocity, s.acceleration});
+      }
+      from = t.end().position;
+    }
+    std::vector<double> gripper_timeline;
+    auto plan = [&](double s) {
+      auto line = plan_cartesian_line_trajectory(
+          from, poses, time_sec, s, blend_radius_m, control_hz, position_tolerance_m,
+          orientation_tolerance_rad, prefix, gripper_positions ? &gripper_timeline : nullptr,
+          gripper_positions ? &gripper_targets : nullptr);
+      line.insert(line.begin(), brake.begin(), brake.end());
+      if (gripper_positions != nullptr) {
+        gripper_timeline.insert(gripper_timeline.begin(), brake.size(), gripper_targets.front());
+      }
+      return line;
+    };
+    auto samples = plan(time_sec > 0.0 ? 1.0 : speed);
+    const auto verdict = evaluate_waypoint_trajectory_safety(samples);
+    if (verdict.level == ka::SafetyLevel::stop) {
+      throw std::runtime_error(p + ka::format_safety_result(verdict));
+    }
+    if (verdict.level == ka::SafetyLevel::warning) {
+      std::cerr << prefix << "safety warning: " << ka::format_safety_result(verdict)
+                << ", samples=" << samples.size() << std::endl;
+      if (time_sec <= 0.0 && verdict.speed_scale > 0.0 && verdict.speed_scale < 1.0) {
+        samples = plan(speed * verdict.speed_scale);  // the same path, slower: a new plan,
+        const auto slower = evaluate_waypoint_trajectory_safety(samples);  // checked again
+        if (slower.level == ka::SafetyLevel::stop) {
+          throw std::runtime_error(p + ka::format_safety_result(slower));
+        }
       }
     }
+    PreparedMotion motion;
+    motion.duration = static_cast<double>(samples.size() - 1) / control_hz;
+    motion.samples = std::make_shared<const std::vector<Sample>>(std::move(samples));
+    if (gripper_positions != nullptr) {
+      motion.gripper_timeline =
+          std::make_shared<const std::vector<double>>(std::move(gripper_timeline));
+    }
+    return motion;
+  };
+  int64_t id = -1;
+  PreparedMotion motion;
+  if (trajectory_config.smooth_takeover) {
+    StagedMotion staged_motion =
+        stage_spliced_motion(prepare, 0.0, control_hz, current, line_planning_estimate_ns,
+                             (p + "the running motion kept changing while the motion was planned; "
+                                  "nothing was changed")
+                                 .c_str());
+    id = staged_motion.id;
+    motion = std::move(staged_motion.motion);
+  } else {
+    MotionState at_rest;
+    at_rest.position = current;
+    motion = prepare(at_rest);
   }
   if (ka::motion_planning_debug_enabled()) {
     std::cerr << prefix
               << "planning_time_s=" << std::chrono::duration<double>(Clock::now() - began).count()
-              << ", samples=" << samples.size()
+              << ", samples=" << motion.samples->size()
               << ", gripper_timeline=" << (gripper_positions ? "true" : "false") << std::endl;
   }
-  const double duration = static_cast<double>(samples.size() - 1) / control_hz;
-  record_last_samples(samples);
-  auto timeline = std::make_shared<const std::vector<Sample>>(std::move(samples));
-  std::shared_ptr<const std::vector<double>> gripper_shared;
-  if (gripper_positions != nullptr) {
-    gripper_shared = std::make_shared<const std::vector<double>>(std::move(gripper_timeline));
+  record_last_samples(*motion.samples);
+  if (id < 0) {
+    id = write_waypoint_command(motion.samples, motion.gripper_timeline, 1.0 / control_hz);
   }
-  const int64_t id = write_waypoint_command(timeline, gripper_shared, 1.0 / control_hz);
   wait_for_waypoint_motion(id);
-  return duration;
+  return motion.duration;
 }
 
 // ---- Public operations ------------------------------------------------------------------------

@@ -232,11 +232,18 @@ void ArmController::Impl::take_command(LoopState& loop, int64_t now) {
   {
     std::lock_guard<std::mutex> lock(command_mutex);
     last_cycle_ns = now;
-    // A staged timeline (chunk update, stop) takes over at its switch time, starting there.
-    if (command.next_waypoint_samples && now >= command.next_switch_time_ns) {
-      const int64_t at = command.next_switch_time_ns;
-      if (command.next_gripper_timeline) {
-        command.gripper_timeline = std::move(command.next_gripper_timeline);
+    // The latest staged timeline whose switch time has come takes over, starting there; any
+    // before it are over unplayed.
+    auto due = staged.end();
+    for (auto it = staged.begin(); it != staged.end() && now >= it->switch_time_ns; ++it) {
+      due = it;
+    }
+    if (due != staged.end()) {
+      StagedTimeline next = std::move(*due);
+      staged.erase(staged.begin(), due + 1);
+      const int64_t at = next.switch_time_ns;
+      if (next.gripper_timeline) {
+        command.gripper_timeline = std::move(next.gripper_timeline);
         command.gripper_kp = gripper_default_kp;
         command.gripper_kd = gripper_default_kd;
         command.gripper_command_pending = {1, 1};
@@ -247,16 +254,14 @@ void ArmController::Impl::take_command(LoopState& loop, int64_t now) {
       }
       command.kind = kJointWaypoints;
       command.started = false;
-      command.waypoint_samples = std::move(command.next_waypoint_samples);
-      command.sample_period = command.next_sample_period;
+      command.waypoint_samples = std::move(next.samples);
+      command.sample_period = next.sample_period;
       command.waypoint_started = true;
       command.waypoint_start_time_ns = at;
-      command.command_id = command.next_command_id;
+      command.command_id = next.command_id;
       const auto& last = command.waypoint_samples->back();
       command.target = last.position;
       command.target_velocity.fill(0.0);
-      command.next_waypoint_samples.reset();
-      command.next_gripper_timeline.reset();
       ++command.revision;
       switched = true;
     }
@@ -661,8 +666,7 @@ void ArmController::Impl::end_waypoint_playback(LoopState& loop, const JointArra
     command.waypoint_started = false;
     command.waypoint_samples.reset();
     if (drop_staged) {
-      command.next_waypoint_samples.reset();
-      command.next_gripper_timeline.reset();
+      staged.clear();
     }
     ++command.revision;
   }
@@ -752,8 +756,7 @@ void ArmController::Impl::carry_out_emergency_stop() {
   {
     // Nothing staged may start: the arm is being switched off.
     std::lock_guard<std::mutex> lock(command_mutex);
-    command.next_waypoint_samples.reset();
-    command.next_gripper_timeline.reset();
+    staged.clear();
     ++command.revision;
   }
   try {

@@ -206,6 +206,7 @@ JointTrajectoryConfig load_joint_trajectory_config() {
             read_yaml_double_or(s, "set_joint_speed_factor", c.set_joint_speed_factor);
         c.continuous_waypoint_velocity =
             read_bool_or(s, "continuous_waypoint_velocity", c.continuous_waypoint_velocity);
+        c.smooth_takeover = read_bool_or(s, "smooth_takeover", c.smooth_takeover);
         const std::string invalid = "Invalid joint trajectory config at " + path + ": ";
         if (!(c.default_speed_percent > 0.0 && c.default_speed_percent <= 1.0)) {
           throw std::runtime_error(invalid + "default_speed_percent must be in (0, 1]");

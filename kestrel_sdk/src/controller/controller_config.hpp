@@ -53,6 +53,11 @@ struct JointTrajectoryConfig {
   // default (the real velocity steps where neighbouring segments differ in duration); true: the
   // same tangents made continuous in real time ("continuous_waypoint_velocity").
   bool continuous_waypoint_velocity = false;
+  // false: a set_joint move, waypoint or Cartesian motion that arrives while another motion runs
+  // starts from the measured joints at rest, as it does from standstill (the commanded velocity
+  // steps to zero); true: it starts from the running command's position, velocity and
+  // acceleration through the online splice, like a chunk update ("smooth_takeover").
+  bool smooth_takeover = false;
 };
 
 struct RuntimeJointSafetyConfig {

@@ -127,6 +127,7 @@ ArmController::Impl::Impl(const std::string& can_interface, bool use_canfd, ArmC
     joint_upper[j] = upper[j];
     joint_has_limits[j] = has_limits[j];
   }
+  staged.reserve(kMaxStagedTimelines);  // the control thread only ever removes from it
   max_vel = trajectory_config.max_vel_limits;
   max_acc = trajectory_config.max_acc_limits;
   max_jerk = trajectory_config.max_jerk_limits;

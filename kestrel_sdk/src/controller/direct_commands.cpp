@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "kestrel/controller/arm_controller_impl.hpp"
+#include "kestrel/controller/septic_profile.hpp"
 
 namespace {
 
@@ -48,8 +49,7 @@ void ArmController::Impl::replace_motion_locked(CommandKind kind) {
   command.started = false;
   command.waypoint_started = false;
   command.waypoint_samples.reset();
-  command.next_waypoint_samples.reset();
-  command.next_gripper_timeline.reset();
+  staged.clear();
   ++command.revision;
 }
 
@@ -86,7 +86,9 @@ void ArmController::Impl::write_gripper_command(double distance, double kp, doub
   std::lock_guard<std::mutex> lock(command_mutex);
   // The newest gripper command wins over a gripper timeline running or staged before it.
   command.gripper_timeline.reset();
-  command.next_gripper_timeline.reset();
+  for (auto& next : staged) {
+    next.gripper_timeline.reset();
+  }
   command.gripper_target = distance;
   command.gripper_kp = kp;
   command.gripper_kd = kd;
@@ -141,6 +143,49 @@ void ArmController::Impl::check_joint_move_speed(const JointArray& target, doubl
       throw std::invalid_argument(msg.str());
     }
   }
+}
+
+bool ArmController::Impl::splice_joint_move(const JointArray& target, double time) {
+  JointArray measured{};
+  if (!try_get_latest_joint_state(measured) || !in_motion(splice_start(now_ns(), measured).first)) {
+    return false;  // from standstill the move starts as usual
+  }
+  const double period = command_sample_period;
+  stage_spliced_motion(
+      [&](const MotionState& start) {
+        // Brake to rest within the limits, then the 7th-order move from there.
+        const kestrel::controller::SpliceTransition brake =
+            kestrel::controller::JointSplice({max_vel, max_acc, max_jerk}, period)
+                .plan(start, JointArray{});
+        const long steps = std::max(1L, static_cast<long>(std::ceil(time / period - 1e-9)));
+        auto samples = std::make_shared<std::vector<Sample>>();
+        samples->reserve(static_cast<size_t>(brake.steps + steps) + 1);
+        for (long i = 0; i < brake.steps; ++i) {
+          const MotionState s = brake.at(static_cast<double>(i) * period);
+          samples->push_back({s.position, s.velocity, s.acceleration});
+        }
+        const JointArray from = brake.end().position;
+        for (long i = 0; i <= steps; ++i) {
+          const double s = std::min(static_cast<double>(i) * period / time, 1.0);
+          Sample sample;
+          for (int j = 0; j < kJoints; ++j) {
+            const double span = target[j] - from[j];
+            sample.position[j] = from[j] + span * kestrel::controller::septic_position(s);
+            sample.velocity[j] = span * kestrel::controller::septic_velocity(s) / time;
+            sample.acceleration[j] =
+                span * kestrel::controller::septic_acceleration(s) / (time * time);
+          }
+          samples->push_back(sample);
+        }
+        PreparedMotion motion;
+        motion.duration = static_cast<double>(samples->size() - 1) * period;
+        motion.samples = std::move(samples);
+        return motion;
+      },
+      0.0, kControlHz, measured, motion_planning_estimate_ns,
+      "set_joint: the running motion kept changing while the move was planned; nothing was "
+      "changed");
+  return true;
 }
 
 // ---- Published-state readers ----------------------------------------------------------------
@@ -199,6 +244,9 @@ void ArmController::set_joint(const std::vector<double>& q, double time) {
     target[j] = i.clamp_to_urdf_joint_limit(j, target[j]);
   }
   i.check_joint_move_speed(target, time);
+  if (i.trajectory_config.smooth_takeover && i.splice_joint_move(target, time)) {
+    return;
+  }
   i.write_joint_trajectory_command(target, time);
 }
 

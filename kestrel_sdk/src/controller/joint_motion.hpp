@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 
 namespace kestrel::controller {
 
@@ -14,6 +15,16 @@ struct JointMotionState {
   JointArray velocity{};
   JointArray acceleration{};
 };
+
+// Whether any joint moves or accelerates.
+inline bool in_motion(const JointMotionState& s) {
+  for (std::size_t j = 0; j < s.velocity.size(); ++j) {
+    if (s.velocity[j] != 0.0 || s.acceleration[j] != 0.0) {
+      return true;
+    }
+  }
+  return false;
+}
 
 // Per-joint magnitude limits: velocity (rad/s), acceleration (rad/s²), jerk (rad/s³).
 struct JointLimits {

@@ -254,10 +254,7 @@ WaypointPlan JointWaypointPlanner::plan(const WaypointPlanRequest& r) const {
   // A start in motion: splice it into a state the first segment can begin from.
   SpliceTransition transition;
   JointArray start_velocity{};
-  const bool moving = std::any_of(r.start.velocity.begin(), r.start.velocity.end(),
-                                  [](double v) { return v != 0.0; }) ||
-                      std::any_of(r.start.acceleration.begin(), r.start.acceleration.end(),
-                                  [](double a) { return a != 0.0; });
+  const bool moving = in_motion(r.start);
   if (moving) {
     const JointSplice splice(settings_.configuration_limits, period);
     const double first_segment =

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <functional>
 #include <iostream>
 #include <sstream>
 #include <stdexcept>
@@ -243,9 +244,21 @@ double ArmController::Impl::publish_joint_waypoint_trajectory_command(
     throw std::runtime_error("cannot plan waypoint trajectory before joint state is available");
   }
   const auto began = Clock::now();
-  PreparedMotion motion =
-      prepare_waypoint_motion(waypoints, time_sec, speed_percent, control_hz, gripper_positions,
-                              start, "[move_joint_waypoints] ");
+  auto plan = [&](const MotionState& from) {
+    return prepare_waypoint_motion(waypoints, time_sec, speed_percent, control_hz,
+                                   gripper_positions, from, "[move_joint_waypoints] ");
+  };
+  if (trajectory_config.smooth_takeover) {
+    // From the running command's state, whatever runs: a splice like a chunk update's.
+    const StagedMotion staged_motion =
+        stage_spliced_motion(plan, 0.0, control_hz, start.position, motion_planning_estimate_ns,
+                             "[move_joint_waypoints] the running motion kept changing while the "
+                             "motion was planned; nothing was changed");
+    record_last_samples(*staged_motion.motion.samples);
+    wait_for_waypoint_motion(staged_motion.id);
+    return staged_motion.motion.duration;
+  }
+  PreparedMotion motion = plan(start);
   if (ka::motion_planning_debug_enabled()) {
     std::cerr << "[move_joint_waypoints] planning_time_s="
               << std::chrono::duration<double>(Clock::now() - began).count()
@@ -262,12 +275,13 @@ double ArmController::Impl::publish_joint_waypoint_trajectory_command(
 bool ArmController::Impl::commanded_state_at_locked(int64_t when_ns, const JointArray& measured,
                                                     MotionState& out) const {
   const CommandState& c = command;
-  // A staged chunk that will have taken over by then is the motion to follow.
-  if (c.next_waypoint_samples && !c.next_waypoint_samples->empty() &&
-      when_ns >= c.next_switch_time_ns) {
-    out = sample_timeline(*c.next_waypoint_samples, c.next_sample_period,
-                          static_cast<double>(when_ns - c.next_switch_time_ns) * 1e-9);
-    return true;
+  // The latest staged timeline that will have taken over by then is the motion to follow.
+  for (auto it = staged.rbegin(); it != staged.rend(); ++it) {
+    if (when_ns >= it->switch_time_ns && it->samples && !it->samples->empty()) {
+      out = sample_timeline(*it->samples, it->sample_period,
+                            static_cast<double>(when_ns - it->switch_time_ns) * 1e-9);
+      return true;
+    }
   }
   switch (c.kind) {
     case kJointWaypoints: {
@@ -318,39 +332,55 @@ double ArmController::Impl::publish_joint_waypoint_chunk_update_command(
     throw std::runtime_error(
         "cannot plan joint waypoint chunk update before joint state is available");
   }
-  // The chunk is spliced into the motion the running command will be making at the switch.
-  // A switch sooner than planning can finish moves out to when the plan is ready.
   const auto began = Clock::now();
+  const StagedMotion staged_motion = stage_spliced_motion(
+      [&](const MotionState& start) {
+        return prepare_waypoint_motion(waypoints, time_sec, speed_percent, control_hz,
+                                       gripper_positions, start, "[update_joint_waypoint_chunk] ");
+      },
+      switch_delay_sec, control_hz, measured, chunk_planning_estimate_ns,
+      "[update_joint_waypoint_chunk] the running motion kept changing while the chunk was "
+      "planned; nothing was changed");
+  const PreparedMotion& motion = staged_motion.motion;
+  if (ka::motion_planning_debug_enabled()) {
+    std::cerr << "[update_joint_waypoint_chunk] planning_time_s="
+              << std::chrono::duration<double>(Clock::now() - began).count()
+              << ", samples=" << motion.samples->size()
+              << ", switch_delay_s=" << staged_motion.switch_delay_sec
+              << ", gripper_timeline=" << (gripper_positions ? "true" : "false") << std::endl;
+  }
+  record_last_samples(*motion.samples);
+  return motion.duration;
+}
+
+ArmController::Impl::StagedMotion ArmController::Impl::stage_spliced_motion(
+    const std::function<PreparedMotion(const MotionState&)>& plan, double switch_delay_sec,
+    double control_hz, const JointArray& measured, std::atomic<int64_t>& planning_estimate_ns,
+    const char* changing_message) {
+  // The motion is spliced into the one the running command will be making at the switch. A
+  // switch sooner than planning can finish moves out to when the plan is ready.
   const int64_t called = now_ns();
   const int64_t period_ns = static_cast<int64_t>(std::llround(1e9 / control_hz));
   int64_t switch_time =
       called + std::max(static_cast<int64_t>(std::llround(switch_delay_sec * 1e9)),
-                        2 * chunk_planning_estimate_ns.load() + period_ns);
+                        2 * planning_estimate_ns.load() + period_ns);
   for (int attempt = 1;; ++attempt) {
     const int64_t attempt_began = now_ns();
     const auto [start, revision] = splice_start(switch_time, measured);
-    PreparedMotion motion =
-        prepare_waypoint_motion(waypoints, time_sec, speed_percent, control_hz, gripper_positions,
-                                start, "[update_joint_waypoint_chunk] ");
+    StagedMotion staged_motion;
+    staged_motion.motion = plan(start);
     const int64_t planned = now_ns();
-    chunk_planning_estimate_ns.store(planned - attempt_began);
-    if (stage_splice(motion.samples, motion.gripper_timeline, switch_time, 1.0 / control_hz,
-                     revision, false)) {
-      if (ka::motion_planning_debug_enabled()) {
-        std::cerr << "[update_joint_waypoint_chunk] planning_time_s="
-                  << std::chrono::duration<double>(Clock::now() - began).count()
-                  << ", samples=" << motion.samples->size()
-                  << ", switch_delay_s=" << static_cast<double>(switch_time - called) * 1e-9
-                  << ", gripper_timeline=" << (gripper_positions ? "true" : "false") << std::endl;
-      }
-      record_last_samples(*motion.samples);
+    planning_estimate_ns.store(planned - attempt_began);
+    staged_motion.id =
+        stage_splice(staged_motion.motion.samples, staged_motion.motion.gripper_timeline,
+                     switch_time, 1.0 / control_hz, revision, false);
+    if (staged_motion.id >= 0) {
+      staged_motion.switch_delay_sec = static_cast<double>(switch_time - called) * 1e-9;
       notify_motion_state_changed();
-      return motion.duration;
+      return staged_motion;
     }
     if (attempt == kSpliceAttempts) {
-      throw std::runtime_error(
-          "[update_joint_waypoint_chunk] the running motion kept changing while the chunk was "
-          "planned; nothing was changed");
+      throw std::runtime_error(changing_message);
     }
     // Too late for its switch, or the motion changed under it: plan again for a later switch.
     switch_time = std::max(switch_time, now_ns() + 2 * (planned - attempt_began) + period_ns);
@@ -368,13 +398,21 @@ std::pair<ArmController::Impl::MotionState, uint64_t> ArmController::Impl::splic
   return {state, command.revision};
 }
 
-bool ArmController::Impl::stage_splice(Timeline samples,
-                                       std::shared_ptr<const std::vector<double>> gripper_timeline,
-                                       int64_t switch_time_ns, double sample_period,
-                                       uint64_t revision, bool stopping) {
+int64_t ArmController::Impl::stage_splice(
+    Timeline samples, std::shared_ptr<const std::vector<double>> gripper_timeline,
+    int64_t switch_time_ns, double sample_period, uint64_t revision, bool stopping) {
   std::lock_guard<std::mutex> lock(command_mutex);
   if (command.revision != revision || last_cycle_ns >= switch_time_ns) {
-    return false;  // the motion it starts from has moved on
+    return -1;  // the motion it starts from has moved on
+  }
+  // Staged timelines that would switch at or after this one are superseded by it; earlier ones
+  // play until it takes over (it was planned from them).
+  while (!staged.empty() && staged.back().switch_time_ns >= switch_time_ns) {
+    staged.pop_back();
+  }
+  if (staged.size() >= kMaxStagedTimelines) {
+    throw std::runtime_error("too many motions staged to take over: at most " +
+                             std::to_string(kMaxStagedTimelines) + " wait for their switch times");
   }
   if (stopping) {
     stop_generation.fetch_add(1);
@@ -382,20 +420,27 @@ bool ArmController::Impl::stage_splice(Timeline samples,
       command.stopped_command_id = command.command_id;
     }
   }
-  command.next_waypoint_samples = std::move(samples);
-  command.next_gripper_timeline = std::move(gripper_timeline);
-  command.next_switch_time_ns = switch_time_ns;
-  command.next_sample_period = sample_period;
-  command.next_command_id = command.command_counter++;
+  const int64_t id = command.command_counter++;
+  staged.push_back(
+      {std::move(samples), std::move(gripper_timeline), switch_time_ns, sample_period, id});
   ++command.revision;
-  return true;
+  return id;
+}
+
+bool ArmController::Impl::waypoint_command_pending_locked(int64_t command_id) const {
+  if (command.command_id == command_id && command.kind == kJointWaypoints &&
+      command.waypoint_samples) {
+    return true;
+  }
+  return std::any_of(staged.begin(), staged.end(),
+                     [&](const StagedTimeline& t) { return t.command_id == command_id; });
 }
 
 void ArmController::Impl::wait_for_waypoint_motion(int64_t command_id) {
   std::unique_lock<std::mutex> lock(command_mutex);
   motion_cv.wait(lock, [&] {
-    return exit_flag.load() || emergency_stop_flag.load() || command.command_id != command_id ||
-           command.kind != kJointWaypoints || !command.waypoint_samples;
+    return exit_flag.load() || emergency_stop_flag.load() ||
+           !waypoint_command_pending_locked(command_id);
   });
   if (emergency_stop_flag.load()) {
     throw std::runtime_error("waypoint motion interrupted by emergency stop");
@@ -436,7 +481,7 @@ void ArmController::Impl::stop_motion() {
       samples->push_back({s.position, s.velocity, s.acceleration});
     }
     if (stage_splice(std::move(samples), nullptr, switch_time, command_sample_period, revision,
-                     true)) {
+                     true) >= 0) {
       notify_motion_state_changed();
       return;
     }
