@@ -106,6 +106,31 @@ TEST_F(StopAndRecord, DestroyingTheControllerWakesCallsInOtherThreads) {
   }
 }
 
+TEST_F(StopAndRecord, AMotionPlannedWhileStopIsCalledNeverStarts) {
+  const auto before = arm->get_joint();
+  const auto p = arm->get_end_effector_pose();
+  const Eigen::Vector3d rpy =
+      ArmControllerTestAccess::impl(*arm).kinematics->rotation_matrix_to_euler(
+          Eigen::Quaterniond(p[6], p[3], p[4], p[5]).toRotationMatrix());
+  // A long, slow line takes a while to plan; the stop comes meanwhile.
+  auto planning = std::async(std::launch::async, [&] {
+    arm->move_l({{p[0] - 0.1, p[1], p[2], rpy.x(), rpy.y(), rpy.z()}}, 0.0, 0.01);
+  });
+  std::this_thread::sleep_for(30ms);
+  arm->stop();
+  ASSERT_EQ(planning.wait_for(10s), std::future_status::ready);
+  try {
+    planning.get();
+    ADD_FAILURE() << "the motion planned before the stop ran";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(), "motion stopped");
+  }
+  std::this_thread::sleep_for(300ms);
+  for (size_t j = 0; j < 6; ++j) {
+    EXPECT_NEAR(arm->get_joint()[j], before[j], 0.005) << "joint " << j + 1;
+  }
+}
+
 TEST_F(StopAndRecord, StopEndsAMotionProgramInItsSleep) {
   ArmController::MotionProgramItem sleep;
   sleep.type = "sleep";

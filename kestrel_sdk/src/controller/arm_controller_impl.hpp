@@ -127,10 +127,12 @@ class ArmController::Impl {
   // The start of every writer that replaces the motion (command_mutex held): drops the running
   // and staged timelines, freezes the gripper timeline, sets the kind.
   void replace_motion_locked(CommandKind kind);
-  // Installs a waypoint timeline as a kind-3 command and returns its command id.
+  // Installs a waypoint timeline as a kind-3 command and returns its command id. With
+  // `stops_seen`: returns -1 instead when stop() has been called since that stop_generation (a
+  // motion planned before a stop must not start after it).
   int64_t write_waypoint_command(Timeline samples,
                                  std::shared_ptr<const std::vector<double>> gripper_timeline,
-                                 double sample_period);
+                                 double sample_period, const uint64_t* stops_seen = nullptr);
 
   static int64_t now_ns();
 
@@ -203,16 +205,18 @@ class ArmController::Impl {
     PreparedMotion motion;
     double switch_delay_sec = 0.0;
   };
+  // Throws std::runtime_error "motion stopped" when stop() comes while it plans.
   StagedMotion stage_spliced_motion(const std::function<PreparedMotion(const MotionState&)>& plan,
                                     double switch_delay_sec, double control_hz,
                                     const JointArray& measured,
                                     std::atomic<int64_t>& planning_estimate_ns,
                                     const char* changing_message);
-  // Returns the staged command id, or -1 when it was too late.
+  // Returns the staged command id, or -1 when it was too late, or -2 when stop() has been
+  // called since `stops_seen` (when given).
   int64_t stage_splice(Timeline samples,
                        std::shared_ptr<const std::vector<double>> gripper_timeline,
                        int64_t switch_time_ns, double sample_period, uint64_t revision,
-                       bool stopping);
+                       bool stopping, const uint64_t* stops_seen = nullptr);
   // Whether the waypoint command `command_id` is staged, or running in the slot (command_mutex
   // held).
   bool waypoint_command_pending_locked(int64_t command_id) const;

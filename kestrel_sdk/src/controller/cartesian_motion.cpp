@@ -588,6 +588,7 @@ double ArmController::Impl::publish_cartesian_waypoint_trajectory_command(
     throw std::invalid_argument("speed_percent must be in (0, 1]");
   }
   JointArray current{};
+  const uint64_t stops_seen = stop_generation.load();
   if (!try_get_latest_joint_state(current)) {
     throw std::runtime_error("cannot plan cartesian trajectory before joint state is available");
   }
@@ -717,7 +718,11 @@ double ArmController::Impl::publish_cartesian_waypoint_trajectory_command(
   }
   record_last_samples(*motion.samples);
   if (id < 0) {
-    id = write_waypoint_command(motion.samples, motion.gripper_timeline, 1.0 / control_hz);
+    id = write_waypoint_command(motion.samples, motion.gripper_timeline, 1.0 / control_hz,
+                                &stops_seen);
+    if (id < 0) {
+      throw std::runtime_error("motion stopped");  // stop() came while it was planned
+    }
   }
   wait_for_waypoint_motion(id);
   return motion.duration;

@@ -99,10 +99,13 @@ void ArmController::Impl::write_gripper_command(double distance, double kp, doub
 
 int64_t ArmController::Impl::write_waypoint_command(
     Timeline samples, std::shared_ptr<const std::vector<double>> gripper_timeline,
-    double sample_period) {
+    double sample_period, const uint64_t* stops_seen) {
   int64_t id;
   {
     std::lock_guard<std::mutex> lock(command_mutex);
+    if (stops_seen != nullptr && stop_generation.load() != *stops_seen) {
+      return -1;
+    }
     replace_motion_locked(kJointWaypoints);
     id = command.command_counter++;
     command.command_id = id;

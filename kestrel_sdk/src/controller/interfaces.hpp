@@ -197,7 +197,8 @@ class ArmController {
   // velocity, acceleration and jerk limits (no jump in the commanded position or velocity) and
   // holds there; a staged chunk is dropped, the gripper keeps its opening and the motors stay
   // enabled. A motion call waiting in another thread throws std::runtime_error "motion
-  // stopped", and a running motion program goes no further. Safe from any thread (a Ctrl-C
+  // stopped", and so does one still planning (its motion never starts); a running motion
+  // program goes no further. Safe from any thread (a Ctrl-C
   // handler thread, a watchdog); new commands are accepted afterwards.
   void stop();
 

@@ -240,6 +240,7 @@ double ArmController::Impl::publish_joint_waypoint_trajectory_command(
   check_waypoint_arguments(waypoints, time_sec, speed_percent, control_hz, nullptr,
                            gripper_positions);
   MotionState start;
+  const uint64_t stops_seen = stop_generation.load();
   if (!try_get_latest_joint_state(start.position)) {
     throw std::runtime_error("cannot plan waypoint trajectory before joint state is available");
   }
@@ -266,8 +267,11 @@ double ArmController::Impl::publish_joint_waypoint_trajectory_command(
               << ", gripper_timeline=" << (gripper_positions ? "true" : "false") << std::endl;
   }
   record_last_samples(*motion.samples);
-  const int64_t id =
-      write_waypoint_command(motion.samples, motion.gripper_timeline, 1.0 / control_hz);
+  const int64_t id = write_waypoint_command(motion.samples, motion.gripper_timeline,
+                                            1.0 / control_hz, &stops_seen);
+  if (id < 0) {
+    throw std::runtime_error("motion stopped");  // stop() came while it was planned
+  }
   wait_for_waypoint_motion(id);
   return motion.duration;
 }
@@ -359,6 +363,7 @@ ArmController::Impl::StagedMotion ArmController::Impl::stage_spliced_motion(
     const char* changing_message) {
   // The motion is spliced into the one the running command will be making at the switch. A
   // switch sooner than planning can finish moves out to when the plan is ready.
+  const uint64_t stops_seen = stop_generation.load();
   const int64_t called = now_ns();
   const int64_t period_ns = static_cast<int64_t>(std::llround(1e9 / control_hz));
   int64_t switch_time =
@@ -373,7 +378,10 @@ ArmController::Impl::StagedMotion ArmController::Impl::stage_spliced_motion(
     planning_estimate_ns.store(planned - attempt_began);
     staged_motion.id =
         stage_splice(staged_motion.motion.samples, staged_motion.motion.gripper_timeline,
-                     switch_time, 1.0 / control_hz, revision, false);
+                     switch_time, 1.0 / control_hz, revision, false, &stops_seen);
+    if (staged_motion.id == -2) {
+      throw std::runtime_error("motion stopped");  // stop() came while it was planned
+    }
     if (staged_motion.id >= 0) {
       staged_motion.switch_delay_sec = static_cast<double>(switch_time - called) * 1e-9;
       notify_motion_state_changed();
@@ -400,8 +408,12 @@ std::pair<ArmController::Impl::MotionState, uint64_t> ArmController::Impl::splic
 
 int64_t ArmController::Impl::stage_splice(
     Timeline samples, std::shared_ptr<const std::vector<double>> gripper_timeline,
-    int64_t switch_time_ns, double sample_period, uint64_t revision, bool stopping) {
+    int64_t switch_time_ns, double sample_period, uint64_t revision, bool stopping,
+    const uint64_t* stops_seen) {
   std::lock_guard<std::mutex> lock(command_mutex);
+  if (stops_seen != nullptr && stop_generation.load() != *stops_seen) {
+    return -2;  // planned before a stop: it must not start after it
+  }
   if (command.revision != revision || last_cycle_ns >= switch_time_ns) {
     return -1;  // the motion it starts from has moved on
   }
