@@ -409,6 +409,23 @@ void SimulatedMotorBus::clear_frame_log() {
   received_since_clear_ = 0;
 }
 
+std::vector<LoggedFrame> SimulatedMotorBus::take_received_frames(size_t* lost) {
+  std::lock_guard<std::mutex> lock(log_mutex_);
+  std::vector<LoggedFrame> out;
+  out.reserve(std::min(received_since_clear_, log_.size()));
+  for (LoggedFrame& e : log_) {
+    if (e.direction == LoggedFrame::Direction::kReceived) {
+      out.push_back(std::move(e));
+    }
+  }
+  if (lost != nullptr) {
+    *lost = received_since_clear_ - out.size();
+  }
+  log_.clear();
+  received_since_clear_ = 0;
+  return out;
+}
+
 bool SimulatedMotorBus::wait_for_received(size_t count, std::chrono::milliseconds timeout) const {
   std::unique_lock<std::mutex> lock(log_mutex_);
   return log_cv_.wait_for(lock, timeout, [&] { return received_since_clear_ >= count; });

@@ -86,6 +86,11 @@ class SimulatedMotorBus {
   std::vector<LoggedFrame> frame_log() const;  // received and sent, in order
   std::vector<LoggedFrame> received_frames() const;
   void clear_frame_log();
+  // The received entries in order, and the whole log cleared, in one step under the log's lock:
+  // a collector that drains the log more often than it fills loses no received frame.
+  // `lost` (optional) receives how many received frames fell out of the full log since the last
+  // clear or take.
+  std::vector<LoggedFrame> take_received_frames(size_t* lost = nullptr);
   // Waits until at least `count` frames were received since the last clear_frame_log().
   bool wait_for_received(size_t count, std::chrono::milliseconds timeout) const;
 
