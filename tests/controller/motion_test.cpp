@@ -49,6 +49,23 @@ class MotionTest : public ::testing::Test {
     return d;
   }
 
+  // A waypoint motion to q in the background; a chunk or a stop may end it early.
+  std::future<void> moving_to(std::vector<double> q, double time, double speed) {
+    return std::async(std::launch::async, [this, q, time, speed] {
+      try {
+        arm->move_joint_waypoints({q}, time, speed);
+      } catch (const std::runtime_error&) {
+      }
+    });
+  }
+  // No jump in the targets the motors received since the frame log was cleared.
+  void expect_no_jump() {
+    const auto& impl = Access::impl(*arm);
+    const auto steps = sim.largest_target_steps(impl.max_vel, impl.max_acc);
+    EXPECT_LE(steps.position, 1.0) << "position, joint " << steps.position_joint;
+    EXPECT_LE(steps.velocity, 1.0) << "velocity, joint " << steps.velocity_joint;
+  }
+
   SimulatedArm sim;
   std::unique_ptr<ArmController> arm;
 };
@@ -180,7 +197,6 @@ TEST_F(MotionTest, ChunkUpdatesSpliceIntoTheRunningMotionWithoutAJump) {
     q[0] = q1;
     return q;
   };
-  auto& impl = Access::impl(*arm);
   struct Row {
     const char* name;
     std::function<std::future<void>()> start;  // the running motion
@@ -189,15 +205,8 @@ TEST_F(MotionTest, ChunkUpdatesSpliceIntoTheRunningMotionWithoutAJump) {
     double time_sec, speed, delay;
     double ceiling;  // commanded joint 1 stays below this (no overshoot); 0: not checked
   };
-  auto moving_to = [&](double q1, double time, double speed) {
-    return [=, &arm = arm] {
-      return std::async(std::launch::async, [=, &arm] {
-        try {
-          arm->move_joint_waypoints({with_joint1(q1)}, time, speed);
-        } catch (const std::runtime_error&) {
-        }
-      });
-    };
+  auto moving_to_joint1 = [&](double q1, double time, double speed) {
+    return [=] { return moving_to(with_joint1(q1), time, speed); };
   };
   const auto began = std::make_shared<std::chrono::steady_clock::time_point>();
   auto after = [began](double seconds) {
@@ -210,9 +219,9 @@ TEST_F(MotionTest, ChunkUpdatesSpliceIntoTheRunningMotionWithoutAJump) {
   };
   double ahead = 0.0;
   const Row rows[] = {
-      {"a timed chunk turning back in full flight", moving_to(1.2, 3.0, 0.0), after(1.0),
+      {"a timed chunk turning back in full flight", moving_to_joint1(1.2, 3.0, 0.0), after(1.0),
        [&] { return with_joint1(-0.2); }, 2.5, 0.0, 0.2, 0.0},
-      {"a slow chunk while joint 1 runs at 0.57 rad/s", moving_to(1.5, 0.0, 0.5),
+      {"a slow chunk while joint 1 runs at 0.57 rad/s", moving_to_joint1(1.5, 0.0, 0.5),
        joint1_faster_than(0.57), [&] { return with_joint1(0.9); }, 0.0, 0.0, 0.05, 0.0},
       {"a chunk into a set_joint move",
        [&] {
@@ -222,7 +231,7 @@ TEST_F(MotionTest, ChunkUpdatesSpliceIntoTheRunningMotionWithoutAJump) {
          return done.get_future();
        },
        after(0.8), [&] { return with_joint1(0.2); }, 0.0, 0.5, 0.05, 0.0},
-      {"a timed chunk just ahead of a fast joint", moving_to(1.5, 0.0, 0.5),
+      {"a timed chunk just ahead of a fast joint", moving_to_joint1(1.5, 0.0, 0.5),
        joint1_faster_than(0.5),
        [&] {
          ahead = arm->get_joint()[0] + 0.25;
@@ -248,9 +257,7 @@ TEST_F(MotionTest, ChunkUpdatesSpliceIntoTheRunningMotionWithoutAJump) {
     running.get();  // a replaced motion's wait ends normally at the switch
     // The switch and the transition lie in the first 3 s (the frame log holds about 5 s).
     std::this_thread::sleep_for(std::chrono::duration<double>(std::min(duration, 3.0)));
-    const auto steps = sim.largest_target_steps(impl.max_vel, impl.max_acc);
-    EXPECT_LE(steps.position, 1.0) << "joint " << steps.position_joint;
-    EXPECT_LE(steps.velocity, 1.0) << "joint " << steps.velocity_joint;
+    expect_no_jump();
     if (row.ceiling < 0.0) {
       double farthest = -10.0;
       for (const auto& [q, dq] : received_targets(sim, 0)) {
@@ -268,17 +275,11 @@ TEST_F(MotionTest, ChunkUpdatesSpliceIntoTheRunningMotionWithoutAJump) {
 // A chunk sent while an earlier one waits for its switch keeps it: the earlier one plays from
 // its switch until the later one takes over from it.
 TEST_F(MotionTest, ChunksStagedOneAfterAnotherPlayInTurn) {
-  auto& impl = Access::impl(*arm);
   std::vector<double> far = kHome, turn = kHome, back = kHome;
   far[0] = 1.2;
   turn[0] = 0.9;
   back[0] = 0.1;
-  auto running = std::async(std::launch::async, [&] {
-    try {
-      arm->move_joint_waypoints({far}, 0.0, 0.5);
-    } catch (const std::runtime_error&) {
-    }
-  });
+  auto running = moving_to(far, 0.0, 0.5);
   ASSERT_TRUE(eventually([&] { return arm->get_joint_velocities()[0] > 0.3; }, 3s));
   sim.motors().clear_frame_log();
   arm->update_joint_waypoint_chunk({turn}, 0.0, 0.3, 0.15);
@@ -286,9 +287,7 @@ TEST_F(MotionTest, ChunksStagedOneAfterAnotherPlayInTurn) {
   const double duration = arm->update_joint_waypoint_chunk({back}, 0.0, 0.4, 0.3);
   running.get();
   std::this_thread::sleep_for(std::chrono::duration<double>(std::min(duration, 3.0)));
-  const auto steps = sim.largest_target_steps(impl.max_vel, impl.max_acc);
-  EXPECT_LE(steps.position, 1.0) << "joint " << steps.position_joint;
-  EXPECT_LE(steps.velocity, 1.0) << "joint " << steps.velocity_joint;
+  expect_no_jump();
   EXPECT_TRUE(eventually([&] { return distance_to(back) < 0.01; }, 5s)) << distance_to(back);
 }
 
@@ -319,20 +318,13 @@ TEST_F(MotionTest, TakeoversSpliceWhenConfigured) {
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     arm->move_joint_waypoints({kHome}, 0.0, 0.5);
-    auto running = std::async(std::launch::async, [&] {
-      try {
-        arm->move_joint_waypoints({far}, 0.0, 0.5);
-      } catch (const std::runtime_error&) {
-      }
-    });
+    auto running = moving_to(far, 0.0, 0.5);
     ASSERT_TRUE(eventually([&] { return arm->get_joint_velocities()[0] > 0.4; }, 3s));
     sim.motors().clear_frame_log();
     row.takeover();
     running.get();  // replaced: its wait ends normally at the switch
     std::this_thread::sleep_for(2500ms);
-    const auto steps = sim.largest_target_steps(impl.max_vel, impl.max_acc);
-    EXPECT_LE(steps.position, 1.0) << "joint " << steps.position_joint;
-    EXPECT_LE(steps.velocity, 1.0) << "joint " << steps.velocity_joint;
+    expect_no_jump();
     if (!row.arrives.empty()) {
       EXPECT_TRUE(eventually([&] { return distance_to(row.arrives) < 0.01; }, 3s));
     }

@@ -43,8 +43,12 @@ struct SeedResult {
   double delivery_stall_ms = 0.0;
   double delivery_stall_end = 0.0;  // s since the campaign's start
   // A stall this long starves the simulated arm of commands: what follows (an emergency stop
-  // above all) says nothing of the controller. Such a run is disturbed.
-  bool disturbed() const { return delivery_stall_ms >= kDisturbingStallMs; }
+  // above all) says nothing of the controller. Such a run is disturbed. So is one where no frame
+  // came for that long: on a machine saturated by other seeds the control thread itself was not
+  // scheduled (a defect of the controller's own would make every run of the seed fail).
+  bool disturbed() const {
+    return delivery_stall_ms >= kDisturbingStallMs || longest_gap_ms >= kDisturbingStallMs;
+  }
   double memory_growth_mb = 0.0;
   // A call never returned: its thread, the controller and the simulated arm were left behind
   // and the process must end without destroying them.

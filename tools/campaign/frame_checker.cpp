@@ -10,7 +10,7 @@ namespace {
 
 // Receive times wander with the scheduling of the control thread and the simulator's receive
 // thread; each transition is allowed this much more time than its timestamps show.
-constexpr double kTimingSlack = 0.001;
+constexpr double kTimingSlack = 0.002;
 constexpr double kRounding = 1e-6;
 constexpr double kGripperKpLow = 0.1, kGripperKpHigh = 20.0;
 constexpr double kGripperKdLow = 0.1, kGripperKdHigh = 1.0;
@@ -124,7 +124,7 @@ class Checker {
     Span s = judge(before.back(), i);
     size_t k = before.size() - 1;
     while (k > 0 && f.time - frames_[before[k]].time <
-                        static_cast<double>(before.size() - k) * (kControlPeriod - kTimingSlack)) {
+                        static_cast<double>(before.size() - k) * kControlPeriod) {
       --k;
     }
     if (k + 1 < before.size() && (s.position_out || s.velocity_out)) {
