@@ -146,6 +146,21 @@ bool eventually(Predicate predicate, std::chrono::milliseconds timeout) {
   return predicate();
 }
 
+// Waits until all seven simulated motors are disabled: they take frames on a thread of their own,
+// so a disable sent at shutdown is seen there a moment after the controller returns.
+inline bool motors_end_disabled(SimulatedArm& sim) {
+  return eventually(
+      [&] {
+        for (size_t i = 0; i < 7; ++i) {
+          if (sim.motors().motor_state(i).enabled) {
+            return false;
+          }
+        }
+        return true;
+      },
+      std::chrono::seconds(2));
+}
+
 // Distance of point p from the segment a-b.
 inline double segment_distance(const Eigen::Vector3d& p, const Eigen::Vector3d& a,
                                const Eigen::Vector3d& b) {

@@ -128,9 +128,7 @@ TEST_P(StartupSequence, FramesGoOutInOrderAndTheLoopTakesOver) {
   EXPECT_EQ(received(sim.motors(), expected.size()), expected);
   EXPECT_THAT(out, ::testing::HasSubstr("\n=== Enabling Motors ===\n"));
   EXPECT_THAT(out, ::testing::HasSubstr("\n=== Enabling Motors Timeout Protection ===\n"));
-  for (size_t i = 0; i < 7; ++i) {
-    EXPECT_FALSE(sim.motors().motor_state(i).enabled) << "disabled at shutdown: motor " << i;
-  }
+  EXPECT_TRUE(motors_end_disabled(sim));
   if (mode == POS_VEL_MODE) {
     const auto c = kestrel::controller::load_pos_vel_mode_config();
     std::ostringstream acc;
