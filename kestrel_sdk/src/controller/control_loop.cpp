@@ -148,7 +148,7 @@ void ArmController::Impl::control_loop() {
     // Missed periods are dropped, not caught up.
     const int64_t end = now_ns();
     const bool missed = end >= deadline;
-    loop_timing.record(end - cycle_start, woke_late_ns, missed);
+    loop_timing.record(end - cycle_start, 0, woke_late_ns, missed);
     if (missed) {
       deadline = end + kLoopPeriodNs;
       woke_late_ns = 0;

@@ -290,3 +290,11 @@ bool ArmController::running() const {
 kestrel::controller::ControlLoopStatistics ArmController::control_loop_statistics() const {
   return impl().loop_timing.snapshot();
 }
+
+kestrel::controller::ControlLoopHistograms ArmController::control_loop_histograms() const {
+  return impl().loop_timing.histograms();
+}
+
+void ArmController::reset_control_loop_statistics() {
+  impl().loop_timing.reset();
+}

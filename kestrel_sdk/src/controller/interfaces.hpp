@@ -206,9 +206,14 @@ class ArmController {
   bool emergency_stopped() const;
   // True while the control loop runs.
   bool running() const;
-  // Timing of the control loop so far: compute time and wake-up lateness per cycle, missed
-  // deadlines. Cheap to call from any thread.
+  // Timing of the control loop since start (or the last reset): per cycle the compute (targets,
+  // feed-forward, encoding, supervision), the bus I/O (writes, feedback refresh, reading
+  // replies) and the wake-up lateness, and the missed deadlines. Cheap to call from any thread.
   kestrel::controller::ControlLoopStatistics control_loop_statistics() const;
+  // The same figures as histograms of 1 µs bins.
+  kestrel::controller::ControlLoopHistograms control_loop_histograms() const;
+  // Starts the timing figures afresh, e.g. after a warm-up.
+  void reset_control_loop_statistics();
 
  private:
   class Impl;
