@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <chrono>
 #include <cmath>
 #include <functional>
@@ -12,6 +13,7 @@
 
 #include "kestrel_sim/simulated_motor_bus.hpp"
 #include "simbus/simbus_testing.hpp"
+#include "support/allocation_counter.hpp"
 #include "support/refusal.hpp"
 #include "support/simbus_can.hpp"
 #include "support/stderr_capture.hpp"
@@ -26,6 +28,7 @@ using namespace std::chrono_literals;
 using kestrel::testing::capture_stderr;
 using Clock = std::chrono::steady_clock;
 using T = dm::MotorType;
+using Bytes = std::vector<uint8_t>;
 
 const std::vector<T> kArmTypes = {T::DM_V8_T28,  T::DM_V8_T28,  T::DM_V8_T28,
                                   T::DM_V30_T10, T::DM_V30_T10, T::DM_V30_T10};
@@ -180,6 +183,10 @@ TEST_P(FacadeTest, GripperCommandsBeforeAndAfterInit) {
             }),
             "");
   EXPECT_TRUE(motors->received_frames().empty());
+  EXPECT_EQ(refusal_of<std::logic_error>([&] { gripper.encode_distance(0.04, 8.0, 0.1); }),
+            "GripperComponent::encode_distance: the gripper has no motor");
+  EXPECT_EQ(refusal_of<std::logic_error>([&] { gripper.encode_tau(0.1); }),
+            "GripperComponent::encode_tau: the gripper has no motor");
 
   arm.init_gripper_motor(T::DM_V30_T10, 7, 0x17);
   struct Case {
@@ -249,6 +256,12 @@ TEST_P(FacadeTest, NonFiniteGripperArgumentsAreRefused) {
        "GripperComponent::close: kd must be finite, got inf"},
       {"NaN torque", [&] { gripper.set_tau(nan); },
        "GripperComponent::set_tau: tau must be finite, got nan"},
+      {"infinite opening, encoded", [&] { gripper.encode_distance(inf, 8.0, 0.1); },
+       "GripperComponent::set_distance: distance must be finite, got inf"},
+      {"NaN kp with an opening, encoded", [&] { gripper.encode_distance(0.05, nan, 0.1); },
+       "GripperComponent::set_distance: kp must be finite, got nan"},
+      {"-inf torque, encoded", [&] { gripper.encode_tau(-inf); },
+       "GripperComponent::set_tau: tau must be finite, got -inf"},
       {"NaN opening to an angle", [&] { GripperComponent::distance_to_motor_angle(nan); },
        "GripperComponent::distance_to_motor_angle: distance must be finite, got nan"},
       {"-inf opening to an angle", [&] { GripperComponent::distance_to_motor_angle(-inf); },
@@ -265,6 +278,134 @@ TEST_P(FacadeTest, NonFiniteGripperArgumentsAreRefused) {
     }
   }
   EXPECT_FALSE(motors->wait_for_received(1, 200ms)) << "a refused command sends nothing";
+}
+
+// The frames encoded apart from sending are the commands' own bytes, and send_encoded puts them
+// on the wire as they stand, in the socket's frame kind.
+TEST_P(FacadeTest, EncodedFramesAreTheCommandsBytesOnTheWire) {
+  init_all();
+  auto& joints = arm.get_arm();
+  auto& gripper = arm.get_gripper();
+  const dm::Motor& first = joints.dm_devices()[0]->get_motor();
+  const dm::Motor& last = joints.dm_devices()[5]->get_motor();
+  const dm::Motor& grip = *gripper.get_motor();
+  using E = dm::CanPacketEncoder;
+  const struct {
+    const char* name;
+    std::function<dm::EncodedFrame()> encode;
+    dm::CANPacket expected;
+    std::string log;
+  } rows[] = {
+      {"MIT, joint 1",
+       [&] {
+         return joints.encode_mit_one(0, {50.0, 1.0, 1.0, 0.5, 2.0});
+       },
+       E::create_mit_control_command(first, {50.0, 1.0, 1.0, 0.5, 2.0}), ""},
+      {"MIT clamped, joint 6",
+       [&] {
+         return joints.encode_mit_one(5, {600.0, 10.0, -20.0, -100.0, 100.0});
+       },
+       E::create_mit_control_command(last, {600.0, 10.0, -20.0, -100.0, 100.0}), ""},
+      {"position-velocity, joint 1",
+       [&] {
+         return joints.encode_pos_vel_one(0, {10.0f, -1.5f});
+       },
+       E::create_pos_vel_control_command(first, {10.0f, -1.5f}), ""},
+      {"position-velocity, joint 6",
+       [&] {
+         return joints.encode_pos_vel_one(5, {-1.0f, 2.0f});
+       },
+       E::create_pos_vel_control_command(last, {-1.0f, 2.0f}), ""},
+      {"gripper fully open", [&] { return gripper.encode_distance(0.085, 12.0, 0.2); },
+       E::create_mit_control_command(grip, {12.0, 0.2, -1.235598154197257, 0.0, 0.0}), ""},
+      {"gripper out of range", [&] { return gripper.encode_distance(0.0851, 8.0, 0.1); },
+       E::create_mit_control_command(grip, {8.0, 0.1, -1.0, 0.0, 0.0}),
+       "Error: Distance out of range! Must be between 0 and 0.085 meters.\n"},
+      {"gripper torque", [&] { return gripper.encode_tau(-0.75); },
+       E::create_mit_control_command(grip, {0.0, 0.0, 0.0, 0.0, -0.75}), ""},
+  };
+  for (const auto& row : rows) {
+    motors->clear_frame_log();
+    dm::EncodedFrame frame;
+    EXPECT_EQ(capture_stderr([&] { frame = row.encode(); }), row.log) << row.name;
+    EXPECT_EQ(frame.can_id, row.expected.can_id) << row.name;
+    EXPECT_EQ(Bytes(frame.data.begin(), frame.data.end()), row.expected.data) << row.name;
+    EXPECT_TRUE(joints.send_encoded(frame)) << row.name;
+    ASSERT_TRUE(motors->wait_for_received(1, 1s)) << row.name;
+    const sim::Frame wire = motors->received_frames().front().frame;
+    EXPECT_EQ(wire.id, row.expected.can_id) << row.name;
+    EXPECT_EQ(wire.fd, GetParam()) << row.name;
+    EXPECT_EQ(wire.len, 8) << row.name;
+    EXPECT_EQ(Bytes(wire.data.begin(), wire.data.begin() + 8), row.expected.data) << row.name;
+  }
+  capture_stderr([&] { arm.recv_all(2000); });
+}
+
+// What the control thread does every cycle: refresh, drain the bus, read the motors, encode a
+// frame per joint and one for the gripper, write them back to back. Once warmed up (first status
+// lines, the status table's entries) none of it touches the heap.
+TEST_P(FacadeTest, ASteadyControlCycleAllocatesNothing) {
+  init_all();
+  capture_stderr([&] {
+    arm.enable_all();
+    settle(7);
+  });
+  auto& joints = arm.get_arm();
+  auto& gripper = arm.get_gripper();
+  const float hold[6] = {0.1f, -0.2f, 0.3f, -0.4f, 0.5f, -0.6f};
+  const struct {
+    const char* name;
+    dm::ControlMode mode;
+    bool limp_gripper;
+  } rows[] = {
+      {"MIT joints, gripper opening", dm::MIT_MODE, false},
+      {"position-velocity joints, limp gripper", dm::POS_VEL_MODE, true},
+  };
+  for (const auto& row : rows) {
+    std::array<dm::EncodedFrame, 7> frames;
+    double position_sum = 0.0;
+    auto cycle = [&] {
+      arm.refresh_all();
+      arm.recv_all(100);
+      for (const auto& device : joints.dm_devices()) {
+        position_sum += device->get_motor().get_position();
+      }
+      position_sum += gripper.get_motor()->get_position();
+      for (int j = 0; j < 6; ++j) {
+        frames[j] = row.mode == dm::MIT_MODE
+                        ? joints.encode_mit_one(j, {20.0, 1.0, hold[j], 0.0, 0.0})
+                        : joints.encode_pos_vel_one(j, {hold[j], 1.0f});
+      }
+      frames[6] =
+          row.limp_gripper ? gripper.encode_tau(0.0) : gripper.encode_distance(0.04, 8.0, 0.1);
+      for (const auto& frame : frames) {
+        joints.send_encoded(frame);
+      }
+    };
+    uint64_t allocations = 0;
+    capture_stderr([&] {
+      arm.switch_all_motors_mode(row.mode);
+      for (int i = 0; i < 20; ++i) {
+        cycle();
+      }
+      // Feedback decoded during the counted cycles overwrites these.
+      for (const auto& device : joints.dm_devices()) {
+        device->get_motor().set_state_tmos(-1);
+      }
+      gripper.dm_devices()[0]->get_motor().set_state_tmos(-1);
+      kestrel::testing::ScopedAllocationCount count;
+      for (int i = 0; i < 300; ++i) {
+        cycle();
+      }
+      allocations = count.count();
+    });
+    EXPECT_EQ(allocations, 0u) << row.name;
+    EXPECT_TRUE(std::isfinite(position_sum)) << row.name;
+    for (int i = 0; i < 6; ++i) {
+      EXPECT_NE(joints.dm_devices()[i]->get_motor().get_t_mos(), -1) << row.name << ", joint " << i;
+    }
+    EXPECT_NE(gripper.get_motor()->get_t_mos(), -1) << row.name << ", gripper";
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(ClassicAndFd, FacadeTest, ::testing::Values(false, true),

@@ -230,6 +230,10 @@ TEST_P(GroupTest, RefusedCommandsSendNothing) {
        "mit_control_one: motor index 2" + out_of_range},
       {"negative position-velocity index", [&] { group.pos_vel_control_one(-1, {}); },
        "pos_vel_control_one: motor index -1" + out_of_range},
+      {"MIT index past the end, encoded", [&] { group.encode_mit_one(2, {}); },
+       "mit_control_one: motor index 2" + out_of_range},
+      {"negative position-velocity index, encoded", [&] { group.encode_pos_vel_one(-1, {}); },
+       "pos_vel_control_one: motor index -1" + out_of_range},
       {"refresh index past the end", [&] { group.refresh_one(2); },
        "refresh_one: motor index 2" + out_of_range},
       {"query index past the end", [&] { group.query_param_one(7, RID_ACC); },
@@ -263,6 +267,16 @@ TEST_P(GroupTest, RefusedCommandsSendNothing) {
          group.pos_vel_control_one(0, {inff, 1.0f});
        },
        "pos_vel_control_one: motor 0 q must be finite, got inf"},
+      {"NaN MIT velocity, encoded",
+       [&] {
+         group.encode_mit_one(1, {0, 0, 0, nan, 0});
+       },
+       "mit_control_one: motor 1 dq must be finite, got nan"},
+      {"infinite position-velocity velocity, encoded",
+       [&] {
+         group.encode_pos_vel_one(0, {0.0f, -inff});
+       },
+       "pos_vel_control_one: motor 0 dq must be finite, got -inf"},
       {"NaN acceleration after a good one",
        [&] {
          group.set_acc_all({1.0f, nanf});

@@ -32,6 +32,13 @@ void require_finite_gains(double kp, double kd, const char* operation) {
   require_finite(kd, operation, "kd");
 }
 
+void require_motor(bool has_motor, const char* operation) {
+  if (!has_motor) {
+    throw std::logic_error(std::string("GripperComponent::") + operation +
+                           ": the gripper has no motor");
+  }
+}
+
 }  // namespace
 
 GripperComponent::GripperComponent(canbus::CANSocket& socket)
@@ -110,11 +117,19 @@ void GripperComponent::set_distance(double distance, double kp, double kd) {
   if (!device) {
     return;
   }
+  send_encoded(encode_distance(distance, kp, kd));
+}
+
+damiao_motor::EncodedFrame GripperComponent::encode_distance(double distance, double kp,
+                                                             double kd) const {
+  require_finite(distance, "set_distance", "distance");
+  require_finite_gains(kp, kd, "set_distance");
+  require_motor(device != nullptr, "encode_distance");
   if (distance < 0.0 || distance > kMaxDistance) {
     std::cerr << "Error: Distance out of range! Must be between 0 and 0.085 meters." << std::endl;
   }
   // Out of range still commands the motor, with the fixed angle -1.0 rad.
-  mit_control_one(0, {kp, kd, distance_to_motor_angle(distance), 0.0, 0.0});
+  return encode_mit_one(0, {kp, kd, distance_to_motor_angle(distance), 0.0, 0.0});
 }
 
 void GripperComponent::set_tau(double tau) {
@@ -122,7 +137,13 @@ void GripperComponent::set_tau(double tau) {
   if (!device) {
     return;
   }
-  mit_control_one(0, {0.0, 0.0, 0.0, 0.0, tau});
+  send_encoded(encode_tau(tau));
+}
+
+damiao_motor::EncodedFrame GripperComponent::encode_tau(double tau) const {
+  require_finite(tau, "set_tau", "tau");
+  require_motor(device != nullptr, "encode_tau");
+  return encode_mit_one(0, {0.0, 0.0, 0.0, 0.0, tau});
 }
 
 double GripperComponent::motor_angle_to_distance(double motor_angle, double* sqrt_arg) {

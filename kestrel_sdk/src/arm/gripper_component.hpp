@@ -31,6 +31,14 @@ class GripperComponent : public damiao_motor::DMDeviceCollection {
   // Pure torque, zero gains.
   void set_tau(double tau);
 
+  // The frames set_distance and set_tau send (they are send_encoded of these), encoded without
+  // sending or allocating, so that a control loop can encode all its frames before writing any.
+  // The same refusals with the same messages, and encode_distance prints the same out-of-range
+  // line. There is nothing to encode before init_motor_device: std::logic_error
+  // "GripperComponent::encode_distance: the gripper has no motor".
+  damiao_motor::EncodedFrame encode_distance(double distance, double kp, double kd) const;
+  damiao_motor::EncodedFrame encode_tau(double tau) const;
+
   // Motor angle for an opening width, through the linkage; a finite value out of range gives
   // -1.0 rad, a NaN or infinite one throws std::invalid_argument
   // "GripperComponent::distance_to_motor_angle: distance must be finite, got nan".

@@ -10,7 +10,7 @@ namespace {
 // Each group takes the values from index zero, as many as it has motors.
 std::vector<float> first_values_for(const damiao_motor::DMDeviceCollection& group,
                                     const std::vector<float>& values) {
-  const size_t count = std::min(values.size(), group.get_dm_devices().size());
+  const size_t count = std::min(values.size(), group.dm_devices().size());
   return {values.begin(), values.begin() + static_cast<std::ptrdiff_t>(count)};
 }
 

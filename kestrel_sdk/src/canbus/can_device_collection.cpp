@@ -1,5 +1,7 @@
 #include "kestrel/canbus/can_device_collection.hpp"
 
+#include <utility>
+
 namespace kestrel::canbus {
 
 CANDeviceCollection::CANDeviceCollection(CANSocket& socket) : socket(socket) {}
@@ -13,6 +15,9 @@ void CANDeviceCollection::add_device(const std::shared_ptr<CANDevice>& device) {
     return;
   }
   devices[device->get_recv_id()] = device;
+  if (on_change) {
+    on_change();
+  }
 }
 
 void CANDeviceCollection::remove_device(const std::shared_ptr<CANDevice>& device) {
@@ -20,6 +25,13 @@ void CANDeviceCollection::remove_device(const std::shared_ptr<CANDevice>& device
     return;
   }
   devices.erase(device->get_recv_id());
+  if (on_change) {
+    on_change();
+  }
+}
+
+void CANDeviceCollection::set_change_listener(std::function<void()> listener) {
+  on_change = std::move(listener);
 }
 
 void CANDeviceCollection::dispatch_frame_callback(can_frame& frame) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 
@@ -22,6 +23,10 @@ class CANDeviceCollection {
   void add_device(const std::shared_ptr<CANDevice>& device);
   // Erases the entry keyed by device->recv_id, whichever device it holds. Null is ignored.
   void remove_device(const std::shared_ptr<CANDevice>& device);
+  // Called on the caller's thread after every add_device or remove_device with a device (null
+  // arguments change nothing and call nothing). A motor group keeps its own device list in step
+  // with its registry through it. One listener; a new one replaces the old.
+  void set_change_listener(std::function<void()> listener);
 
   // The whole 32-bit can_id is the key, flag bits included: extended, remote and error
   // frames never match an 11-bit motor identifier. Unknown identifiers are dropped silently.
@@ -35,6 +40,7 @@ class CANDeviceCollection {
  private:
   CANSocket& socket;
   std::map<uint32_t, std::shared_ptr<CANDevice>> devices;
+  std::function<void()> on_change;
 };
 
 }  // namespace kestrel::canbus

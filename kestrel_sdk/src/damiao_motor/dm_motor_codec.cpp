@@ -13,7 +13,7 @@ namespace kestrel::damiao_motor {
 namespace {
 
 // Parameter frames address a motor by the low 16 bits of its identifier.
-std::vector<uint8_t> param_header(unsigned int id, uint8_t command, int rid) {
+Payload param_header(unsigned int id, uint8_t command, int rid) {
   return {static_cast<uint8_t>(id & 0xFF),
           static_cast<uint8_t>((id >> 8) & 0xFF),
           command,
@@ -24,11 +24,15 @@ std::vector<uint8_t> param_header(unsigned int id, uint8_t command, int rid) {
           0};
 }
 
-void put_u32_le(std::vector<uint8_t>& data, size_t offset, uint32_t value) {
+void put_u32_le(Payload& data, size_t offset, uint32_t value) {
   data[offset] = static_cast<uint8_t>(value & 0xFF);
   data[offset + 1] = static_cast<uint8_t>((value >> 8) & 0xFF);
   data[offset + 2] = static_cast<uint8_t>((value >> 16) & 0xFF);
   data[offset + 3] = static_cast<uint8_t>((value >> 24) & 0xFF);
+}
+
+std::vector<uint8_t> to_vector(const Payload& payload) {
+  return std::vector<uint8_t>(payload.begin(), payload.end());
 }
 
 uint32_t float_bits(float value) {
@@ -53,85 +57,165 @@ uint32_t float_bits(float value) {
 
 // ---- encoder -------------------------------------------------------------------------------
 
+CANPacket CanPacketEncoder::to_packet(const EncodedFrame& frame) {
+  return {frame.can_id, to_vector(frame.data)};
+}
+
 CANPacket CanPacketEncoder::create_enable_command(const Motor& motor) {
-  return {motor.get_send_id(), pack_command_data(CMD_ENABLE)};
+  return to_packet(encode_enable_command(motor));
 }
 
 CANPacket CanPacketEncoder::create_disable_command(const Motor& motor) {
-  return {motor.get_send_id(), pack_command_data(CMD_DISABLE)};
+  return to_packet(encode_disable_command(motor));
 }
 
 CANPacket CanPacketEncoder::create_set_zero_command(const Motor& motor) {
-  return {motor.get_send_id(), pack_command_data(CMD_SET_ZERO)};
+  return to_packet(encode_set_zero_command(motor));
 }
 
 CANPacket CanPacketEncoder::create_clrErr_command(const Motor& motor) {
-  return {motor.get_send_id(), pack_command_data(CMD_CLEAR_ERROR)};
+  return to_packet(encode_clrErr_command(motor));
 }
 
 CANPacket CanPacketEncoder::create_mit_control_command(const Motor& motor, const MITParam& p) {
-  return {motor.get_send_id(), pack_mit_control_data(motor.get_motor_type(), p)};
+  return to_packet(encode_mit_control_command(motor, p));
 }
 
 CANPacket CanPacketEncoder::create_pos_vel_control_command(const Motor& motor,
                                                            const POS_VELParam& p) {
-  return {motor.get_send_id() + POS_VEL_ID_OFFSET,
-          pack_posvel_control_data(motor.get_motor_type(), p)};
+  return to_packet(encode_pos_vel_control_command(motor, p));
 }
 
 CANPacket CanPacketEncoder::create_refresh_command(const Motor& motor) {
+  return to_packet(encode_refresh_command(motor));
+}
+
+CANPacket CanPacketEncoder::create_query_param_command(const Motor& motor, int rid) {
+  return to_packet(encode_query_param_command(motor, rid));
+}
+
+CANPacket CanPacketEncoder::create_write_param_command(const Motor& motor, int rid,
+                                                       unsigned int value) {
+  return to_packet(encode_write_param_command(motor, rid, value));
+}
+
+CANPacket CanPacketEncoder::create_write_param_command(const Motor& motor, int rid, float value) {
+  return to_packet(encode_write_param_command(motor, rid, value));
+}
+
+CANPacket CanPacketEncoder::create_param_write_RID_command(const Motor& motor, int mode) {
+  return to_packet(encode_param_write_RID_command(motor, mode));
+}
+
+EncodedFrame CanPacketEncoder::encode_enable_command(const Motor& motor) {
+  return {motor.get_send_id(), command_payload(CMD_ENABLE)};
+}
+
+EncodedFrame CanPacketEncoder::encode_disable_command(const Motor& motor) {
+  return {motor.get_send_id(), command_payload(CMD_DISABLE)};
+}
+
+EncodedFrame CanPacketEncoder::encode_set_zero_command(const Motor& motor) {
+  return {motor.get_send_id(), command_payload(CMD_SET_ZERO)};
+}
+
+EncodedFrame CanPacketEncoder::encode_clrErr_command(const Motor& motor) {
+  return {motor.get_send_id(), command_payload(CMD_CLEAR_ERROR)};
+}
+
+EncodedFrame CanPacketEncoder::encode_mit_control_command(const Motor& motor, const MITParam& p) {
+  return {motor.get_send_id(), mit_control_payload(motor.get_motor_type(), p)};
+}
+
+EncodedFrame CanPacketEncoder::encode_pos_vel_control_command(const Motor& motor,
+                                                              const POS_VELParam& p) {
+  return {motor.get_send_id() + POS_VEL_ID_OFFSET,
+          posvel_control_payload(motor.get_motor_type(), p)};
+}
+
+EncodedFrame CanPacketEncoder::encode_refresh_command(const Motor& motor) {
   // Unlike the other parameter frames the refresh request carries a zero second id byte.
   return {PARAM_CAN_ID,
           {static_cast<uint8_t>(motor.get_send_id() & 0xFF), 0x00, PARAM_REFRESH, 0, 0, 0, 0, 0}};
 }
 
-CANPacket CanPacketEncoder::create_query_param_command(const Motor& motor, int rid) {
-  return {PARAM_CAN_ID, pack_query_param_data(motor.get_send_id(), rid)};
+EncodedFrame CanPacketEncoder::encode_query_param_command(const Motor& motor, int rid) {
+  return {PARAM_CAN_ID, query_param_payload(motor.get_send_id(), rid)};
 }
 
-CANPacket CanPacketEncoder::create_write_param_command(const Motor& motor, int rid,
-                                                       unsigned int value) {
-  return {PARAM_CAN_ID, pack_write_param_data(motor.get_send_id(), rid, value)};
+EncodedFrame CanPacketEncoder::encode_write_param_command(const Motor& motor, int rid,
+                                                          unsigned int value) {
+  return {PARAM_CAN_ID, write_param_payload(motor.get_send_id(), rid, value)};
 }
 
-CANPacket CanPacketEncoder::create_write_param_command(const Motor& motor, int rid, float value) {
-  return {PARAM_CAN_ID, pack_write_param_data(motor.get_send_id(), rid, value)};
+EncodedFrame CanPacketEncoder::encode_write_param_command(const Motor& motor, int rid,
+                                                          float value) {
+  return {PARAM_CAN_ID, write_param_payload(motor.get_send_id(), rid, value)};
 }
 
-CANPacket CanPacketEncoder::create_param_write_RID_command(const Motor& motor, int mode) {
-  return {PARAM_CAN_ID, pack_switch_control_mode_data(motor.get_send_id(), mode)};
+EncodedFrame CanPacketEncoder::encode_param_write_RID_command(const Motor& motor, int mode) {
+  return {PARAM_CAN_ID, switch_control_mode_payload(motor.get_send_id(), mode)};
 }
 
 std::vector<uint8_t> CanPacketEncoder::pack_command_data(uint8_t cmd) {
-  return {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, cmd};
+  return to_vector(command_payload(cmd));
 }
 
 std::vector<uint8_t> CanPacketEncoder::pack_query_param_data(unsigned int id, int rid) {
-  return param_header(id, PARAM_READ, rid);
+  return to_vector(query_param_payload(id, rid));
 }
 
 std::vector<uint8_t> CanPacketEncoder::pack_write_param_data(unsigned int id, int rid,
                                                              unsigned int value) {
-  std::vector<uint8_t> data = param_header(id, PARAM_WRITE, rid);
-  put_u32_le(data, 4, value);
-  return data;
+  return to_vector(write_param_payload(id, rid, value));
 }
 
 std::vector<uint8_t> CanPacketEncoder::pack_write_param_data(unsigned int id, int rid,
                                                              float value) {
+  return to_vector(write_param_payload(id, rid, value));
+}
+
+std::vector<uint8_t> CanPacketEncoder::pack_switch_control_mode_data(unsigned int id, int mode) {
+  return to_vector(switch_control_mode_payload(id, mode));
+}
+
+std::vector<uint8_t> CanPacketEncoder::pack_mit_control_data(MotorType type, const MITParam& p) {
+  return to_vector(mit_control_payload(type, p));
+}
+
+std::vector<uint8_t> CanPacketEncoder::pack_posvel_control_data(MotorType type,
+                                                                const POS_VELParam& p) {
+  return to_vector(posvel_control_payload(type, p));
+}
+
+Payload CanPacketEncoder::command_payload(uint8_t cmd) {
+  return {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, cmd};
+}
+
+Payload CanPacketEncoder::query_param_payload(unsigned int id, int rid) {
+  return param_header(id, PARAM_READ, rid);
+}
+
+Payload CanPacketEncoder::write_param_payload(unsigned int id, int rid, unsigned int value) {
+  Payload data = param_header(id, PARAM_WRITE, rid);
+  put_u32_le(data, 4, value);
+  return data;
+}
+
+Payload CanPacketEncoder::write_param_payload(unsigned int id, int rid, float value) {
   require_finite(value, rid, "register write");
-  std::vector<uint8_t> data = param_header(id, PARAM_WRITE, rid);
+  Payload data = param_header(id, PARAM_WRITE, rid);
   put_u32_le(data, 4, float_bits(value));
   return data;
 }
 
-std::vector<uint8_t> CanPacketEncoder::pack_switch_control_mode_data(unsigned int id, int mode) {
-  std::vector<uint8_t> data = param_header(id, PARAM_WRITE, RID_CTRL_MODE);
+Payload CanPacketEncoder::switch_control_mode_payload(unsigned int id, int mode) {
+  Payload data = param_header(id, PARAM_WRITE, RID_CTRL_MODE);
   data[4] = static_cast<uint8_t>(mode & 0xFF);
   return data;
 }
 
-std::vector<uint8_t> CanPacketEncoder::pack_mit_control_data(MotorType type, const MITParam& p) {
+Payload CanPacketEncoder::mit_control_payload(MotorType type, const MITParam& p) {
   require_finite(p, "MIT command");
   const LimitParam lim = Motor::get_limit_param(type);
   const double p_max = lim.p_max;
@@ -153,10 +237,10 @@ std::vector<uint8_t> CanPacketEncoder::pack_mit_control_data(MotorType type, con
           static_cast<uint8_t>(tau_u & 0xFF)};
 }
 
-std::vector<uint8_t> CanPacketEncoder::pack_posvel_control_data(MotorType /*type*/,
-                                                                const POS_VELParam& p) {
+Payload CanPacketEncoder::posvel_control_payload(MotorType /*type*/, const POS_VELParam& p) {
   require_finite(p, "position-velocity command");
-  std::vector<uint8_t> data(sizeof(POS_VELParam));
+  Payload data;
+  static_assert(sizeof(POS_VELParam) == sizeof(Payload));
   std::memcpy(data.data(), &p, sizeof(POS_VELParam));
   return data;
 }
@@ -210,7 +294,16 @@ unsigned int CanPacketEncoder::double_to_uint(double x, double min, double max, 
 
 StateResult CanPacketDecoder::parse_motor_state_data(const Motor& motor,
                                                      const std::vector<uint8_t>& data) {
-  if (data.size() < 8) {
+  return parse_motor_state_data(motor, data.data(), data.size());
+}
+
+ParamResult CanPacketDecoder::parse_motor_param_data(const std::vector<uint8_t>& data) {
+  return parse_motor_param_data(data.data(), data.size());
+}
+
+StateResult CanPacketDecoder::parse_motor_state_data(const Motor& motor, const uint8_t* data,
+                                                     size_t size) {
+  if (size < 8) {
     std::cerr << "Warning: Skipping motor state data less than 8 bytes\n";
     return StateResult{};
   }
@@ -234,13 +327,13 @@ StateResult CanPacketDecoder::parse_motor_state_data(const Motor& motor,
   return s;
 }
 
-ParamResult CanPacketDecoder::parse_motor_param_data(const std::vector<uint8_t>& data) {
+ParamResult CanPacketDecoder::parse_motor_param_data(const uint8_t* data, size_t size) {
   ParamResult invalid;
   invalid.rid = 0;
   invalid.value = std::numeric_limits<double>::quiet_NaN();
   invalid.command = 0;
   invalid.valid = false;
-  if (data.size() < 8) {
+  if (size < 8) {
     return invalid;
   }
   if (data[2] != PARAM_WRITE && data[2] != PARAM_READ) {

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -16,6 +17,17 @@ namespace kestrel::damiao_motor {
 struct CANPacket {
   uint32_t can_id = 0;
   std::vector<uint8_t> data;
+};
+
+// The 8 payload bytes of every DM frame.
+using Payload = std::array<uint8_t, 8>;
+
+// One DM frame ready for the bus, held by value: identifier and payload, no heap storage. A
+// control loop encodes all the frames of its cycle first (computation) and then writes them back
+// to back (bus I/O), so that each half can be timed on its own.
+struct EncodedFrame {
+  uint32_t can_id = 0;
+  Payload data{};
 };
 
 // One MIT-mode command: gains, target position and velocity, feed-forward torque.
@@ -73,6 +85,20 @@ class CanPacketEncoder {
   // The control-mode switch: a write of register 10 carrying only the mode byte.
   static CANPacket create_param_write_RID_command(const Motor& motor, int mode);
 
+  // The same frames, byte for byte, without allocating: the create_* functions above copy these
+  // into packets. They refuse what their create_* counterparts refuse, with the same messages.
+  static EncodedFrame encode_enable_command(const Motor& motor);
+  static EncodedFrame encode_disable_command(const Motor& motor);
+  static EncodedFrame encode_set_zero_command(const Motor& motor);
+  static EncodedFrame encode_clrErr_command(const Motor& motor);
+  static EncodedFrame encode_mit_control_command(const Motor& motor, const MITParam& p);
+  static EncodedFrame encode_pos_vel_control_command(const Motor& motor, const POS_VELParam& p);
+  static EncodedFrame encode_refresh_command(const Motor& motor);
+  static EncodedFrame encode_query_param_command(const Motor& motor, int rid);
+  static EncodedFrame encode_write_param_command(const Motor& motor, int rid, unsigned int value);
+  static EncodedFrame encode_write_param_command(const Motor& motor, int rid, float value);
+  static EncodedFrame encode_param_write_RID_command(const Motor& motor, int mode);
+
   static std::vector<uint8_t> pack_command_data(uint8_t cmd);
   static std::vector<uint8_t> pack_query_param_data(unsigned int id, int rid);
   static std::vector<uint8_t> pack_write_param_data(unsigned int id, int rid, unsigned int value);
@@ -84,6 +110,18 @@ class CanPacketEncoder {
   static std::vector<uint8_t> pack_mit_control_data(MotorType type, const MITParam& p);
   // "position-velocity command: dq must be finite, got inf" for a non-finite field.
   static std::vector<uint8_t> pack_posvel_control_data(MotorType type, const POS_VELParam& p);
+
+  // The payloads in place; the pack_* functions above copy these into vectors.
+  static Payload command_payload(uint8_t cmd);
+  static Payload query_param_payload(unsigned int id, int rid);
+  static Payload write_param_payload(unsigned int id, int rid, unsigned int value);
+  static Payload write_param_payload(unsigned int id, int rid, float value);
+  static Payload switch_control_mode_payload(unsigned int id, int mode);
+  static Payload mit_control_payload(MotorType type, const MITParam& p);
+  static Payload posvel_control_payload(MotorType type, const POS_VELParam& p);
+
+  // The frame's identifier and a copy of its bytes as a packet.
+  static CANPacket to_packet(const EncodedFrame& frame);
 
   // Throw std::invalid_argument "<operation>: <field> must be finite, got <value>" for the first
   // NaN or infinite field, with "motor <index> " before the field when motor_index >= 0. They
@@ -104,6 +142,9 @@ class CanPacketDecoder {
  public:
   static StateResult parse_motor_state_data(const Motor& motor, const std::vector<uint8_t>& data);
   static ParamResult parse_motor_param_data(const std::vector<uint8_t>& data);
+  // The same, read in place from `size` bytes at `data` (a received frame's buffer): no copy.
+  static StateResult parse_motor_state_data(const Motor& motor, const uint8_t* data, size_t size);
+  static ParamResult parse_motor_param_data(const uint8_t* data, size_t size);
 
   static double uint_to_double(uint16_t u, double min, double max, int bits);
   static float uint8s_to_float(const std::array<uint8_t, 4>& bytes);

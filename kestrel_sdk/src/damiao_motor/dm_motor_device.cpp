@@ -44,6 +44,15 @@ void require_payload_fits(const char* operation, size_t size, size_t capacity, c
   }
 }
 
+// A classic frame never holds more than 8 bytes, whatever its length field claims.
+size_t payload_length(const can_frame& frame) {
+  return std::min<size_t>(frame.can_dlc, CAN_MAX_DLEN);
+}
+
+size_t payload_length(const canfd_frame& frame) {
+  return std::min<size_t>(frame.len, CANFD_MAX_DLEN);
+}
+
 }  // namespace
 
 const char* dm_status_text(int code) {
@@ -79,39 +88,44 @@ DMCANDevice::DMCANDevice(Motor& motor, unsigned int param_can_id, bool canfd)
 DMCANDevice::~DMCANDevice() = default;
 
 can_frame DMCANDevice::create_can_frame(unsigned int can_id, std::vector<uint8_t> data) {
-  require_payload_fits("create_can_frame", data.size(), CAN_MAX_DLEN, "classic CAN");
-  can_frame frame;
-  std::memset(&frame, 0, sizeof(frame));
-  frame.can_id = can_id;
-  frame.can_dlc = static_cast<uint8_t>(data.size());
-  std::copy(data.begin(), data.end(), frame.data);
-  return frame;
+  return create_can_frame(can_id, data.data(), data.size());
 }
 
 canfd_frame DMCANDevice::create_canfd_frame(unsigned int can_id, std::vector<uint8_t> data) {
-  require_payload_fits("create_canfd_frame", data.size(), CANFD_MAX_DLEN, "CAN FD");
+  return create_canfd_frame(can_id, data.data(), data.size());
+}
+
+can_frame DMCANDevice::create_can_frame(unsigned int can_id, const uint8_t* data, size_t size) {
+  require_payload_fits("create_can_frame", size, CAN_MAX_DLEN, "classic CAN");
+  can_frame frame;
+  std::memset(&frame, 0, sizeof(frame));
+  frame.can_id = can_id;
+  frame.can_dlc = static_cast<uint8_t>(size);
+  std::copy(data, data + size, frame.data);
+  return frame;
+}
+
+canfd_frame DMCANDevice::create_canfd_frame(unsigned int can_id, const uint8_t* data, size_t size) {
+  require_payload_fits("create_canfd_frame", size, CANFD_MAX_DLEN, "CAN FD");
   canfd_frame frame;
   std::memset(&frame, 0, sizeof(frame));
   frame.can_id = can_id;
-  frame.len = static_cast<uint8_t>(data.size());
+  frame.len = static_cast<uint8_t>(size);
   frame.flags = CANFD_BRS;
-  std::copy(data.begin(), data.end(), frame.data);
+  std::copy(data, data + size, frame.data);
   return frame;
 }
 
 std::vector<uint8_t> DMCANDevice::get_data_from_frame(const can_frame& frame) {
-  // A classic frame never holds more than 8 bytes, whatever its length field claims.
-  const size_t length = std::min<size_t>(frame.can_dlc, CAN_MAX_DLEN);
-  return std::vector<uint8_t>(frame.data, frame.data + length);
+  return std::vector<uint8_t>(frame.data, frame.data + payload_length(frame));
 }
 
 std::vector<uint8_t> DMCANDevice::get_data_from_frame(const canfd_frame& frame) {
-  const size_t length = std::min<size_t>(frame.len, CANFD_MAX_DLEN);
-  return std::vector<uint8_t>(frame.data, frame.data + length);
+  return std::vector<uint8_t>(frame.data, frame.data + payload_length(frame));
 }
 
-void DMCANDevice::handle_state(const std::vector<uint8_t>& data) {
-  const StateResult s = CanPacketDecoder::parse_motor_state_data(motor, data);
+void DMCANDevice::handle_state(const uint8_t* data, size_t size) {
+  const StateResult s = CanPacketDecoder::parse_motor_state_data(motor, data, size);
   if (!s.valid) {
     return;
   }
@@ -120,8 +134,8 @@ void DMCANDevice::handle_state(const std::vector<uint8_t>& data) {
   maybe_report_motor_error(motor, s);
 }
 
-void DMCANDevice::handle_param(const std::vector<uint8_t>& data) {
-  const ParamResult r = CanPacketDecoder::parse_motor_param_data(data);
+void DMCANDevice::handle_param(const uint8_t* data, size_t size) {
+  const ParamResult r = CanPacketDecoder::parse_motor_param_data(data, size);
   // Write acknowledgements are decoded and dropped; only read replies carry a value to keep.
   if (r.valid && r.command == PARAM_READ) {
     motor.set_temp_param(r.rid, r.value);
@@ -133,14 +147,14 @@ void DMCANDevice::callback(const can_frame& frame) {
     std::cerr << "WARNING: WRONG CALLBACK FUNCTION\n";
     return;
   }
-  const std::vector<uint8_t> data = get_data_from_frame(frame);
+  const size_t length = payload_length(frame);
   if (callback_mode == CallbackMode::PARAM) {
-    handle_param(data);
+    handle_param(frame.data, length);
   } else if (callback_mode == CallbackMode::STATE) {
     if (frame.can_dlc < 8 || frame.can_id != motor.get_recv_id()) {
       return;
     }
-    handle_state(data);
+    handle_state(frame.data, length);
   }
 }
 
@@ -153,11 +167,11 @@ void DMCANDevice::callback(const canfd_frame& frame) {
     std::cerr << "WARNING: CANFD FRAME ID DOES NOT MATCH MOTOR ID\n";
     return;
   }
-  const std::vector<uint8_t> data = get_data_from_frame(frame);
+  const size_t length = payload_length(frame);
   if (callback_mode == CallbackMode::STATE) {
-    handle_state(data);
+    handle_state(frame.data, length);
   } else if (callback_mode == CallbackMode::PARAM) {
-    handle_param(data);
+    handle_param(frame.data, length);
   }
 }
 

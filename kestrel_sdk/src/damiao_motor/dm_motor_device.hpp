@@ -2,6 +2,7 @@
 // dispatched to the motor's receive identifier into the Motor, by callback mode.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -22,6 +23,9 @@ class DMCANDevice : public canbus::CANDevice {
   static can_frame create_can_frame(unsigned int can_id, std::vector<uint8_t> data);
   // FD frames go out with the bit-rate switch flag.
   static canfd_frame create_canfd_frame(unsigned int can_id, std::vector<uint8_t> data);
+  // The same frames from `size` bytes at `data`, without a vector: the send path of the groups.
+  static can_frame create_can_frame(unsigned int can_id, const uint8_t* data, size_t size);
+  static canfd_frame create_canfd_frame(unsigned int can_id, const uint8_t* data, size_t size);
   static std::vector<uint8_t> get_data_from_frame(const can_frame& frame);
   static std::vector<uint8_t> get_data_from_frame(const canfd_frame& frame);
 
@@ -35,8 +39,9 @@ class DMCANDevice : public canbus::CANDevice {
   void set_callback_mode(CallbackMode mode) { callback_mode = mode; }
 
  private:
-  void handle_state(const std::vector<uint8_t>& data);
-  void handle_param(const std::vector<uint8_t>& data);
+  // Both decode in place from the frame's own buffer: dispatch allocates nothing.
+  void handle_state(const uint8_t* data, size_t size);
+  void handle_param(const uint8_t* data, size_t size);
 
   Motor& motor;
   CallbackMode callback_mode = CallbackMode::STATE;

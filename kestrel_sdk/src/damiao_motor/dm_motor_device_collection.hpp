@@ -26,6 +26,12 @@ namespace kestrel::damiao_motor {
 //     "set_acc_one: motor 0 register 4 value must be finite, got inf".
 // A vector with fewer entries than motors pairs entry i with motor i and sends nothing to the
 // motors past its end.
+//
+// The group keeps its DM devices in a list of its own, rebuilt whenever its registry gains or
+// loses a device. Devices are added and removed only during set-up, before a control thread
+// runs: the list is then read without a lock, and a change would move it under a reader. Once
+// set up, every command member, send_encoded and reading motors through dm_devices() allocate
+// nothing; get_dm_devices() and get_motors() still return copies.
 class DMDeviceCollection {
  public:
   explicit DMDeviceCollection(canbus::CANSocket& socket);
@@ -35,9 +41,14 @@ class DMDeviceCollection {
   DMDeviceCollection& operator=(const DMDeviceCollection&) = delete;
 
   std::vector<std::shared_ptr<DMCANDevice>> get_dm_devices() const;
+  // The same devices in the same order, without a copy: the group's own list.
+  const std::vector<std::shared_ptr<DMCANDevice>>& dm_devices() const { return dm_device_list; }
   std::vector<Motor> get_motors() const;
   // The frame type follows the socket's FD flag, not the device's.
   bool send_command_to_device(std::shared_ptr<DMCANDevice> device, const CANPacket& packet);
+  // Writes one encoded frame as send_command_to_device writes a packet (classic or FD by the
+  // socket's flag, the same bytes), without allocating. Returns the writer's result.
+  bool send_encoded(const EncodedFrame& frame);
 
   void enable_all();
   void disable_all();
@@ -71,15 +82,22 @@ class DMDeviceCollection {
   void pos_vel_control_one(int index, const POS_VELParam& param);
   void pos_vel_control_all(const std::vector<POS_VELParam>& params);
 
+  // The encoding half of mit_control_one / pos_vel_control_one (which send exactly these frames):
+  // the same checks with the same messages, nothing sent, nothing allocated. A control loop
+  // encodes every frame of its cycle first, then writes them back to back with send_encoded.
+  EncodedFrame encode_mit_one(int index, const MITParam& param) const;
+  EncodedFrame encode_pos_vel_one(int index, const POS_VELParam& param) const;
+
   void set_callback_mode_all(CallbackMode mode);
 
   canbus::CANDeviceCollection& get_device_collection() const { return *device_collection; }
   canbus::CANSocket& get_socket() const { return socket; }
 
  private:
-  template <typename MakePacket>
-  void send_to_all(MakePacket make_packet);
-  std::shared_ptr<DMCANDevice> device_at(int index, const char* operation) const;
+  template <typename Encode>
+  void send_to_all(Encode encode);
+  const DMCANDevice& device_at(int index, const char* operation) const;
+  void rebuild_dm_device_list();
   template <typename Value>
   void write_one(const char* operation, int index, int rid, Value value);
   template <typename Value>
@@ -89,6 +107,8 @@ class DMDeviceCollection {
   std::unique_ptr<CanPacketEncoder> encoder;
   std::unique_ptr<CanPacketDecoder> decoder;
   std::unique_ptr<canbus::CANDeviceCollection> device_collection;
+  // The DM devices of device_collection in its key order; see rebuild_dm_device_list.
+  std::vector<std::shared_ptr<DMCANDevice>> dm_device_list;
 };
 
 }  // namespace kestrel::damiao_motor
