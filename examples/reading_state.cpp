@@ -37,8 +37,11 @@ int main(int argc, char** argv) {
         std::vector<double>(cycle.feedforward_torque.begin(), cycle.feedforward_torque.end()));
 
   const auto timing = arm.control_loop_statistics();
-  std::printf("control loop: %llu cycles, compute median %.0f us (p99 %.0f), %llu missed\n",
-              static_cast<unsigned long long>(timing.cycles), timing.compute_median_us,
-              timing.compute_p99_us, static_cast<unsigned long long>(timing.missed_deadlines));
+  std::printf(
+      "control loop: %llu cycles, compute median %.0f us (p99 %.0f), bus I/O median %.0f us "
+      "(p99 %.0f), %llu missed\n",
+      static_cast<unsigned long long>(timing.cycles), timing.compute_median_us,
+      timing.compute_p99_us, timing.io_median_us, timing.io_p99_us,
+      static_cast<unsigned long long>(timing.missed_deadlines));
   return 0;
 }

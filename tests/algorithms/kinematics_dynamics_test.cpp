@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "algorithms/test_arm.hpp"
+#include "kestrel/algorithms/chain_dynamics.hpp"
 #include "kestrel/algorithms/kinematics.hpp"
 
 using kestrel::testing::TempDir;
@@ -170,16 +171,23 @@ TEST_F(KinematicsDynamics, RejectsVectorsOfTheWrongSize) {
   }
 }
 
+// The model's queries from four threads at once, and a thread's private ChainDynamics beside
+// them, give exactly the serial results.
 TEST_F(KinematicsDynamics, ConcurrentQueriesGiveTheSerialResults) {
   const auto postures = random_vectors(50, 2.0, 9);
+  const auto rates = random_vectors(50, 3.0, 10);
   std::vector<std::vector<double>> gravity;
+  std::vector<std::vector<double>> coriolis;
+  std::vector<std::vector<double>> inertia;
   std::vector<std::vector<double>> poses;
-  for (const auto& q : postures) {
-    gravity.push_back(model_.gravity_compensation_kdl(to_std(q)));
-    poses.push_back(model_.forwardKinematics_kdl(to_std(q)));
+  for (std::size_t i = 0; i < postures.size(); ++i) {
+    gravity.push_back(model_.gravity_compensation_kdl(to_std(postures[i])));
+    coriolis.push_back(model_.coriolis_compensation_kdl(to_std(postures[i]), to_std(rates[i])));
+    inertia.push_back(model_.inertia_compensation_kdl(to_std(postures[i]), to_std(rates[i])));
+    poses.push_back(model_.forwardKinematics_kdl(to_std(postures[i])));
   }
   std::vector<std::thread> threads;
-  std::vector<int> mismatches(4, 0);
+  std::vector<int> mismatches(5, 0);
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&, t] {
       for (int round = 0; round < 20; ++round) {
@@ -190,10 +198,23 @@ TEST_F(KinematicsDynamics, ConcurrentQueriesGiveTheSerialResults) {
       }
     });
   }
+  threads.emplace_back([&] {
+    kestrel::algorithms::ChainDynamics own(model_);
+    std::vector<double> out(static_cast<std::size_t>(own.num_joints()));
+    for (int round = 0; round < 20; ++round) {
+      for (std::size_t i = 0; i < postures.size(); ++i) {
+        const std::vector<double> q = to_std(postures[i]);
+        const std::vector<double> rate = to_std(rates[i]);
+        mismatches[4] += own.gravity(q.data(), out.data()) != 0 || out != gravity[i];
+        mismatches[4] += own.coriolis(q.data(), rate.data(), out.data()) != 0 || out != coriolis[i];
+        mismatches[4] += own.inertia(q.data(), rate.data(), out.data()) != 0 || out != inertia[i];
+      }
+    }
+  });
   for (auto& thread : threads) {
     thread.join();
   }
-  EXPECT_EQ(mismatches, std::vector<int>(4, 0));
+  EXPECT_EQ(mismatches, std::vector<int>(5, 0));
 }
 
 TEST(KinematicsRotations, TransformsFollowTheRpyAndScrewConventions) {

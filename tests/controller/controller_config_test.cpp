@@ -3,6 +3,11 @@
 // against an edited copy of the shipped file.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <sched.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <iostream>
 
@@ -42,6 +47,9 @@ KESTREL_CONFIG_SCENARIO(controller_sections) {
     std::cout << "trajectory " << trajectory.max_motion_duration_sec << ' '
               << trajectory.set_joint_speed_factor << ' ' << trajectory.continuous_waypoint_velocity
               << ' ' << trajectory.smooth_takeover << '\n';
+    const auto& rt = impl.realtime_config;
+    std::cout << "realtime " << rt.enabled << ' ' << rt.control_priority << ' '
+              << rt.monitor_priority << ' ' << rt.lock_memory << ' ' << rt.control_cpu << '\n';
   } catch (const std::exception& e) {
     std::cout << "exception: " << e.what() << '\n';
     return 3;
@@ -63,6 +71,37 @@ KESTREL_CONFIG_SCENARIO(hold_reaching_posture) {
     worst = std::max(worst, std::abs(q[j] - reaching[j]));
   }
   std::cout << "hold_error " << worst << '\n';
+  return 0;
+}
+
+// Takes from this process what lets it raise its scheduling and lock its memory: both limits go
+// to 0 and, for root, the capabilities that override them are dropped.
+void forbid_realtime() {
+  const rlimit none{0, 0};
+  setrlimit(RLIMIT_RTPRIO, &none);
+  setrlimit(RLIMIT_MEMLOCK, &none);
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct caps[2]{};
+  if (syscall(SYS_capget, &header, caps) == 0) {
+    for (unsigned cap : {CAP_SYS_NICE, CAP_IPC_LOCK}) {
+      caps[cap / 32].effective &= ~(1u << (cap % 32));
+      caps[cap / 32].permitted &= ~(1u << (cap % 32));
+    }
+    syscall(SYS_capset, &header, caps);
+  }
+}
+
+// Starts the controller on the simulated arm (with "forbid": after forbid_realtime()) and
+// reports whether its loop runs.
+KESTREL_CONFIG_SCENARIO(realtime_controller) {
+  if (!args.empty() && args[0] == "forbid") {
+    forbid_realtime();
+  }
+  kestrel::testing::SimulatedArm sim;
+  ArmController arm(true, "can0", false, MIT_MODE, false);
+  const bool cycling = kestrel::testing::eventually(
+      [&] { return arm.control_loop_statistics().cycles > 40; }, std::chrono::seconds(5));
+  std::cout << "running " << arm.running() << " cycling " << cycling << '\n';
   return 0;
 }
 
@@ -110,7 +149,8 @@ constexpr const char* kSix = "[1, 2, 3, 4, 5, 6]";
 
 TEST_F(ControllerConfig, OptionalSectionsFallBackToValidatedDefaults) {
   std::string yaml = ConfigSandbox::shipped_config();
-  for (const char* section : {"runtime_joint_safety", "gripper_watchdog", "gripper_control"}) {
+  for (const char* section :
+       {"runtime_joint_safety", "gripper_watchdog", "gripper_control", "realtime"}) {
     yaml = replace_yaml_section(yaml, section, "");
   }
   box.write_config(yaml);
@@ -120,6 +160,7 @@ TEST_F(ControllerConfig, OptionalSectionsFallBackToValidatedDefaults) {
   EXPECT_THAT(r.out, ::testing::HasSubstr("stop 20 20 20 8 6 6\n"));
   EXPECT_THAT(r.out, ::testing::HasSubstr("watchdog 1 5 100 0.015 0.035 500\n"));
   EXPECT_THAT(r.out, ::testing::HasSubstr("gripper 8 0.1\n"));
+  EXPECT_THAT(r.out, ::testing::HasSubstr("realtime 0 80 70 1 -1\n"));
 }
 
 TEST_F(ControllerConfig, GravityFeedForwardHoldsTheArmWhereTheGainsAloneCannot) {
@@ -263,6 +304,122 @@ TEST_F(ControllerConfig, GripperSections) {
   EXPECT_EQ(fatal_line(r), "Failed to load gripper control config at " + path() +
                                ": invalid gripper_control config: default_kp must be in "
                                "[0.1,20.0], default_kd must be in [0.1,1.0]");
+}
+
+TEST_F(ControllerConfig, RealtimeSection) {
+  const struct {
+    const char* name;
+    std::string keys;
+    std::string printed;
+  } accepted[] = {
+      {"defaults when the keys are absent", "", "realtime 0 80 70 1 -1\n"},
+      // A CPU the machine lacks is refused when the thread starts, not here.
+      {"edges of the ranges",
+       "  enabled: true\n  control_priority: 1\n  monitor_priority: 99\n"
+       "  lock_memory: false\n  control_cpu: 4096\n",
+       "realtime 1 1 99 0 4096\n"},
+  };
+  for (const auto& row : accepted) {
+    const auto r = run_with("realtime", "realtime:\n" + row.keys);
+    EXPECT_THAT(r.out, ::testing::HasSubstr(row.printed)) << row.name << '\n' << r.describe();
+  }
+
+  const std::string failed = "Failed to load realtime config at " + path() + ": ";
+  const auto priority = [&](const char* key) {
+    return ::testing::Eq(failed + "invalid realtime config: " + key +
+                         " must be an integer in [1, 99]");
+  };
+  const auto cpu = ::testing::Eq(
+      failed + "invalid realtime config: control_cpu must be -1 (no pinning) or a CPU number >= 0");
+  expect_fatal("realtime",
+               {
+                   {"control priority zero", "realtime:\n  control_priority: 0\n",
+                    priority("control_priority")},
+                   {"control priority 100", "realtime:\n  control_priority: 100\n",
+                    priority("control_priority")},
+                   {"control priority fractional", "realtime:\n  control_priority: 80.5\n",
+                    priority("control_priority")},
+                   {"monitor priority NaN", "realtime:\n  monitor_priority: .nan\n",
+                    priority("monitor_priority")},
+                   {"cpu below -1", "realtime:\n  control_cpu: -2\n", cpu},
+                   {"cpu fractional", "realtime:\n  control_cpu: 0.5\n", cpu},
+                   {"priority not a number", "realtime:\n  control_priority: high\n",
+                    ::testing::StartsWith(failed + "yaml-cpp: error at line")},
+                   {"enabled not a boolean", "realtime:\n  enabled: sometimes\n",
+                    ::testing::StartsWith(
+                        failed + "Invalid boolean config field 'enabled': expected true/false. "
+                                 "yaml-cpp: error at line")},
+               });
+}
+
+// Sanitizer runtimes take mlockall over and report success without locking anything.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kRealMlockall = false;
+#else
+constexpr bool kRealMlockall = true;
+#endif
+
+// The controller runs on the simulated arm with the real-time set-up enabled, whether the system
+// grants it or not, and says in exact lines what it applied and what it was refused.
+TEST_F(ControllerConfig, RealtimeSetUpIsReportedAndNeverStopsTheController) {
+  cpu_set_t allowed;
+  ASSERT_EQ(sched_getaffinity(0, sizeof(allowed), &allowed), 0);
+  int first_cpu = 0;
+  while (!CPU_ISSET(first_cpu, &allowed)) {
+    ++first_cpu;
+  }
+  const std::string pinned = "control thread on CPU " + std::to_string(first_cpu);
+  const long cpus = sysconf(_SC_NPROCESSORS_CONF);
+  const std::string fifo_refused =
+      "[realtime] SCHED_FIFO priority 80 for the control thread not permitted (EPERM): running "
+      "without real-time scheduling. Allow it with `ulimit -r 99` in the launching shell, the "
+      "CAP_SYS_NICE capability, or an rtprio line for your user in /etc/security/limits.conf";
+  const std::string lock_refused =
+      "[realtime] mlockall not permitted (EPERM): running with pageable memory. Allow it with "
+      "`ulimit -l unlimited` in the launching shell, the CAP_IPC_LOCK capability, or a memlock "
+      "line for your user in /etc/security/limits.conf";
+  const std::string no_such_cpu = "[realtime] CPU 4096 does not exist on this machine (" +
+                                  std::to_string(cpus) + " configured: 0-" +
+                                  std::to_string(cpus - 1) +
+                                  "): the control thread is not pinned. Set "
+                                  "realtime.control_cpu to one of them, or to -1";
+  using Lines = std::vector<std::string>;
+  const struct {
+    const char* name;
+    std::string keys;
+    std::string scenario_arg;
+    std::vector<Lines> expected;  // any one of these, in this order
+  } rows[] = {
+      {"as this machine allows",
+       "  lock_memory: false\n  control_cpu: " + std::to_string(first_cpu) + "\n",
+       "",
+       {{"[realtime] applied: " + pinned +
+         ", control thread SCHED_FIFO priority 80, torque monitor SCHED_FIFO priority 70"},
+        {fifo_refused, "[realtime] applied: " + pinned}}},
+      {"everything refused",
+       std::string("  lock_memory: ") + (kRealMlockall ? "true" : "false") +
+           "\n  control_cpu: 4096\n",
+       "forbid",
+       {kRealMlockall ? Lines{lock_refused, no_such_cpu, fifo_refused}
+                      : Lines{no_such_cpu, fifo_refused}}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    box.write_config(replace_yaml_section(ConfigSandbox::shipped_config(), "realtime",
+                                          "realtime:\n  enabled: true\n" + row.keys));
+    kestrel::testing::RunOptions options;
+    options.args = {row.scenario_arg};
+    const auto r = box.run("realtime_controller", options);
+    ASSERT_EQ(r.exit_code, 0) << r.describe();
+    EXPECT_THAT(r.out, ::testing::HasSubstr("running 1 cycling 1\n")) << r.describe();
+    Lines reported;
+    for (const auto& line : r.err_lines()) {
+      if (line.rfind("[realtime]", 0) == 0) {
+        reported.push_back(line);
+      }
+    }
+    EXPECT_THAT(reported, ::testing::AnyOfArray(row.expected)) << r.describe();
+  }
 }
 
 TEST_F(ControllerConfig, MotorSigns) {

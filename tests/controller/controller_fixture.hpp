@@ -220,6 +220,14 @@ class ArmControllerTestAccess {
     return !i.staged.empty();
   }
 
+  // The control thread, and the planner's safety pass over a timeline.
+  static pthread_t control_thread(ArmController& arm) {
+    return impl(arm).control_thread.native_handle();
+  }
+  static void check_safety(ArmController& arm, const std::vector<Sample>& samples) {
+    impl(arm).evaluate_waypoint_trajectory_safety(samples);
+  }
+
   static int command_kind(ArmController& arm) {
     auto& i = impl(arm);
     std::lock_guard<std::mutex> lock(i.command_mutex);

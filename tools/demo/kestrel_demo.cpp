@@ -265,11 +265,11 @@ void print_summary(const std::vector<Phase>& phases, const std::vector<ControlCy
   }
   const auto timing = arm.control_loop_statistics();
   std::printf(
-      "control loop: %llu cycles, compute median %.0f us p99 %.0f us, %llu deadlines "
-      "missed; %zu cycles recorded\n",
+      "control loop: %llu cycles, compute median %.0f us p99 %.0f us, bus I/O median %.0f us "
+      "p99 %.0f us, %llu deadlines missed; %zu cycles recorded\n",
       static_cast<unsigned long long>(timing.cycles), timing.compute_median_us,
-      timing.compute_p99_us, static_cast<unsigned long long>(timing.missed_deadlines),
-      samples.size());
+      timing.compute_p99_us, timing.io_median_us, timing.io_p99_us,
+      static_cast<unsigned long long>(timing.missed_deadlines), samples.size());
 }
 
 void usage() {

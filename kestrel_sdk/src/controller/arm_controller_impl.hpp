@@ -25,6 +25,7 @@
 #include <utility>
 #include <vector>
 
+#include "kestrel/algorithms/chain_dynamics.hpp"
 #include "kestrel/algorithms/kinematics.hpp"
 #include "kestrel/algorithms/safety_config.hpp"
 #include "kestrel/algorithms/trajectory_safety.hpp"
@@ -34,6 +35,7 @@
 #include "kestrel/controller/joint_splice.hpp"
 #include "kestrel/controller/joint_waypoint_planner.hpp"
 #include "kestrel/controller/loop_statistics.hpp"
+#include "kestrel/controller/realtime_setup.hpp"
 
 class ArmController::Impl {
  public:
@@ -261,8 +263,12 @@ class ArmController::Impl {
   void read_feedback(LoopState& loop, int64_t now);
   void take_command(LoopState& loop, int64_t now);
   bool compute_targets(LoopState& loop, int64_t now, CycleTargets& out);
-  void send_arm_frames(LoopState& loop, const CycleTargets& targets);
-  void send_gripper_frame(LoopState& loop, const CycleTargets& targets, int64_t now);
+  // The frames of a cycle are encoded first, then written back to back (write_frames): the
+  // loop's statistics time the compute and the bus I/O apart.
+  void encode_arm_frames(LoopState& loop, const CycleTargets& targets);
+  void encode_gripper_frame(LoopState& loop, const CycleTargets& targets, int64_t now);
+  void write_frames(LoopState& loop);
+  void compute_feedforward(const LoopState& loop, const CycleTargets& targets, JointArray& tau);
   void supervise_runtime_limits(LoopState& loop);
   void supervise_waypoint_tracking(LoopState& loop, const CycleTargets& targets);
   void supervise_gripper(LoopState& loop, const CycleTargets& targets, int64_t now);
@@ -270,6 +276,11 @@ class ArmController::Impl {
   // Ends kind-3 playback with a hold; a tracking stop (`drop_staged`) also drops a staged chunk.
   void end_waypoint_playback(LoopState& loop, const JointArray& hold, bool drop_staged);
   void carry_out_emergency_stop();
+  // Under command_mutex: keeps `held` in retired_timelines when the loop's copy is its last owner.
+  template <typename T>
+  void retire_if_last_locked(std::shared_ptr<T>& held, const std::shared_ptr<T>& next);
+  // Torque-monitor thread: lets go of the timelines the loop retired.
+  void release_retired_timelines();
 
   // ---- Configuration (read once, at construction) ----
   ArmController* owner;
@@ -283,6 +294,7 @@ class ArmController::Impl {
   kestrel::controller::RuntimeJointSafetyConfig runtime_safety_config;
   kestrel::controller::GripperWatchdogConfig gripper_watchdog_config;
   kestrel::controller::GripperControlConfig gripper_control_config;
+  kestrel::controller::RealtimeConfig realtime_config = kestrel::controller::load_realtime_config();
   JointArray motor_signs{1, 1, 1, 1, 1, 1};
 
   // Built-in values.
@@ -299,6 +311,9 @@ class ArmController::Impl {
   // ---- Hardware and model ----
   std::unique_ptr<kestrel::can::socket::Kestrel> kestrel;
   std::unique_ptr<RobotKinematics> kinematics;
+  // The control thread's own copy of the dynamics: its feed-forward never waits on the model's
+  // mutex, which inverse kinematics and planning hold for whole searches.
+  std::unique_ptr<kestrel::algorithms::ChainDynamics> cycle_dynamics;
   // Copies of the URDF limits and the planner's limits, fixed after construction.
   JointArray joint_lower{};
   JointArray joint_upper{};
@@ -324,6 +339,11 @@ class ArmController::Impl {
   };
   static constexpr size_t kMaxStagedTimelines = 32;
   std::vector<StagedTimeline> staged;  // capacity reserved at construction
+  // Timelines the control loop held last: the torque monitor releases them, so that the control
+  // thread never frees a long timeline. Capacity reserved at construction; when it is full the
+  // loop lets go of one itself.
+  static constexpr size_t kMaxRetiredTimelines = 16;
+  std::vector<std::shared_ptr<const void>> retired_timelines;
   int64_t gripper_command_time_ns = 0;
   bool gripper_command_seen = false;
   // Start time of the latest cycle that took the command (under command_mutex): a splice is

@@ -5,6 +5,9 @@
 #include <cerrno>
 #include <cmath>
 #include <iostream>
+#include <iterator>
+#include <stdexcept>
+#include <string>
 
 #include "kestrel/controller/arm_controller_impl.hpp"
 #include "kestrel/controller/septic_profile.hpp"
@@ -82,6 +85,14 @@ struct ArmController::Impl::LoopState {
   int gripper_stop_count = 0;
   bool gripper_warning_standing = false;
   bool gripper_stale_standing = false;
+  // This cycle's frames, all encoded before the first is written; the gripper's motor is
+  // cleared and enabled just before frame `revive_gripper_before` when it was dropped.
+  std::array<dm::EncodedFrame, kJoints + 1> frames{};
+  size_t frame_count = 0;
+  size_t revive_gripper_before = kNoRevive;
+  static constexpr size_t kNoRevive = kJoints + 1;
+  // Time spent on the bus this cycle: feedback refresh, reading replies, writing frames.
+  int64_t io_ns = 0;
   // Feed-forward torque sent this cycle (MIT), after clipping.
   JointArray feedforward{};
   // Feed-forward clip report.
@@ -122,6 +133,9 @@ void ArmController::Impl::control_loop() {
   int64_t woke_late_ns = 0;  // how late this cycle started against its deadline
   while (!exit_flag.load()) {
     const int64_t cycle_start = now_ns();
+    loop.io_ns = 0;
+    loop.frame_count = 0;
+    loop.revive_gripper_before = LoopState::kNoRevive;
     try {
       const int64_t now = cycle_start;
       read_feedback(loop, now);
@@ -129,8 +143,9 @@ void ArmController::Impl::control_loop() {
         take_command(loop, now);
         CycleTargets targets;
         if (compute_targets(loop, now, targets)) {
-          send_arm_frames(loop, targets);
-          send_gripper_frame(loop, targets, now);
+          encode_arm_frames(loop, targets);
+          encode_gripper_frame(loop, targets, now);
+          write_frames(loop);
           publish_cycle_sample(loop, targets, now);
         }
         supervise_runtime_limits(loop);
@@ -148,7 +163,7 @@ void ArmController::Impl::control_loop() {
     // Missed periods are dropped, not caught up.
     const int64_t end = now_ns();
     const bool missed = end >= deadline;
-    loop_timing.record(end - cycle_start, 0, woke_late_ns, missed);
+    loop_timing.record(end - cycle_start - loop.io_ns, loop.io_ns, woke_late_ns, missed);
     if (missed) {
       deadline = end + kLoopPeriodNs;
       woke_late_ns = 0;
@@ -176,10 +191,12 @@ void ArmController::Impl::read_feedback(LoopState& loop, int64_t now) {
     loop.feedback_deadline_ns += kFeedbackPeriodNs;
   }
   auto& arm = kestrel->get_arm();
+  const int64_t io_start = now_ns();
   arm.refresh_all();
   kestrel->recv_all(100);
+  loop.io_ns += now_ns() - io_start;
 
-  const auto devices = arm.get_dm_devices();
+  const auto& devices = arm.dm_devices();
   if (devices.size() < static_cast<size_t>(kJoints)) {
     return;
   }
@@ -240,6 +257,10 @@ void ArmController::Impl::take_command(LoopState& loop, int64_t now) {
     }
     if (due != staged.end()) {
       StagedTimeline next = std::move(*due);
+      for (auto it = staged.begin(); it != due; ++it) {  // over unplayed
+        retire_if_last_locked(it->samples, Timeline());
+        retire_if_last_locked(it->gripper_timeline, {});
+      }
       staged.erase(staged.begin(), due + 1);
       const int64_t at = next.switch_time_ns;
       if (next.gripper_timeline) {
@@ -276,6 +297,8 @@ void ArmController::Impl::take_command(LoopState& loop, int64_t now) {
       command.waypoint_start_time_ns = now;
       ++command.revision;
     }
+    retire_if_last_locked(loop.cmd.waypoint_samples, command.waypoint_samples);
+    retire_if_last_locked(loop.cmd.gripper_timeline, command.gripper_timeline);
     loop.cmd = command;
   }
   if (switched) {
@@ -390,7 +413,7 @@ bool ArmController::Impl::compute_targets(LoopState& loop, int64_t now, CycleTar
   return true;
 }
 
-void ArmController::Impl::send_arm_frames(LoopState& loop, const CycleTargets& t) {
+void ArmController::Impl::encode_arm_frames(LoopState& loop, const CycleTargets& t) {
   auto& arm = kestrel->get_arm();
   if (uses_pos_vel_mode()) {
     JointArray q = t.q;
@@ -418,41 +441,14 @@ void ArmController::Impl::send_arm_frames(LoopState& loop, const CycleTargets& t
     loop.nonfinite_warning_standing = false;
     loop.feedforward.fill(0.0);
     for (int j = 0; j < kJoints; ++j) {
-      arm.pos_vel_control_one(
+      loop.frames[loop.frame_count++] = arm.encode_pos_vel_one(
           j, {static_cast<float>(q[j] * motor_signs[j]), static_cast<float>(speed[j])});
     }
     return;
   }
 
-  // MIT: feed-forward torque from the dynamics of the measured posture and the commanded motion.
   JointArray tau{};
-  const std::vector<double> q_measured(loop.q.begin(), loop.q.end());
-  const double scale = mit_config.gravity_comp_scale;
-  if (t.torque_only) {
-    // Floating mode: gravity is the whole command, whatever the tracking feed-forward switches.
-    const auto gravity = kinematics->gravity_compensation_kdl(q_measured);
-    for (int j = 0; j < kJoints; ++j) {
-      tau[j] = gravity[j] * scale;
-    }
-  } else {
-    std::vector<double> gravity(kJoints, 0.0);
-    std::vector<double> coriolis(kJoints, 0.0);
-    std::vector<double> inertia(kJoints, 0.0);
-    if (mit_config.enable_gravity_compensation) {
-      gravity = kinematics->gravity_compensation_kdl(q_measured);
-    }
-    if (mit_config.enable_coriolis_compensation) {
-      coriolis = kinematics->coriolis_compensation_kdl(
-          q_measured, std::vector<double>(t.dq.begin(), t.dq.end()));
-    }
-    if (mit_config.enable_inertia_compensation) {
-      inertia = kinematics->inertia_compensation_kdl(
-          q_measured, std::vector<double>(t.ddq.begin(), t.ddq.end()));
-    }
-    for (int j = 0; j < kJoints; ++j) {
-      tau[j] = inertia[j] + (coriolis[j] + gravity[j] * scale);
-    }
-  }
+  compute_feedforward(loop, t, tau);
   for (int j = 0; j < kJoints; ++j) {
     const double limit = mit_config.feedforward_tau_limits[j];
     const double clipped = clamp(tau[j], -limit, limit);
@@ -472,23 +468,57 @@ void ArmController::Impl::send_arm_frames(LoopState& loop, const CycleTargets& t
   loop.feedforward = tau;
   for (int j = 0; j < kJoints; ++j) {
     const double sign = motor_signs[j];
-    if (t.torque_only) {
-      arm.mit_control_one(j, {0.0, 0.0, 0.0, 0.0, tau[j] * sign});
-    } else {
-      arm.mit_control_one(
-          j, {mit_config.kp[j], mit_config.kd[j], t.q[j] * sign, t.dq[j] * sign, tau[j] * sign});
-    }
+    loop.frames[loop.frame_count++] =
+        t.torque_only ? arm.encode_mit_one(j, {0.0, 0.0, 0.0, 0.0, tau[j] * sign})
+                      : arm.encode_mit_one(j, {mit_config.kp[j], mit_config.kd[j], t.q[j] * sign,
+                                               t.dq[j] * sign, tau[j] * sign});
   }
 }
 
-void ArmController::Impl::send_gripper_frame(LoopState& loop, const CycleTargets& t, int64_t now) {
-  if (!enable_gripper) {
+// MIT feed-forward from the dynamics of the measured posture and the commanded motion, on the
+// loop's own copy of the model: inertia + (Coriolis + gravity × scale), each term when enabled.
+void ArmController::Impl::compute_feedforward(const LoopState& loop, const CycleTargets& t,
+                                              JointArray& tau) {
+  if (cycle_dynamics->num_joints() != kJoints) {
+    throw std::runtime_error(
+        "gravity_compensation_kdl: size mismatch between input vector and KDL chain joints");
+  }
+  const auto check = [](int code, const char* function) {
+    if (code < 0) {
+      throw std::runtime_error(std::string(function) + " failed with code " + std::to_string(code));
+    }
+  };
+  auto& dynamics = *cycle_dynamics;
+  const double scale = mit_config.gravity_comp_scale;
+  JointArray gravity{};
+  JointArray coriolis{};
+  JointArray inertia{};
+  // Floating mode: gravity is the whole command, whatever the tracking feed-forward switches.
+  if (t.torque_only || mit_config.enable_gravity_compensation) {
+    check(dynamics.gravity(loop.q.data(), gravity.data()), "gravity_compensation_kdl");
+  }
+  if (!t.torque_only && mit_config.enable_coriolis_compensation) {
+    check(dynamics.coriolis(loop.q.data(), t.dq.data(), coriolis.data()),
+          "coriolis_compensation_kdl");
+  }
+  if (!t.torque_only && mit_config.enable_inertia_compensation) {
+    check(dynamics.inertia(loop.q.data(), t.ddq.data(), inertia.data()),
+          "inertia_compensation_kdl");
+  }
+  for (int j = 0; j < kJoints; ++j) {
+    tau[j] = t.torque_only ? gravity[j] * scale : inertia[j] + (coriolis[j] + gravity[j] * scale);
+  }
+}
+
+void ArmController::Impl::encode_gripper_frame(LoopState& loop, const CycleTargets& t,
+                                               int64_t now) {
+  auto& gripper = kestrel->get_gripper();
+  if (!enable_gripper || gripper.get_motor() == nullptr) {
     return;
   }
-  auto& gripper = kestrel->get_gripper();
   if (t.torque_only) {
-    gripper.set_tau(0.0);  // the floating arm's gripper goes limp too
-    return;
+    loop.frames[loop.frame_count++] = gripper.encode_tau(0.0);  // the floating arm's gripper
+    return;                                                     // goes limp too
   }
   const CommandState& c = loop.cmd;
   if (!c.gripper_command_pending[0]) {
@@ -505,8 +535,7 @@ void ArmController::Impl::send_gripper_frame(LoopState& loop, const CycleTargets
     loop.next_gripper_tick_ns = now;
     if (loop.gripper_dropped_by_watchdog) {
       // Unsent since the watchdog stop, the motor has timed out: clear that and enable it.
-      gripper.clrErr_all();
-      gripper.enable_all();
+      loop.revive_gripper_before = loop.frame_count;
       loop.gripper_dropped_by_watchdog = false;
     }
   }
@@ -516,11 +545,25 @@ void ArmController::Impl::send_gripper_frame(LoopState& loop, const CycleTargets
   const double target = t.have_gripper_target ? t.gripper_target : c.gripper_target;
   loop.commanded_gripper_distance = target;
   loop.last_gripper_tick_ns = now;
-  gripper.set_distance(target, c.gripper_kp, c.gripper_kd);
+  loop.frames[loop.frame_count++] = gripper.encode_distance(target, c.gripper_kp, c.gripper_kd);
   if (fresh_command) {
     std::lock_guard<std::mutex> lock(command_mutex);
     command.gripper_command_pending[1] = 0;
   }
+}
+
+void ArmController::Impl::write_frames(LoopState& loop) {
+  auto& arm = kestrel->get_arm();
+  auto& gripper = kestrel->get_gripper();
+  const int64_t io_start = now_ns();
+  for (size_t i = 0; i < loop.frame_count; ++i) {
+    if (i == loop.revive_gripper_before) {
+      gripper.clrErr_all();
+      gripper.enable_all();
+    }
+    arm.send_encoded(loop.frames[i]);  // one socket carries both groups' frames
+  }
+  loop.io_ns += now_ns() - io_start;
 }
 
 void ArmController::Impl::supervise_runtime_limits(LoopState& loop) {
@@ -814,3 +857,25 @@ void ArmController::Impl::publish_cycle_sample(const LoopState& loop, const Cycl
     c.measured_gripper_m = measured_gripper;
   }
 }
+
+template <typename T>
+void ArmController::Impl::retire_if_last_locked(std::shared_ptr<T>& held,
+                                                const std::shared_ptr<T>& next) {
+  if (held && held != next && held.use_count() == 1 &&
+      retired_timelines.size() < retired_timelines.capacity()) {
+    retired_timelines.push_back(std::move(held));
+  }
+}
+
+void ArmController::Impl::release_retired_timelines() {
+  std::vector<std::shared_ptr<const void>> released;
+  {
+    std::lock_guard<std::mutex> lock(command_mutex);
+    if (retired_timelines.empty()) {
+      return;
+    }
+    released.assign(std::make_move_iterator(retired_timelines.begin()),
+                    std::make_move_iterator(retired_timelines.end()));
+    retired_timelines.clear();
+  }
+}  // the timelines are freed here, on the monitor thread

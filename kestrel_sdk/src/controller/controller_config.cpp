@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <functional>
 #include <iostream>
+#include <limits>
 #include <sstream>
 #include <stdexcept>
 
@@ -87,6 +88,17 @@ void check_finite_non_negative(const JointArray& values, const std::string& key,
       throw std::runtime_error(line.str());
     }
   }
+}
+
+// A whole number in [low, high], read as a number so that 80.5 or .nan get the section's own
+// message; text that is no number at all fails with yaml-cpp's conversion error.
+int read_whole_number(const YAML::Node& section, const char* key, int fallback, double low,
+                      double high, const std::string& message) {
+  const double value = read_yaml_double_or(section, key, fallback);
+  if (!(value >= low && value <= high && std::floor(value) == value)) {
+    throw std::runtime_error(message);
+  }
+  return static_cast<int>(value);
 }
 
 }  // namespace
@@ -294,6 +306,31 @@ GripperControlConfig load_gripper_control_config() {
               "must be in [0.1,1.0]");
         }
       });
+}
+
+RealtimeConfig load_realtime_config() {
+  return load_optional<RealtimeConfig>(
+      "realtime",
+      [](RealtimeConfig& c, const YAML::Node& root, const std::string&) {
+        const YAML::Node s = root["realtime"];
+        if (!s.IsDefined()) {
+          return;
+        }
+        const std::string invalid = "invalid realtime config: ";
+        c.enabled = read_bool_or(s, "enabled", c.enabled);
+        c.control_priority =
+            read_whole_number(s, "control_priority", c.control_priority, 1, 99,
+                              invalid + "control_priority must be an integer in [1, 99]");
+        c.monitor_priority =
+            read_whole_number(s, "monitor_priority", c.monitor_priority, 1, 99,
+                              invalid + "monitor_priority must be an integer in [1, 99]");
+        c.lock_memory = read_bool_or(s, "lock_memory", c.lock_memory);
+        c.control_cpu =
+            read_whole_number(s, "control_cpu", c.control_cpu, -1, std::numeric_limits<int>::max(),
+                              invalid + "control_cpu must be -1 (no pinning) or a CPU number >= 0");
+      },
+      // The ranges are checked as the numbers are read; the defaults are within them.
+      [](const RealtimeConfig&) {});
 }
 
 JointArray load_motor_signs_config() {

@@ -1,6 +1,7 @@
 // The controller's own sections of "robot_kinematics.yaml": MIT and position-velocity motor
-// settings, trajectory limits, motor signs, run-time torque limits, the gripper watchdog and the
-// gripper's default gains. Read once, while the controller is constructed.
+// settings, trajectory limits, motor signs, run-time torque limits, the gripper watchdog, the
+// gripper's default gains and the threads' real-time set-up. Read once, while the controller is
+// constructed.
 //
 // A configuration error ends the process: the loader prints one line to standard error and exits
 // with status 1 (a controller must never run on half-read tuning). The one exception is a motor
@@ -80,6 +81,18 @@ struct GripperControlConfig {
   double default_kd = 0.1;  // allowed 0.1 .. 1.0
 };
 
+// Real-time scheduling of the controller's threads (realtime_setup.hpp applies it). Off unless
+// enabled: it needs privileges, and it changes the whole process (locked memory).
+struct RealtimeConfig {
+  bool enabled = false;
+  int control_priority = 80;  // SCHED_FIFO priority of the control thread, 1 .. 99
+  int monitor_priority = 70;  // SCHED_FIFO priority of the torque monitor, 1 .. 99
+  bool lock_memory = true;    // mlockall(MCL_CURRENT | MCL_FUTURE): no page faults in the loop
+  // CPU the control thread is pinned to, -1 for none. Whether the machine has that CPU is
+  // checked when the thread starts, not here: the file may travel between machines.
+  int control_cpu = -1;
+};
+
 // Readers shared by every section.
 // Six numbers from a sequence; `key` is the dotted field name used in the messages.
 void parse_joint_array(JointArray& out, const YAML::Node& node, const std::string& key,
@@ -98,6 +111,7 @@ JointTrajectoryConfig load_joint_trajectory_config();
 RuntimeJointSafetyConfig load_runtime_joint_safety_config();
 GripperWatchdogConfig load_gripper_watchdog_config();
 GripperControlConfig load_gripper_control_config();
+RealtimeConfig load_realtime_config();
 // The six signs as read; check_motor_signs() validates them (throws std::invalid_argument).
 JointArray load_motor_signs_config();
 void check_motor_signs(const JointArray& signs);

@@ -71,6 +71,7 @@ ArmController::Impl::Impl(const std::string& can_interface, bool use_canfd, ArmC
       skip_hardware_init(skip_hardware_init) {
   kestrel = std::make_unique<kestrel::can::socket::Kestrel>(can_interface, use_canfd);
   kinematics = std::make_unique<RobotKinematics>();
+  cycle_dynamics = std::make_unique<kestrel::algorithms::ChainDynamics>(*kinematics);
 
   if (control_mode != MIT_MODE && control_mode != POS_VEL_MODE) {
     throw std::invalid_argument("ArmController only supports MIT_MODE or POS_VEL_MODE.");
@@ -128,6 +129,7 @@ ArmController::Impl::Impl(const std::string& can_interface, bool use_canfd, ArmC
     joint_has_limits[j] = has_limits[j];
   }
   staged.reserve(kMaxStagedTimelines);  // the control thread only ever removes from it
+  retired_timelines.reserve(kMaxRetiredTimelines);
   max_vel = trajectory_config.max_vel_limits;
   max_acc = trajectory_config.max_acc_limits;
   max_jerk = trajectory_config.max_jerk_limits;
@@ -206,9 +208,17 @@ void ArmController::Impl::initial_kestrel() {
 }
 
 void ArmController::Impl::start_two_thread() {
+  // The real-time set-up (when configured) takes each step as soon as it can: memory before the
+  // threads map their stacks, each thread's scheduling right after it starts. What the system
+  // refuses is reported and the controller runs on without it.
+  kc::RealtimeSetup realtime(realtime_config);
+  realtime.apply_to_process();
   control_loop_running.store(true);  // running from now on, not from the thread's first line
   control_thread = std::thread([this] { control_loop(); });
+  realtime.apply_to_control_thread(control_thread);
   monitor_thread = std::thread([this] { monitor_motor_torque(); });
+  realtime.apply_to_monitor_thread(monitor_thread);
+  realtime.print_report(std::cerr);
 }
 
 void ArmController::Impl::request_stop_and_join() {

@@ -31,8 +31,7 @@ std::vector<uint64_t> LoopTimingRecorder::Quantity::copy() const {
   return out;
 }
 
-void LoopTimingRecorder::record(int64_t compute_ns, int64_t io_ns, int64_t jitter_ns,
-                                bool missed) {
+void LoopTimingRecorder::record(int64_t compute_ns, int64_t io_ns, int64_t jitter_ns, bool missed) {
   compute_.add(compute_ns);
   io_.add(io_ns);
   jitter_.add(jitter_ns);

@@ -22,7 +22,7 @@ struct TimingSummary {
 
 struct ControlLoopStatistics {
   uint64_t cycles = 0;
-  uint64_t missed_deadlines = 0;  // cycles that ended at or after their deadline
+  uint64_t missed_deadlines = 0;   // cycles that ended at or after their deadline
   double compute_median_us = 0.0;  // the cycle's own work, bus I/O excluded
   double compute_p99_us = 0.0;
   double compute_max_us = 0.0;

@@ -85,6 +85,7 @@ void ArmController::Impl::monitor_motor_torque() {
         }
       }
     }
+    release_retired_timelines();
     if (top + kMonitorPeriodNs > now_ns()) {
       sleep_until_ns(top + kMonitorPeriodNs);
     }
