@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <sstream>
 
 #include "simbus/simbus_control.hpp"
@@ -77,36 +78,53 @@ class KestrelTool : public ::testing::Test {
 TEST_F(KestrelTool, HelpForEveryCommandAndUsageErrors) {
   const auto top = run({"--help"});
   EXPECT_EQ(top.status, 0);
-  for (const char* sub : {"sim", "monitor", "status", "move", "run", "gravity", "record"}) {
+  for (const char* sub :
+       {"sim", "monitor", "status", "move", "run", "gravity", "record", "latency"}) {
     EXPECT_THAT(top.output, HasSubstr(std::string("\n  ") + sub + " ")) << sub;
     const auto help = run({sub, "--help"});
     EXPECT_EQ(help.status, 0) << sub << help.output;
     EXPECT_THAT(help.output, HasSubstr("Usage: kestrel")) << sub;
   }
   EXPECT_EQ(run({}).status, 2);
-  const auto unknown = run({"fly"});
-  EXPECT_EQ(unknown.status, 2);
-  EXPECT_THAT(unknown.output, HasSubstr("kestrel: unknown command \"fly\""));
-  const auto option = run({"status", "--bogus"});
-  EXPECT_EQ(option.status, 2);
-  EXPECT_THAT(option.output,
-              HasSubstr("kestrel status: unknown option --bogus (kestrel status --help)"));
-  const auto short_target = run({"move", "--joints", "0.1,0.2"});
-  EXPECT_EQ(short_target.status, 2);
-  EXPECT_THAT(short_target.output,
-              HasSubstr("--joints needs 6 numbers separated by commas, got 2"));
-  const auto nan = run({"move", "--joints", "0,0,nan,0,0,0"});
-  EXPECT_EQ(nan.status, 2);
-  EXPECT_THAT(nan.output, HasSubstr("--joints needs a finite number, not \"nan\""));
-  const auto both = run({"move", "--joints", "0,0,0,0,0,0", "--time", "1", "--speed", "0.5"});
-  EXPECT_EQ(both.status, 2);
-  EXPECT_THAT(both.output, HasSubstr("give --time or --speed, not both"));
-  const auto speed = run({"move", "--joints", "0,0,0,0,0,0", "--speed", "2"});
-  EXPECT_EQ(speed.status, 2);
-  EXPECT_THAT(speed.output, HasSubstr("--speed must be between 0.001 and 1, not 2"));
-  const auto mode = run({"gravity", "--mode", "posvel"});
-  EXPECT_EQ(mode.status, 2);
-  EXPECT_THAT(mode.output, HasSubstr("gravity compensation needs --mode mit"));
+  // Usage mistakes: exit status 2 and the line that names the mistake.
+  const struct {
+    std::vector<std::string> words;
+    std::string message;
+  } usage_errors[] = {
+      {{"fly"}, "kestrel: unknown command \"fly\""},
+      {{"status", "--bogus"}, "kestrel status: unknown option --bogus (kestrel status --help)"},
+      {{"move", "--joints", "0.1,0.2"}, "--joints needs 6 numbers separated by commas, got 2"},
+      {{"move", "--joints", "0,0,nan,0,0,0"}, "--joints needs a finite number, not \"nan\""},
+      {{"move", "--joints", "0,0,0,0,0,0", "--time", "1", "--speed", "0.5"},
+       "give --time or --speed, not both"},
+      {{"move", "--joints", "0,0,0,0,0,0", "--speed", "2"},
+       "--speed must be between 0.001 and 1, not 2"},
+      {{"gravity", "--mode", "posvel"}, "gravity compensation needs --mode mit"},
+      {{"latency", "--bogus"}, "kestrel latency: unknown option --bogus (kestrel latency --help)"},
+      {{"latency", "--seconds", "0"},
+       "kestrel latency: --seconds must be between 0.1 and 86400, not 0"},
+  };
+  for (const auto& row : usage_errors) {
+    const auto r = run(row.words);
+    EXPECT_EQ(r.status, 2) << row.words[0] << ' ' << r.output;
+    EXPECT_THAT(r.output, HasSubstr(row.message));
+  }
+}
+
+TEST_F(KestrelTool, LatencyCountsTheLoopOfASimulatedArmItRunsItself) {
+  const auto r = run({"latency", "--seconds", "1"});
+  ASSERT_EQ(r.status, 0) << r.output;
+  EXPECT_THAT(r.output, HasSubstr("kestrel latency: the simulated arm in this process on "));
+  EXPECT_THAT(r.output, ::testing::ContainsRegex("\nrange us +compute +bus I/O +jitter\n"));
+  EXPECT_THAT(r.output, ::testing::ContainsRegex("\nsummary us +compute +bus I/O +jitter\n"));
+  for (const char* label :
+       {"< 5 ", "< 10 ", "< 20 ", "< 50 ", "< 100 ", "< 200 ", "< 500 ", "< 1000 ", "< 2500 ",
+        ">= 2500 ", "min ", "median ", "p99 ", "max ", "missed deadlines ", "missed per minute "}) {
+    EXPECT_THAT(r.output, HasSubstr(std::string("\n") + label)) << label;
+  }
+  std::smatch cycles;
+  ASSERT_TRUE(std::regex_search(r.output, cycles, std::regex("\ncycles +([0-9]+)\n"))) << r.output;
+  EXPECT_GT(std::stoull(cycles[1]), 0u);
 }
 
 TEST_F(KestrelTool, MissingAndDownInterfacesAreRefusedWithTheReason) {

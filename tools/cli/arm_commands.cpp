@@ -29,31 +29,6 @@ namespace {
 namespace dm = kestrel::damiao_motor;
 constexpr double kPi = 3.14159265358979323846;
 
-const char* const kHelpFlag[] = {"--help", nullptr};
-
-std::set<std::string> merged(std::set<std::string> own, const char* const* extra) {
-  for (; *extra != nullptr; ++extra) {
-    own.insert(*extra);
-  }
-  return own;
-}
-
-// Parses the words; prints `help` and returns true when --help was asked for.
-bool parse(const Words& words, const std::set<std::string>& valued,
-           const std::set<std::string>& flags, const char* help, Args& out) {
-  out = Args(words, merged(valued, kConnectionValuedOptions),
-             merged(merged(flags, kConnectionFlagOptions), kHelpFlag));
-  if (out.flag("--help")) {
-    std::fputs(help, stdout);
-    std::fputs(kConnectionHelp, stdout);
-    return true;
-  }
-  if (!out.positional().empty() && std::string(help).find("FILE") == std::string::npos) {
-    throw UsageError("unexpected argument \"" + out.positional()[0] + "\"");
-  }
-  return false;
-}
-
 std::string euler_text(const std::vector<double>& pose) {
   // pose: x, y, z, qx, qy, qz, qw; roll, pitch, yaw about fixed X, Y, Z.
   const Eigen::Matrix3d r =
@@ -112,7 +87,7 @@ int command_status(const Words& words) {
       "not answer or reports a fault.\n"
       "  --watch          keep reading until Ctrl-C\n";
   Args args({}, {}, {});
-  if (parse(words, {}, {"--watch"}, kHelp, args)) {
+  if (parse_arm_command(words, {}, {"--watch"}, kHelp, args)) {
     return 0;
   }
   const auto options = connection_options(args);
@@ -200,8 +175,8 @@ int command_move(const Words& words) {
       "  --speed F        fraction (0, 1] of the joint speed limits (default: configured default)\n"
       "  --gripper G      then set the gripper: 0 closed .. 1 open\n";
   Args args({}, {}, {});
-  if (parse(words, {"--joints", "--pose", "--time", "--speed", "--gripper"}, {"--deg", "--linear"},
-            kHelp, args)) {
+  if (parse_arm_command(words, {"--joints", "--pose", "--time", "--speed", "--gripper"},
+                        {"--deg", "--linear"}, kHelp, args)) {
     return 0;
   }
   if (args.has("--joints") == args.has("--pose")) {
@@ -247,7 +222,7 @@ int command_run(const Words& words) {
       "and checked whole before the arm moves. The format: docs/motion-programs.md.\n"
       "  --check          only read and check the file; no arm is needed\n";
   Args args({}, {}, {});
-  if (parse(words, {}, {"--check"}, kHelp, args)) {
+  if (parse_arm_command(words, {}, {"--check"}, kHelp, args)) {
     return 0;
   }
   if (args.positional().size() != 1) {
@@ -276,7 +251,7 @@ int command_gravity(const Words& words) {
       "MIT mode only. Support the arm before the motors are disabled at exit.\n"
       "  --seconds S      end by itself after S seconds\n";
   Args args({}, {}, {});
-  if (parse(words, {"--seconds"}, {}, kHelp, args)) {
+  if (parse_arm_command(words, {"--seconds"}, {}, kHelp, args)) {
     return 0;
   }
   const double seconds = args.number("--seconds", 0.0, 0.0, 86400.0);
@@ -309,7 +284,7 @@ int command_record(const Words& words) {
       "  --seconds S      stop recording after S seconds\n"
       "  --program FILE   run this motion program while recording, stop when it ends\n";
   Args args({}, {}, {});
-  if (parse(words, {"--output", "--seconds", "--program"}, {}, kHelp, args)) {
+  if (parse_arm_command(words, {"--output", "--seconds", "--program"}, {}, kHelp, args)) {
     return 0;
   }
   const double seconds = args.number("--seconds", 0.0, 0.0, 86400.0);

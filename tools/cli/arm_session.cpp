@@ -22,6 +22,33 @@ const char* const kConnectionHelp =
     "  --mode M         mit (default) or posvel: the motors' control mode\n"
     "  --no-gripper     the arm has no gripper motor\n";
 
+namespace {
+
+std::set<std::string> merged(std::set<std::string> own, const char* const* extra) {
+  for (; *extra != nullptr; ++extra) {
+    own.insert(*extra);
+  }
+  return own;
+}
+
+}  // namespace
+
+bool parse_arm_command(const std::vector<std::string>& words, const std::set<std::string>& valued,
+                       const std::set<std::string>& flags, const char* help, Args& out) {
+  static const char* const kHelpFlag[] = {"--help", nullptr};
+  out = Args(words, merged(valued, kConnectionValuedOptions),
+             merged(merged(flags, kConnectionFlagOptions), kHelpFlag));
+  if (out.flag("--help")) {
+    std::fputs(help, stdout);
+    std::fputs(kConnectionHelp, stdout);
+    return true;
+  }
+  if (!out.positional().empty() && std::string(help).find("FILE") == std::string::npos) {
+    throw UsageError("unexpected argument \"" + out.positional()[0] + "\"");
+  }
+  return false;
+}
+
 ConnectionOptions connection_options(const Args& args) {
   ConnectionOptions o;
   o.interface = args.text("--interface", o.interface);

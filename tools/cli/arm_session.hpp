@@ -11,8 +11,10 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "cli_args.hpp"
 #include "kestrel/controller/interfaces.hpp"
@@ -31,6 +33,12 @@ extern const char* const kConnectionValuedOptions[];
 extern const char* const kConnectionFlagOptions[];
 extern const char* const kConnectionHelp;
 ConnectionOptions connection_options(const Args& args);
+
+// Reads a subcommand's words with its own options plus the connection options and --help.
+// Prints `help` and the connection options and returns true when --help was asked for. Words
+// that are not options are refused unless `help` names a FILE.
+bool parse_arm_command(const std::vector<std::string>& words, const std::set<std::string>& valued,
+                       const std::set<std::string>& flags, const char* help, Args& out);
 
 // Blocks SIGINT and SIGTERM in the calling thread (and so in every thread started after it)
 // and waits for them on its own thread.

@@ -1,5 +1,6 @@
 // kestrel: one command for the arm, real or simulated. Subcommands drive the arm through the
-// library (status, move, run, gravity, record) or start the companion programs (sim, monitor).
+// library (status, move, run, gravity, record, latency) or start the companion programs (sim,
+// monitor).
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -23,6 +24,8 @@ constexpr const char* kUsage =
     "  run       run a motion program from a YAML file (movej, movel, movep, sleep, gripper)\n"
     "  gravity   float the arm on gravity compensation until Ctrl-C\n"
     "  record    write joint states (commanded and measured) to CSV at the control rate\n"
+    "  latency   qualify this machine: histogram of the control loop's compute, bus I/O and\n"
+    "            wake-up jitter while the arm (by default a simulated one) holds still\n"
     "\n"
     "Try it without hardware:\n"
     "  kestrel sim &                     # the simulated arm on simcan0\n"
@@ -60,6 +63,8 @@ int main(int argc, char** argv) {
       return command_gravity(words);
     if (command == "record")
       return command_record(words);
+    if (command == "latency")
+      return command_latency(words);
     std::fprintf(stderr, "kestrel: unknown command \"%s\" (kestrel --help lists them)\n",
                  command.c_str());
     return 2;
