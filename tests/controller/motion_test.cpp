@@ -188,6 +188,15 @@ std::vector<std::pair<double, double>> received_targets(SimulatedArm& sim, int m
   return out;
 }
 
+// The overshoot check needs the switch to come while the waypoint still lies ahead of the joint:
+// a sanitizer build plans several times slower, the switch comes later, and the joint may have
+// passed it (the planner's own test checks the same property without a clock).
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kPlansAtFullSpeed = false;
+#else
+constexpr bool kPlansAtFullSpeed = true;
+#endif
+
 // A chunk update takes over whatever runs, from its state at the switch: timed or by speed,
 // turning back or slowing down, into a waypoint motion or a set_joint move. The targets the
 // motors received carry on without a jump in position or velocity, within the limits.
@@ -263,7 +272,7 @@ TEST_F(MotionTest, ChunkUpdatesSpliceIntoTheRunningMotionWithoutAJump) {
     // The switch and the transition lie in the first 3 s (the frame log holds about 5 s).
     std::this_thread::sleep_for(std::chrono::duration<double>(std::min(duration, 3.0)));
     expect_no_jump();
-    if (row.ceiling < 0.0) {
+    if (row.ceiling < 0.0 && kPlansAtFullSpeed) {
       double farthest = -10.0;
       for (const auto& [q, dq] : received_targets(sim, 0)) {
         farthest = std::max(farthest, q);
