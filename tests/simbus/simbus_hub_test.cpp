@@ -2,9 +2,12 @@
 // wire-time emulation (pacing and arbitration).
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
+#include <functional>
 #include <thread>
 
 #include "simbus/hub.hpp"
@@ -111,6 +114,83 @@ TEST(HubControl, StateCanBeReadAndChangedFromOutside) {
   EXPECT_TRUE(set_interface_state(bus.directory(), "can0", true)->up);
   EXPECT_TRUE(bus.hub().is_up("can0"));
   EXPECT_FALSE(query_interface(bus.directory(), "nosuch0").has_value());
+}
+
+// Like vcan: MTU 16 or 72, changed only while down; an FD socket on a classic interface opens,
+// sends and receives classic frames, and every 72-byte write fails with EINVAL, before the
+// interface state is looked at (as raw_sendmsg checks the size against dev->mtu first).
+TEST(HubControl, MtuIsClassicOrFdChangesOnlyWhileDownAndGatesFdWrites) {
+  ScopedSimbus bus({"can0"});
+  Hub later({"late0"}, HubOptions{bus.directory()});
+  later.set_mtu("late0", CAN_MTU);  // before start: taken although the interface starts up
+  later.start();
+  EXPECT_EQ(later.mtu("late0"), CAN_MTU);
+  EXPECT_EQ(query_interface(bus.directory(), "late0")->mtu, CAN_MTU);
+  EXPECT_EQ(bus.hub().mtu("can0"), CANFD_MTU);
+  const std::string busy = "cannot change the MTU of 'can0' while it is up (set it down first)";
+  const struct {
+    std::function<void()> call;
+    std::string message;
+  } refused[] = {
+      {[&] { bus.set_mtu("can0", CAN_MTU); }, busy},
+      {[&] { set_interface_mtu(bus.directory(), "can0", CAN_MTU); }, busy},
+      {[&] { bus.set_mtu("can0", 64); },
+       "invalid MTU 64 for 'can0': 16 (classic CAN) or 72 (CAN FD)"},
+      {[&] { set_interface_mtu(bus.directory(), "can0", 0); },
+       "invalid MTU 0 for 'can0': 16 (classic CAN) or 72 (CAN FD)"},
+      {[&] { bus.set_mtu("can9", CAN_MTU); }, "simbus hub: interface \"can9\" is not served"},
+  };
+  for (const auto& row : refused) {
+    std::string message = "no exception";
+    try {
+      row.call();
+    } catch (const std::exception& e) {  // invalid_argument or runtime_error, as documented
+      message = e.what();
+    }
+    EXPECT_EQ(message, row.message);
+  }
+  EXPECT_EQ(bus.hub().mtu("can0"), CANFD_MTU);
+  bus.set_up("can0", false);
+  EXPECT_EQ(set_interface_mtu(bus.directory(), "can0", CAN_MTU)->mtu, CAN_MTU);
+  bus.set_up("can0", true);
+
+  Fd fd_socket = open_can("can0", true);
+  Fd peer = open_can("can0", true);
+  ifreq request{};
+  std::strcpy(request.ifr_name, "can0");
+  ASSERT_EQ(::ioctl(fd_socket.get(), SIOCGIFMTU, &request), 0);
+  EXPECT_EQ(request.ifr_mtu, CAN_MTU);
+  canfd_frame big = rawcan::fd_frame(0x5, 12);
+  iovec part{&big, CANFD_MTU};
+  msghdr message{};
+  message.msg_iov = &part;
+  message.msg_iovlen = 1;
+  sockaddr_can address{};
+  address.can_family = AF_CAN;
+  address.can_ifindex = interface_index("can0");
+  const auto to = reinterpret_cast<const sockaddr*>(&address);
+  const std::function<ssize_t()> writes[] = {
+      [&] { return ::write(fd_socket.get(), &big, CANFD_MTU); },
+      [&] { return ::send(fd_socket.get(), &big, CANFD_MTU, 0); },
+      [&] { return ::sendto(fd_socket.get(), &big, CANFD_MTU, 0, to, sizeof(address)); },
+      [&] { return ::sendmsg(fd_socket.get(), &message, 0); },
+      [&] { return ::writev(fd_socket.get(), &part, 1); },
+  };
+  for (int up : {1, 0}) {
+    bus.set_up("can0", up != 0);
+    for (const auto& write : writes) {
+      errno = 0;
+      EXPECT_EQ(write(), -1);
+      EXPECT_EQ(errno, EINVAL) << "up " << up;
+    }
+  }
+  bus.set_up("can0", true);
+  const can_frame small = classic_frame(0x6, {1, 2});
+  ASSERT_EQ(::write(fd_socket.get(), &small, CAN_MTU), CAN_MTU);
+  canfd_frame got{};
+  ASSERT_EQ(read_within(peer.get(), &got, sizeof(got), 2000), CAN_MTU);
+  EXPECT_EQ(std::memcmp(&got, &small, CAN_MTU), 0);
+  EXPECT_EQ(bus.statistics("can0").frames_received, 1u);  // the refused ones never left
 }
 
 TEST(HubRelay, ASlowReceiverLosesFramesButBlocksNobody) {
@@ -222,36 +302,37 @@ TEST(HubWireTime, FdFramesWithBitRateSwitchTakeTheirShorterWireTime) {
               std::chrono::duration<double, std::milli>(elapsed).count());
 }
 
-TEST(HubWireTime, WaitingFramesGoOutLowestIdentifierFirst) {
+TEST(HubWireTime, WaitingNodesArbitrateLowestIdentifierFirstEachNodeInItsOwnOrder) {
   // 2 kbit/s: an 8-byte frame holds the bus for 55.5 ms, far longer than it takes to queue the
-  // others even on a loaded machine.
+  // others even on a loaded machine. Every socket is a node of its own; a node's frames leave in
+  // the order it wrote them (a Linux CAN controller's queue is first in, first out), and only
+  // its oldest waiting frame takes part in arbitration.
   ScopedSimbus bus({"can0"}, paced(2000));
-  Fd writer = open_can("can0");
+  std::vector<Fd> nodes;
+  for (int i = 0; i < 6; ++i) {
+    nodes.push_back(open_can("can0"));
+  }
   Fd reader = open_can("can0");
-  auto send = [&](canid_t id, std::uint8_t tag) {
+  auto send = [&](int node, canid_t id, std::uint8_t tag) {
     const can_frame frame = classic_frame(id, {tag, 0, 0, 0, 0, 0, 0, 0});
-    ASSERT_EQ(::write(writer.get(), &frame, CAN_MTU), CAN_MTU);
+    ASSERT_EQ(::write(nodes[node].get(), &frame, CAN_MTU), CAN_MTU);
   };
-  send(0x700, 0);
-  std::this_thread::sleep_for(10ms);   // 0x700 is on the wire now
-  send(0x0C000000 | CAN_EFF_FLAG, 1);  // base identifier 0x300, but extended
-  send(0x300, 2);
-  send(0x100, 3);
-  send(0x200, 4);
-  send(0x050, 5);
-  send(0x100, 6);  // same identifier: stays behind the first 0x100
+  send(0, 0x700, 0);
+  std::this_thread::sleep_for(10ms);      // 0x700 is on the wire now
+  send(1, 0x0C000000 | CAN_EFF_FLAG, 1);  // base identifier 0x300, but extended
+  send(1, 0x010, 7);                      // the lowest identifier, but behind its node's first
+  send(2, 0x300, 2);
+  send(3, 0x100, 3);
+  send(4, 0x200, 4);
+  send(5, 0x050, 5);
   std::vector<std::pair<canid_t, int>> order;
   can_frame frame{};
   while (order.size() < 7 && read_within(reader.get(), &frame, sizeof(frame), 2000) == CAN_MTU) {
     order.emplace_back(frame.can_id, frame.data[0]);
   }
-  const std::vector<std::pair<canid_t, int>> expected = {{0x700, 0},
-                                                         {0x050, 5},
-                                                         {0x100, 3},
-                                                         {0x100, 6},
-                                                         {0x200, 4},
-                                                         {0x300, 2},
-                                                         {0x0C000000 | CAN_EFF_FLAG, 1}};
+  const std::vector<std::pair<canid_t, int>> expected = {
+      {0x700, 0}, {0x050, 5}, {0x100, 3}, {0x200, 4}, {0x300, 2}, {0x0C000000 | CAN_EFF_FLAG, 1},
+      {0x010, 7}};
   EXPECT_EQ(order, expected);
 }
 

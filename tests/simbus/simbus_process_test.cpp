@@ -149,13 +149,24 @@ TEST_F(SimbusProcesses, ProgramsExchangeFramesThroughTheServeProgram) {
 }
 
 TEST_F(SimbusProcesses, SetTakesAnInterfaceOfTheRunningHubDownAndUp) {
-  Child hub({kProgram, "serve", "simcan0", "simcan1", "--dir", dir_, "--wire-time"});
+  Child hub({kProgram, "serve", "simcan0", "simcan1", "--dir", dir_, "--wire-time", "--classic",
+             "simcan1"});
   ASSERT_TRUE(wait_until_served("simcan1"));
   Fd own = rawcan::open_can("simcan0");
+  EXPECT_EQ(query_interface(dir_, "simcan0")->mtu, CANFD_MTU);
+  EXPECT_EQ(query_interface(dir_, "simcan1")->mtu, CAN_MTU);
 
-  Output result = run(kProgram + " set simcan0 down --dir " + dir_);
+  Output result = run(kProgram + " set simcan0 mtu 16 --dir " + dir_);
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.text,
+            "kestrel-simbus set: cannot change the MTU of 'simcan0' while it is up (set it down "
+            "first)\n");
+  result = run(kProgram + " set simcan0 down --dir " + dir_);
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.text, "simcan0: DOWN\n");
+  result = run(kProgram + " set simcan0 mtu 16 --dir " + dir_);
+  EXPECT_EQ(result.text, "simcan0: MTU 16\n");
+  EXPECT_EQ(query_interface(dir_, "simcan0")->mtu, CAN_MTU);
   ifreq request{};
   std::strcpy(request.ifr_name, "simcan0");
   ASSERT_EQ(::ioctl(own.get(), SIOCGIFFLAGS, &request), 0);
@@ -243,6 +254,13 @@ TEST_F(SimbusProcesses, EverySubcommandHasHelpAndClearErrors) {
   EXPECT_NE(result.text.find("--bitrate needs a bit rate"), std::string::npos);
   result = run(kProgram + " set can0 sideways");
   EXPECT_EQ(result.status, 2);
+  result = run(kProgram + " set can0 mtu 64");
+  EXPECT_EQ(result.status, 2);
+  EXPECT_NE(result.text.find("expected IF up|down or IF mtu 16|72"), std::string::npos);
+  result = run(kProgram + " serve can0 --classic can1 --dir " + dir_);
+  EXPECT_EQ(result.status, 2);
+  EXPECT_NE(result.text.find("--classic can1 is not one of the served interfaces"),
+            std::string::npos);
   result = run(kProgram + " run");
   EXPECT_EQ(result.status, 2);
   result = run(kProgram + " run -- /nonexistent/program");

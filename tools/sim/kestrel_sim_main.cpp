@@ -12,9 +12,11 @@
 #include <memory>
 #include <optional>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "kestrel/canbus/can_socket.hpp"
 #include "kestrel/controller/controller_config.hpp"
 #include "kestrel_sim/rigid_body_arm_plant.hpp"
 #include "kestrel_sim/simulated_motor_bus.hpp"
@@ -30,8 +32,11 @@ Runs the arm's seven simulated DM motors (joints 1-3 type 3, joints 4-6 type 1, 
 type 1; command ids 1..7, feedback ids 0x11..0x17) on a CAN interface.
 
   --interface NAME         CAN interface (default simcan0)
-  --fd                     CAN FD socket: FD requests are answered with FD frames
+  --fd                     CAN FD socket: FD requests are answered with FD frames (refused
+                           on an interface that is not CAN FD capable)
   --serve                  host the userspace CAN bus for NAME in this process
+  --classic                with --serve: the interface carries classic CAN only (MTU 16),
+                           like a vcan without 'mtu 72' or an adapter without 'fd on'
   --no-wire-time           with --serve: relay frames at once instead of at 1 Mbit/s
                            (5 Mbit/s FD data phase)
   --start-posture Q1,..,Q6[,G]
@@ -60,6 +65,7 @@ struct Options {
   std::string interface = "simcan0";
   bool fd = false;
   bool serve = false;
+  bool classic = false;
   bool wire_time = true;
   std::vector<double> posture;
   std::string plant = "rigid";
@@ -126,6 +132,8 @@ Options parse(int argc, char** argv) {
       o.fd = true;
     } else if (arg == "--serve") {
       o.serve = true;
+    } else if (arg == "--classic") {
+      o.classic = true;
     } else if (arg == "--no-wire-time") {
       o.wire_time = false;
     } else if (arg == "--start-posture") {
@@ -177,6 +185,9 @@ Options parse(int argc, char** argv) {
       usage_error("unknown option '" + arg + "'");
     }
   }
+  if (o.classic && !o.serve) {
+    usage_error("--classic goes with --serve (an interface served elsewhere has its own MTU)");
+  }
   return o;
 }
 
@@ -210,7 +221,14 @@ int main(int argc, char** argv) {
       hub_options.wire_time = o.wire_time;
       hub = std::make_unique<kestrel::simbus::Hub>(std::vector<std::string>{o.interface},
                                                    hub_options);
+      if (o.classic) {
+        hub->set_mtu(o.interface, CAN_MTU);
+      }
       hub->start();
+    }
+    const std::string refusal = kestrel::canbus::canfd_refusal(o.interface, o.fd);
+    if (!refusal.empty()) {
+      throw std::runtime_error(refusal);
     }
 
     kestrel::sim::BusOptions options;
@@ -252,10 +270,11 @@ int main(int argc, char** argv) {
     bus.set_reply_delay(std::chrono::microseconds(o.delay_us));
     bus.start();
 
-    std::fprintf(stderr, "kestrel-sim: 7 motors on %s (%s)%s%s. Ctrl-C to stop.\n",
-                 o.interface.c_str(), o.fd ? "CAN FD" : "classic CAN",
-                 o.serve ? ", serving the bus" : "",
-                 o.serve ? (o.wire_time ? " with wire time" : " without wire time") : "");
+    std::fprintf(
+        stderr, "kestrel-sim: 7 motors on %s (%s)%s%s. Ctrl-C to stop.\n", o.interface.c_str(),
+        o.fd ? "CAN FD" : "classic CAN",
+        o.serve ? (o.classic ? ", serving the bus (classic CAN only)" : ", serving the bus") : "",
+        o.serve ? (o.wire_time ? " with wire time" : " without wire time") : "");
     if (hub) {
       std::fprintf(stderr, "kestrel-sim: bus directory %s (KESTREL_SIMBUS_DIR)\n",
                    hub->directory().c_str());

@@ -18,6 +18,7 @@
 #include <chrono>
 #include <cstring>
 #include <deque>
+#include <mutex>
 #include <new>
 #include <optional>
 #include <queue>
@@ -25,6 +26,7 @@
 #include <stdexcept>
 #include <system_error>
 #include <thread>
+#include <unordered_map>
 #include <unordered_set>
 
 #include "simbus/simbus_control.hpp"
@@ -147,9 +149,13 @@ struct Interface {
   std::vector<std::unique_ptr<Client>> clients;  // relay thread only
 
   // Wire-time emulation (relay thread only): frames in arrival order not yet part of an
-  // arbitration, frames competing for the bus, and the frame being transmitted.
+  // arbitration, frames competing for the bus, and the frame being transmitted. Each sender is
+  // one node with a first-in first-out transmit queue, as Linux keeps a CAN controller's: only
+  // its oldest frame contends, the others wait behind it in order.
   std::deque<Frame> arrivals;
   std::priority_queue<Frame, std::vector<Frame>, LaterInArbitration> contenders;
+  std::unordered_map<std::uint32_t, std::deque<Frame>> queued_behind;
+  std::unordered_set<std::uint32_t> contending;
   std::optional<Frame> on_wire;
   Clock::time_point wire_end;
   Clock::time_point bus_free_at;
@@ -163,11 +169,18 @@ struct Interface {
   std::atomic<std::int64_t> counting_since_ns{0};
   std::atomic<std::size_t> client_count{0};
 
-  // State applied when the hub starts; set_up() before start() lands here.
+  // State applied when the hub starts; set_up() and set_mtu() before start() land here.
   std::atomic<bool> start_up{true};
+  std::atomic<int> start_mtu{CANFD_MTU};
 
   bool up() const { return state != nullptr && state->up.load(std::memory_order_acquire) != 0; }
+  int mtu() const {
+    return state != nullptr ? static_cast<int>(state->mtu.load(std::memory_order_acquire))
+                            : start_mtu.load();
+  }
 };
+
+enum class MtuChange { done, invalid, while_up };
 
 std::int64_t now_ns() {
   return std::chrono::duration_cast<nanoseconds>(Clock::now().time_since_epoch()).count();
@@ -298,6 +311,7 @@ class Hub::Impl {
     stats.name = iface.name;
     stats.ifindex = iface.ifindex;
     stats.up = running.load() && iface.up();
+    stats.mtu = iface.mtu();
     stats.wire_time = options.wire_time;
     stats.bitrate = options.bitrate;
     stats.data_bitrate = options.data_bitrate;
@@ -327,6 +341,7 @@ class Hub::Impl {
   // Called from any thread. Going down also wakes the relay thread, so that frames waiting for
   // the bus are discarded at once, as a real interface drops its queue.
   void set_up(Interface& iface, bool up) {
+    std::lock_guard<std::mutex> lock(state_mutex);
     iface.start_up.store(up);
     if (iface.state != nullptr) {
       iface.state->up.store(up ? 1 : 0, std::memory_order_release);
@@ -334,6 +349,22 @@ class Hub::Impl {
         wake();
       }
     }
+  }
+
+  // Like vcan: only the two CAN sizes, and only while the interface is down (or not served yet).
+  MtuChange set_mtu(Interface& iface, int mtu) {
+    if (mtu != CAN_MTU && mtu != CANFD_MTU) {
+      return MtuChange::invalid;
+    }
+    std::lock_guard<std::mutex> lock(state_mutex);
+    if (iface.up()) {
+      return MtuChange::while_up;
+    }
+    iface.start_mtu.store(mtu);
+    if (iface.state != nullptr) {
+      iface.state->mtu.store(static_cast<std::uint32_t>(mtu), std::memory_order_release);
+    }
+    return MtuChange::done;
   }
 
   void wake() {
@@ -383,6 +414,7 @@ class Hub::Impl {
     iface.state->version = protocol::kVersion;
     iface.state->instance = random_instance();
     iface.state->up.store(iface.start_up.load() ? 1 : 0);
+    iface.state->mtu.store(static_cast<std::uint32_t>(iface.start_mtu.load()));
     iface.state->alive.store(1, std::memory_order_release);
 
     iface.listen_fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
@@ -415,6 +447,8 @@ class Hub::Impl {
       iface->client_count.store(0);
       iface->arrivals.clear();
       iface->contenders = {};
+      iface->queued_behind.clear();
+      iface->contending.clear();
       iface->on_wire.reset();
       if (iface->state != nullptr) {
         iface->state->up.store(0);
@@ -543,9 +577,9 @@ class Hub::Impl {
     iface.frames_received.fetch_add(1, std::memory_order_relaxed);
     // The interposer checks all of this before sending; a client speaking the protocol by hand
     // gets the same treatment as a kernel that would have refused the write.
-    const bool valid = size == CAN_MTU
-                           ? data[offsetof(can_frame, can_dlc)] <= CAN_MAX_DLEN
-                           : sender.fd_frames && data[offsetof(canfd_frame, len)] <= CANFD_MAX_DLEN;
+    const bool valid = size == CAN_MTU ? data[offsetof(can_frame, can_dlc)] <= CAN_MAX_DLEN
+                                       : sender.fd_frames && iface.mtu() == CANFD_MTU &&
+                                             data[offsetof(canfd_frame, len)] <= CANFD_MAX_DLEN;
     if (!valid || !iface.up()) {
       iface.frames_discarded.fetch_add(1, std::memory_order_relaxed);
       return;
@@ -582,11 +616,15 @@ class Hub::Impl {
   // none had, the bus stayed idle until the next arrival.
   void advance_bus(Interface& iface, Clock::time_point now) {
     if (!iface.up()) {
-      const std::size_t lost =
-          iface.arrivals.size() + iface.contenders.size() + (iface.on_wire ? 1 : 0);
+      std::size_t lost = iface.arrivals.size() + iface.contenders.size() + (iface.on_wire ? 1 : 0);
+      for (const auto& entry : iface.queued_behind) {
+        lost += entry.second.size();
+      }
       iface.frames_discarded.fetch_add(lost, std::memory_order_relaxed);
       iface.arrivals.clear();
       iface.contenders = {};
+      iface.queued_behind.clear();
+      iface.contending.clear();
       iface.on_wire.reset();
       return;
     }
@@ -607,11 +645,24 @@ class Hub::Impl {
         start = iface.arrivals.front().arrival;
       }
       while (!iface.arrivals.empty() && iface.arrivals.front().arrival <= start) {
-        iface.contenders.push(std::move(iface.arrivals.front()));
+        Frame& frame = iface.arrivals.front();
+        if (iface.contending.insert(frame.sender).second) {
+          iface.contenders.push(std::move(frame));
+        } else {
+          iface.queued_behind[frame.sender].push_back(std::move(frame));
+        }
         iface.arrivals.pop_front();
       }
       iface.on_wire = iface.contenders.top();
       iface.contenders.pop();
+      // The sender's next frame, if it had one waiting, contends from now on.
+      const auto behind = iface.queued_behind.find(iface.on_wire->sender);
+      if (behind != iface.queued_behind.end() && !behind->second.empty()) {
+        iface.contenders.push(std::move(behind->second.front()));
+        behind->second.pop_front();
+      } else {
+        iface.contending.erase(iface.on_wire->sender);
+      }
       iface.wire_end = start + iface.on_wire->wire_time;
       put_on_bus(iface, *iface.on_wire);
     }
@@ -663,17 +714,24 @@ class Hub::Impl {
         handle_config(iface, client, data, size, static_cast<MessageType>(header[1]));
         return;
       case MessageType::query:
-      case MessageType::set_state: {
+      case MessageType::set_state:
+      case MessageType::set_mtu: {
         protocol::RequestMessage request{};
         if (client.attached || size != sizeof(request)) {
           client.dead = true;
           return;
         }
         std::memcpy(&request, data, sizeof(request));
+        auto status = protocol::InfoStatus::ok;
         if (static_cast<MessageType>(request.type) == MessageType::set_state) {
           set_up(iface, request.argument != 0);
+        } else if (static_cast<MessageType>(request.type) == MessageType::set_mtu) {
+          const MtuChange change = set_mtu(iface, static_cast<int>(request.argument));
+          status = change == MtuChange::done      ? protocol::InfoStatus::ok
+                   : change == MtuChange::invalid ? protocol::InfoStatus::bad_request
+                                                  : protocol::InfoStatus::busy;
         }
-        reply_info(iface, client, protocol::InfoStatus::ok);
+        reply_info(iface, client, status);
         return;
       }
       default:
@@ -729,6 +787,7 @@ class Hub::Impl {
     info.type = static_cast<std::uint32_t>(protocol::MessageType::info);
     info.status = static_cast<std::uint32_t>(status);
     info.up = iface.up() ? 1 : 0;
+    info.mtu = static_cast<std::uint32_t>(stats.mtu);
     info.wire_time = stats.wire_time ? 1 : 0;
     info.clients = static_cast<std::uint32_t>(stats.clients);
     info.bitrate = stats.bitrate;
@@ -766,6 +825,7 @@ class Hub::Impl {
   }
 
   int wake_fd = -1;
+  std::mutex state_mutex;  // an MTU change must not race the interface coming up
   std::array<unsigned char, protocol::kMaxMessageSize + 8> buffer{};  // relay thread only
   std::atomic<bool> stopping{false};
   std::thread thread;
@@ -790,6 +850,21 @@ bool Hub::running() const {
 
 void Hub::set_up(const std::string& name, bool up) {
   impl_->set_up(impl_->find(name), up);
+}
+
+void Hub::set_mtu(const std::string& name, int mtu) {
+  switch (impl_->set_mtu(impl_->find(name), mtu)) {
+    case MtuChange::invalid:
+      throw std::invalid_argument(invalid_mtu_message(name, mtu));
+    case MtuChange::while_up:
+      throw std::runtime_error(mtu_while_up_message(name));
+    case MtuChange::done:
+      break;
+  }
+}
+
+int Hub::mtu(const std::string& name) const {
+  return impl_->find(name).mtu();
 }
 
 bool Hub::is_up(const std::string& name) const {

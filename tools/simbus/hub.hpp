@@ -9,13 +9,14 @@
 //
 // The hub never blocks on a client: a receiver whose socket buffer is full loses the frame and
 // the loss is counted. With wire-time emulation, frames are delivered when their transmission
-// at the configured bit rates would end, and frames waiting for a busy bus go out lowest
-// identifier first, as CAN arbitration does.
+// at the configured bit rates would end, and the sockets waiting for a busy bus arbitrate as CAN
+// nodes do: lowest identifier first, each socket's own frames in the order it wrote them.
 //
 // Typical use in a test (see also ScopedSimbus in simbus_testing.hpp):
 //   kestrel::simbus::Hub hub({"can0"});
 //   hub.start();               // can0 is now visible to every interposed process
 //   hub.set_up("can0", false); // like `ip link set can0 down`
+//   hub.set_mtu("can0", 16);   // like `ip link set can0 mtu 16`: classic CAN only
 //   hub.stop();                // also done by the destructor
 #pragma once
 
@@ -63,6 +64,14 @@ class Hub {
   // Throws std::invalid_argument for a name this hub does not serve.
   void set_up(const std::string& name, bool up);
   bool is_up(const std::string& name) const;
+
+  // The interface's MTU, as `ip link set NAME mtu N` sets it on a vcan: CAN_MTU (16) takes
+  // classic frames only, and a CAN FD socket's 72-byte writes fail with EINVAL; CANFD_MTU (72,
+  // the default) takes both. Throws std::invalid_argument for another value or a name this hub
+  // does not serve, and std::runtime_error while the interface is up (set it down first; before
+  // start() any change is taken).
+  void set_mtu(const std::string& name, int mtu);
+  int mtu(const std::string& name) const;
 
   InterfaceStatistics statistics(const std::string& name) const;
   std::vector<InterfaceStatistics> statistics() const;

@@ -1,7 +1,9 @@
 // kestrel-simbus: runs the userspace CAN bus hub and lets SocketCAN programs join it.
 //
-//   kestrel-simbus serve IF [IF...] [--dir D] [--wire-time] [--bitrate N] [--data-bitrate N]
+//   kestrel-simbus serve IF [IF...] [--dir D] [--classic IF] [--wire-time] [--bitrate N]
+//                        [--data-bitrate N]
 //   kestrel-simbus set IF up|down [--dir D]
+//   kestrel-simbus set IF mtu 16|72 [--dir D]
 //   kestrel-simbus list [--dir D]
 //   kestrel-simbus run [--dir D] -- PROGRAM [ARGS...]
 #include <limits.h>
@@ -39,6 +41,7 @@ constexpr const char* kUsage =
     "Commands:\n"
     "  serve IF [IF...]   serve the interfaces until SIGINT or SIGTERM\n"
     "  set IF up|down     change an interface's state on the running hub\n"
+    "  set IF mtu 16|72   classic CAN only, or CAN FD as well (while the interface is down)\n"
     "  list               show the served interfaces, their state and counters\n"
     "  run -- PROGRAM     run a program with the interposer preloaded\n"
     "\n"
@@ -47,13 +50,16 @@ constexpr const char* kUsage =
     "Run 'kestrel-simbus COMMAND --help' for a command's options.\n";
 
 constexpr const char* kServeUsage =
-    "Usage: kestrel-simbus serve IF [IF...] [--dir D] [--wire-time] [--bitrate N]\n"
-    "                            [--data-bitrate N]\n"
+    "Usage: kestrel-simbus serve IF [IF...] [--dir D] [--classic IF] [--wire-time]\n"
+    "                            [--bitrate N] [--data-bitrate N]\n"
     "\n"
     "Serves the CAN interfaces IF (1 to 15 characters each) until SIGINT or SIGTERM, then\n"
-    "removes their socket files. Every interface starts up.\n"
+    "removes their socket files. Every interface starts up and carries CAN FD (MTU 72).\n"
     "\n"
     "  --dir D             bus directory\n"
+    "  --classic IF        IF starts with MTU 16, like a vcan without 'mtu 72' or an adapter\n"
+    "                      without 'fd on': CAN FD sockets can open it, but their 72-byte\n"
+    "                      writes fail with EINVAL; repeatable\n"
     "  --wire-time         deliver frames no faster than the bit rates allow, lowest\n"
     "                      identifier first when the bus is busy\n"
     "  --bitrate N         nominal bit rate in bit/s (default 1000000)\n"
@@ -61,14 +67,17 @@ constexpr const char* kServeUsage =
 
 constexpr const char* kSetUsage =
     "Usage: kestrel-simbus set IF up|down [--dir D]\n"
+    "       kestrel-simbus set IF mtu 16|72 [--dir D]\n"
     "\n"
     "Marks a served interface up or down, like 'ip link set IF up|down'. While it is down,\n"
-    "writes fail with ENETDOWN and nothing is relayed.\n";
+    "writes fail with ENETDOWN and nothing is relayed.\n"
+    "With mtu, like 'ip link set IF mtu N' on a vcan: 16 carries classic CAN only (72-byte\n"
+    "writes of CAN FD sockets fail with EINVAL), 72 CAN FD as well. Refused while IF is up.\n";
 
 constexpr const char* kListUsage =
     "Usage: kestrel-simbus list [--dir D]\n"
     "\n"
-    "Lists the interfaces in the bus directory with their index, state, attached sockets,\n"
+    "Lists the interfaces in the bus directory with their index, state, MTU, attached sockets,\n"
     "frame counters and bus load. Socket files left by a hub that died show as stale.\n";
 
 constexpr const char* kRunUsage =
@@ -138,9 +147,15 @@ int serve(std::vector<std::string> args) {
   HubOptions options;
   options.directory = take_directory(args);
   std::vector<std::string> names;
+  std::vector<std::string> classic;
   for (std::size_t i = 0; i < args.size(); ++i) {
     const std::string& arg = args[i];
-    if (arg == "--wire-time") {
+    if (arg == "--classic") {
+      if (i + 1 >= args.size()) {
+        throw UsageError("--classic needs an interface");
+      }
+      classic.push_back(args[++i]);
+    } else if (arg == "--wire-time") {
       options.wire_time = true;
     } else if (arg == "--bitrate" || arg == "--data-bitrate") {
       if (i + 1 >= args.size()) {
@@ -158,6 +173,11 @@ int serve(std::vector<std::string> args) {
   if (names.empty()) {
     throw UsageError("name at least one interface, e.g. kestrel-simbus serve can0");
   }
+  for (const std::string& name : classic) {
+    if (std::find(names.begin(), names.end(), name) == names.end()) {
+      throw UsageError("--classic " + name + " is not one of the served interfaces");
+    }
+  }
   // The hub thread inherits the blocked signals; the main thread collects them with sigwait.
   sigset_t stop_signals;
   sigemptyset(&stop_signals);
@@ -166,12 +186,18 @@ int serve(std::vector<std::string> args) {
   pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
 
   Hub hub(names, options);
+  for (const std::string& name : classic) {
+    hub.set_mtu(name, CAN_MTU);
+  }
   hub.start();
   std::cout << "kestrel-simbus: serving";
   for (const std::string& name : names) {
     std::cout << ' ' << name;
   }
   std::cout << " in " << hub.directory();
+  for (const std::string& name : classic) {
+    std::cout << ", " << name << " classic CAN only (MTU 16)";
+  }
   if (options.wire_time) {
     std::cout << " (wire time at " << options.bitrate << " / " << options.data_bitrate << " bit/s)";
   }
@@ -185,17 +211,24 @@ int serve(std::vector<std::string> args) {
 
 int set_state(std::vector<std::string> args) {
   const std::string directory = take_directory(args);
-  if (args.size() != 2 || (args[1] != "up" && args[1] != "down")) {
-    throw UsageError("expected IF up|down, e.g. kestrel-simbus set can0 down");
+  const bool state = args.size() == 2 && (args[1] == "up" || args[1] == "down");
+  const bool mtu = args.size() == 3 && args[1] == "mtu" && (args[2] == "16" || args[2] == "72");
+  if (!state && !mtu) {
+    throw UsageError("expected IF up|down or IF mtu 16|72, e.g. kestrel-simbus set can0 down");
   }
   check_interface_name(args[0]);
-  const auto stats = set_interface_state(directory, args[0], args[1] == "up");
+  const auto stats = state ? set_interface_state(directory, args[0], args[1] == "up")
+                           : set_interface_mtu(directory, args[0], std::stoi(args[2]));
   if (!stats) {
     std::cerr << "kestrel-simbus: interface \"" << args[0] << "\" is not served in " << directory
               << " (is 'kestrel-simbus serve' running?)" << std::endl;
     return 1;
   }
-  std::cout << args[0] << ": " << (stats->up ? "UP" : "DOWN") << std::endl;
+  if (state) {
+    std::cout << args[0] << ": " << (stats->up ? "UP" : "DOWN") << std::endl;
+  } else {
+    std::cout << args[0] << ": MTU " << stats->mtu << std::endl;
+  }
   return 0;
 }
 
@@ -209,16 +242,16 @@ int list(std::vector<std::string> args) {
     std::cout << "no interfaces in " << directory << std::endl;
     return 0;
   }
-  std::printf("%-15s %-11s %-6s %7s %12s %12s %9s %9s %7s\n", "INTERFACE", "INDEX", "STATE",
-              "SOCKETS", "RELAYED", "DELIVERED", "DROPPED", "DISCARDED", "LOAD");
+  std::printf("%-15s %-11s %-6s %4s %7s %12s %12s %9s %9s %7s\n", "INTERFACE", "INDEX", "STATE",
+              "MTU", "SOCKETS", "RELAYED", "DELIVERED", "DROPPED", "DISCARDED", "LOAD");
   for (const std::string& name : names) {
     const auto stats = query_interface(directory, name);
     if (!stats) {
       std::printf("%-15s %-11d %-6s\n", name.c_str(), interface_index(name), "stale");
       continue;
     }
-    std::printf("%-15s %-11d %-6s %7zu %12llu %12llu %9llu %9llu %6.1f%%\n", name.c_str(),
-                stats->ifindex, stats->up ? "UP" : "DOWN", stats->clients,
+    std::printf("%-15s %-11d %-6s %4d %7zu %12llu %12llu %9llu %9llu %6.1f%%\n", name.c_str(),
+                stats->ifindex, stats->up ? "UP" : "DOWN", stats->mtu, stats->clients,
                 static_cast<unsigned long long>(stats->frames_relayed),
                 static_cast<unsigned long long>(stats->deliveries),
                 static_cast<unsigned long long>(stats->frames_dropped),

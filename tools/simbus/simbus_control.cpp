@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <stdexcept>
 
 #include "simbus/simbus_paths.hpp"
 
@@ -104,6 +105,7 @@ InterfaceStatistics statistics_from_info(std::string_view name, const protocol::
   stats.name = std::string(name);
   stats.ifindex = interface_index(name);
   stats.up = info.up != 0;
+  stats.mtu = static_cast<int>(info.mtu);
   stats.wire_time = info.wire_time != 0;
   stats.bitrate = info.bitrate;
   stats.data_bitrate = info.data_bitrate;
@@ -120,16 +122,22 @@ InterfaceStatistics statistics_from_info(std::string_view name, const protocol::
 
 namespace {
 
+// nullopt when no hub answers; a refusal also leaves `status` at the hub's answer.
 std::optional<InterfaceStatistics> request_info(const std::string& directory, std::string_view name,
-                                                protocol::MessageType type,
-                                                std::uint32_t argument) {
+                                                protocol::MessageType type, std::uint32_t argument,
+                                                protocol::InfoStatus* status = nullptr) {
   const protocol::RequestMessage request{protocol::kMagic, static_cast<std::uint32_t>(type),
                                          argument};
   protocol::InfoMessage info{};
   if (!hub_request(directory, name, &request, sizeof(request), &info, sizeof(info)) ||
       info.magic != protocol::kMagic ||
-      info.type != static_cast<std::uint32_t>(protocol::MessageType::info) ||
-      info.status != static_cast<std::uint32_t>(protocol::InfoStatus::ok)) {
+      info.type != static_cast<std::uint32_t>(protocol::MessageType::info)) {
+    return std::nullopt;
+  }
+  if (status != nullptr) {
+    *status = static_cast<protocol::InfoStatus>(info.status);
+  }
+  if (info.status != static_cast<std::uint32_t>(protocol::InfoStatus::ok)) {
     return std::nullopt;
   }
   return statistics_from_info(name, info);
@@ -145,6 +153,29 @@ std::optional<InterfaceStatistics> query_interface(const std::string& directory,
 std::optional<InterfaceStatistics> set_interface_state(const std::string& directory,
                                                        std::string_view name, bool up) {
   return request_info(directory, name, protocol::MessageType::set_state, up ? 1 : 0);
+}
+
+std::optional<InterfaceStatistics> set_interface_mtu(const std::string& directory,
+                                                     std::string_view name, int mtu) {
+  auto status = protocol::InfoStatus::ok;
+  auto stats = request_info(directory, name, protocol::MessageType::set_mtu,
+                            static_cast<std::uint32_t>(mtu), &status);
+  if (status == protocol::InfoStatus::busy) {
+    throw std::runtime_error(mtu_while_up_message(name));
+  }
+  if (status != protocol::InfoStatus::ok) {
+    throw std::runtime_error(invalid_mtu_message(name, mtu));
+  }
+  return stats;
+}
+
+std::string invalid_mtu_message(std::string_view name, int mtu) {
+  return "invalid MTU " + std::to_string(mtu) + " for '" + std::string(name) +
+         "': 16 (classic CAN) or 72 (CAN FD)";
+}
+
+std::string mtu_while_up_message(std::string_view name) {
+  return "cannot change the MTU of '" + std::string(name) + "' while it is up (set it down first)";
 }
 
 }  // namespace kestrel::simbus

@@ -37,6 +37,17 @@ std::optional<InterfaceStatistics> query_interface(const std::string& directory,
 std::optional<InterfaceStatistics> set_interface_state(const std::string& directory,
                                                        std::string_view name, bool up);
 
+// Changes the MTU of a served interface, like `ip link set NAME mtu N` on a vcan: CAN_MTU (16,
+// classic frames only) or CANFD_MTU (72, CAN FD as well), and only while the interface is down.
+// Returns the state after the change, nullopt when no hub answers; throws std::runtime_error
+// with the hub's reason when it refuses.
+std::optional<InterfaceStatistics> set_interface_mtu(const std::string& directory,
+                                                     std::string_view name, int mtu);
+
+// Why an MTU change is refused; the hub and its remote control say it the same way.
+std::string invalid_mtu_message(std::string_view name, int mtu);
+std::string mtu_while_up_message(std::string_view name);
+
 // Sends a request on a fresh connection and waits for a control answer of `reply_size`
 // bytes. Returns false when the hub cannot be reached or does not answer in time.
 bool hub_request(const std::string& directory, std::string_view name, const void* request,

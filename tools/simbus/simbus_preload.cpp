@@ -18,7 +18,8 @@
 //  - bind() to ifindex 0 ("any interface") succeeds but receives nothing;
 //  - sendto()/sendmsg() to an interface other than the bound one fail with ENXIO;
 //  - CAN_RAW_LOOPBACK = 0 still delivers to other sockets (every simbus socket is its own node);
-//  - CAN XL frames are not supported (CAN_RAW_XL_FRAMES: ENOPROTOOPT, as before Linux 6.2);
+//  - CAN XL frames are not supported (CAN_RAW_XL_FRAMES: ENOPROTOOPT; Debian 12's 6.1 kernel,
+//    which has CAN XL, accepts the option);
 //  - descriptors duplicated with fcntl(F_DUPFD) or closed behind libc's back (fclose of an
 //    fdopen'ed socket) are not tracked.
 #include <dlfcn.h>
@@ -670,7 +671,8 @@ void record_socket_option(CanSocket& record, int name, const void* value, sockle
 // ---- sending ----
 
 // The checks of the kernel's raw_sendmsg and can_send, in their order: destination address,
-// frame size for the socket's mode, bound interface, payload length, interface up.
+// frame size for the socket's mode, bound interface, frame size for the interface's MTU, payload
+// length, interface up.
 ssize_t emulated_send(int fd, CanSocket& record, const void* frame, std::size_t size, int flags,
                       const sockaddr* destination, socklen_t destination_length) {
   int index = record.ifindex.load(std::memory_order_relaxed);
@@ -694,6 +696,12 @@ ssize_t emulated_send(int fd, CanSocket& record, const void* frame, std::size_t 
   if (!record.bound.load(std::memory_order_acquire) || index == 0) {
     return fail(ENXIO);
   }
+  // An FD socket takes 72-byte frames only where the interface carries CAN FD (MTU 72).
+  const protocol::StateBlock* state = record.state.load(std::memory_order_acquire);
+  if (size == CANFD_MTU && state != nullptr &&
+      state->mtu.load(std::memory_order_acquire) != CANFD_MTU) {
+    return fail(EINVAL);
+  }
   if (frame == nullptr) {
     return fail(EFAULT);
   }
@@ -702,7 +710,7 @@ ssize_t emulated_send(int fd, CanSocket& record, const void* frame, std::size_t 
                       : bytes[offsetof(canfd_frame, len)] > CANFD_MAX_DLEN) {
     return fail(EINVAL);
   }
-  if (const protocol::StateBlock* state = record.state.load(std::memory_order_acquire)) {
+  if (state != nullptr) {
     if (state->alive.load(std::memory_order_acquire) == 0) {
       return fail(ENXIO);  // the hub went away: like an interface that was unregistered
     }
@@ -796,10 +804,15 @@ int interface_ioctl(int fd, unsigned long request, void* argument, bool& handled
       handled = true;
       return 0;
     }
-    case SIOCGIFMTU:
-      interface_request->ifr_mtu = CANFD_MTU;  // every simbus interface carries CAN FD
+    case SIOCGIFMTU: {
+      const auto stats = query_interface(directory, name);
+      if (!stats) {
+        return 0;
+      }
+      interface_request->ifr_mtu = stats->mtu;
       handled = true;
       return 0;
+    }
     default:
       return 0;
   }
@@ -942,7 +955,8 @@ int getsockopt(int fd, int level, int name, void* value, socklen_t* length) noex
   }
   if (level == SOL_SOCKET && (name == SO_DOMAIN || name == SO_TYPE || name == SO_PROTOCOL) &&
       value != nullptr && length != nullptr && *length >= sizeof(int)) {
-    const int answer = name == SO_DOMAIN ? AF_CAN : name == SO_TYPE ? SOCK_RAW : CAN_RAW;
+    // The kernel never records the protocol of a CAN socket: SO_PROTOCOL reads 0.
+    const int answer = name == SO_DOMAIN ? AF_CAN : name == SO_TYPE ? SOCK_RAW : 0;
     std::memcpy(value, &answer, sizeof(int));
     *length = sizeof(int);
     return 0;

@@ -22,7 +22,7 @@
 namespace kestrel::simbus::protocol {
 
 inline constexpr std::uint32_t kMagic = 0x4B534231;  // "KSB1"
-inline constexpr std::uint32_t kVersion = 1;
+inline constexpr std::uint32_t kVersion = 2;
 
 enum class MessageType : std::uint32_t {
   attach = 1,     // client → hub, first packet of a data connection
@@ -30,7 +30,8 @@ enum class MessageType : std::uint32_t {
   update = 3,     // client → hub on a control connection: new options for an attached client
   query = 4,      // client → hub: interface state and counters
   set_state = 5,  // client → hub: interface up or down
-  info = 6,       // hub → client: answer to update, query and set-state
+  info = 6,       // hub → client: answer to update, query, set-state and set-mtu
+  set_mtu = 7,    // client → hub: interface MTU, CAN_MTU or CANFD_MTU (only while down)
 };
 
 // Options of one CAN socket, as the hub applies them when it delivers frames.
@@ -67,11 +68,12 @@ struct AttachedMessage {
 
 struct RequestMessage {
   std::uint32_t magic;
-  std::uint32_t type;      // query or set_state
-  std::uint32_t argument;  // set_state: 1 up, 0 down
+  std::uint32_t type;      // query, set_state or set_mtu
+  std::uint32_t argument;  // set_state: 1 up, 0 down; set_mtu: the MTU
 };
 
-enum class InfoStatus : std::uint32_t { ok = 0, unknown_client = 1, bad_request = 2 };
+// busy: the MTU of an interface that is up cannot change.
+enum class InfoStatus : std::uint32_t { ok = 0, unknown_client = 1, bad_request = 2, busy = 3 };
 
 struct InfoMessage {
   std::uint32_t magic;
@@ -82,6 +84,8 @@ struct InfoMessage {
   std::uint32_t clients;
   std::uint32_t bitrate;
   std::uint32_t data_bitrate;
+  std::uint32_t mtu;
+  std::uint32_t reserved;
   std::uint64_t frames_received;
   std::uint64_t frames_relayed;
   std::uint64_t deliveries;
@@ -107,6 +111,7 @@ struct StateBlock {
   std::uint64_t instance;  // random per hub interface: tells a restarted hub's page apart
   std::atomic<std::uint32_t> up;
   std::atomic<std::uint32_t> alive;  // 0 once the hub has stopped serving the interface
+  std::atomic<std::uint32_t> mtu;    // CAN_MTU: classic frames only; CANFD_MTU: CAN FD too
 };
 static_assert(std::atomic<std::uint32_t>::is_always_lock_free,
               "the state page is shared between processes");

@@ -12,6 +12,7 @@ struct InterfaceStatistics {
   std::string name;
   int ifindex = 0;
   bool up = false;
+  int mtu = 0;             // CAN_MTU (16): classic frames only; CANFD_MTU (72): CAN FD too
   bool wire_time = false;  // frames paced at the bit rates below
   std::uint32_t bitrate = 0;
   std::uint32_t data_bitrate = 0;

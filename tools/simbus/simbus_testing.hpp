@@ -13,6 +13,7 @@
 //     kestrel::simbus::ScopedSimbus bus({"can0"});
 //     kestrel::canbus::CANSocket socket("can0", false);  // works: can0 is served
 //     bus.set_up("can0", false);                         // `ip link set can0 down`
+//     bus.set_mtu("can0", CAN_MTU);                      // classic only (while down)
 //     EXPECT_EQ(bus.statistics("can0").frames_relayed, 0u);
 //   }
 //
@@ -43,6 +44,7 @@ class ScopedSimbus {
 
   // Shorthands for the hub's own calls.
   void set_up(const std::string& interface, bool up) { hub_->set_up(interface, up); }
+  void set_mtu(const std::string& interface, int mtu) { hub_->set_mtu(interface, mtu); }
   InterfaceStatistics statistics(const std::string& interface) const {
     return hub_->statistics(interface);
   }
