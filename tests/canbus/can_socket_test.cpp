@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include "simbus/simbus_testing.hpp"
 #include "support/simbus_can.hpp"
@@ -211,12 +212,85 @@ TEST_F(CANSocketOnSimbus, WritesAfterCleanupFailButTheSocketStaysInitialized) {
   EXPECT_FALSE(socket.is_data_available(0));
 }
 
-TEST_F(CANSocketOnSimbus, ClassicSocketRefusesFdFrames) {
-  CANSocket socket("can0", false);
-  EXPECT_FALSE(socket.write_canfd_frame(fd_frame(0x4, 8)));
-  EXPECT_EQ(errno, EINVAL);
-  EXPECT_EQ(socket.write_raw_frame("x", 1), -1);
-  EXPECT_EQ(errno, EINVAL);
+// Each row writes twice on a socket opened on an interface of the given MTU: the result, errno
+// as write() left it, the counts by cause, and what CAN FD on that interface is told.
+TEST_F(CANSocketOnSimbus, FailedWritesAreCountedByCauseAndFdNeedsAnFdInterface) {
+  const can_frame small = classic_frame(0x4, {1});
+  const canfd_frame big = fd_frame(0x4, 8);
+  const std::string refusal =
+      "CAN interface 'can0' is not CAN FD capable (MTU 16): use classic CAN, or enable CAN FD "
+      "with: sudo ip link set can0 down && sudo ip link set can0 up type can bitrate 1000000 "
+      "dbitrate 5000000 fd on (a vcan: sudo ip link set can0 mtu 72)";
+  using Write = std::function<bool(CANSocket&)>;
+  const Write classic = [&](CANSocket& s) { return s.write_can_frame(small); };
+  const Write fd = [&](CANSocket& s) { return s.write_canfd_frame(big); };
+  const struct {
+    const char* name;
+    bool canfd;
+    int mtu;
+    bool up;
+    Write write;
+    int error;  // 0: both writes go out
+    SendFailureCounts counts;
+  } rows[] = {
+      {"FD frame, classic socket", false, CANFD_MTU, true, fd, EINVAL, {2, 0, 0, 0, EINVAL}},
+      {"1-byte raw write",
+       false,
+       CANFD_MTU,
+       true,
+       [](CANSocket& s) { return s.write_raw_frame("x", 1) == 1; },
+       EINVAL,
+       {2, 0, 0, 0, EINVAL}},
+      {"FD frame, classic interface", true, CAN_MTU, true, fd, EINVAL, {2, 0, 0, 0, EINVAL}},
+      {"raw FD frame, classic interface",
+       true,
+       CAN_MTU,
+       true,
+       [&](CANSocket& s) { return s.write_raw_frame(&big, CANFD_MTU) == CANFD_MTU; },
+       EINVAL,
+       {2, 0, 0, 0, EINVAL}},
+      {"classic frame, FD socket, classic interface", true, CAN_MTU, true, classic, 0, {}},
+      {"FD frame, FD interface", true, CANFD_MTU, true, fd, 0, {}},
+      {"interface down", true, CANFD_MTU, false, fd, ENETDOWN, {0, 0, 2, 0, ENETDOWN}},
+      {"FD frame, classic interface down", true, CAN_MTU, false, fd, EINVAL, {2, 0, 0, 0, EINVAL}},
+      {"after cleanup",
+       false,
+       CANFD_MTU,
+       true,
+       [&](CANSocket& s) {
+         s.cleanup();
+         return s.write_can_frame(small);
+       },
+       EBADF,
+       {0, 0, 0, 2, EBADF}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    bus_.set_up("can0", false);
+    bus_.set_mtu("can0", row.mtu);
+    bus_.set_up("can0", true);
+    CANSocket socket("can0", row.canfd);  // opens on a classic interface too, as in the kernel
+    EXPECT_EQ(socket.interface_mtu(), row.mtu);
+    EXPECT_EQ(canfd_refusal("can0", row.canfd),
+              row.canfd && row.mtu == CAN_MTU ? refusal : std::string());
+    bus_.set_up("can0", row.up);
+    for (int attempt = 0; attempt < 2; ++attempt) {
+      errno = 0;
+      EXPECT_EQ(row.write(socket), row.error == 0);
+      if (row.error != 0) {
+        EXPECT_EQ(errno, row.error);
+      }
+    }
+    const SendFailureCounts c = socket.send_failures();
+    EXPECT_EQ(std::make_tuple(c.refused, c.queue_full, c.interface_down, c.other, c.last_errno),
+              std::make_tuple(row.counts.refused, row.counts.queue_full, row.counts.interface_down,
+                              row.counts.other, row.counts.last_errno));
+  }
+  EXPECT_EQ(canfd_mtu_refusal("can0", CAN_MTU), refusal);
+  EXPECT_EQ(describe_send_failures({2, 1, 0, 0, ENOBUFS}),
+            "3 (refused 2, queue full 1, interface down 0, other 0; last No buffer space "
+            "available (ENOBUFS))");
+  EXPECT_EQ(describe_send_failures({}), "0");
 }
 
 TEST_F(CANSocketOnSimbus, FdSocketExchangesBothFrameKinds) {

@@ -147,6 +147,24 @@ TEST_F(KestrelTool, MissingAndDownInterfacesAreRefusedWithTheReason) {
   EXPECT_EQ(bad_file.status, 1);
   EXPECT_THAT(bad_file.output,
               HasSubstr("kestrel run: " + dir + "/none.yaml: cannot open the file"));
+  // CAN FD on a classic interface: the one line of each program, and no frame goes out.
+  ASSERT_TRUE(kestrel::simbus::set_interface_mtu(dir, "clican0", 16));
+  ASSERT_TRUE(kestrel::simbus::set_interface_state(dir, "clican0", true));
+  const std::string classic =
+      ": CAN interface 'clican0' is not CAN FD capable (MTU 16): use classic CAN, or enable CAN "
+      "FD with: sudo ip link set clican0 down && sudo ip link set clican0 up type can bitrate "
+      "1000000 dbitrate 5000000 fd on (a vcan: sudo ip link set clican0 mtu 72)\n";
+  const std::pair<std::vector<std::string>, std::string> fd_refusals[] = {
+      {{"status", "--interface", "clican0", "--fd"}, "kestrel status"},
+      {{"monitor", "clican0", "--fd", "--duration", "1"}, "kestrel-monitor"},
+      {{"sim", "--interface", "clican0", "--fd"}, "kestrel-sim"},
+  };
+  for (const auto& [words, program] : fd_refusals) {
+    const auto r = run(words);
+    EXPECT_EQ(r.status, 1) << program;
+    EXPECT_EQ(r.output, program + classic);
+  }
+  EXPECT_EQ(kestrel::simbus::query_interface(dir, "clican0")->frames_received, 0u);
 }
 
 TEST_F(KestrelTool, StatusReadsEveryMotorWithoutEnablingIt) {
@@ -159,7 +177,7 @@ TEST_F(KestrelTool, StatusReadsEveryMotorWithoutEnablingIt) {
   EXPECT_THAT(status.output, HasSubstr("0 Disabled"));
   EXPECT_THAT(status.output, ::testing::Not(HasSubstr("Enabled")));
   EXPECT_THAT(status.output, HasSubstr("tool pose: x "));
-  EXPECT_THAT(status.output, HasSubstr("7 of 7 motors answered"));
+  EXPECT_THAT(status.output, HasSubstr("7 of 7 motors answered\nCAN send failures: 0\n"));
   const auto without_gripper = run({"status", "--interface", "clican0", "--no-gripper"});
   EXPECT_THAT(without_gripper.output, HasSubstr("6 of 6 motors answered"));
 }

@@ -56,6 +56,7 @@ class SimulatedArm {
   ~SimulatedArm() { motors_->stop(); }
 
   sim::SimulatedMotorBus& motors() { return *motors_; }
+  simbus::ScopedSimbus& bus() { return bus_; }
 
   // Applies an external torque gradually, as a hand pushing on the link would: a step would
   // make the run-time acceleration supervision stop the arm before anything else is seen.

@@ -292,6 +292,27 @@ TEST_F(LoopTest, SustainedVelocityExcessStopsTheArm) {
       err, ::testing::HasSubstr("[control_loop] loop exited. exit_flag=1 emergency_stop_flag=1"));
 }
 
+// The cycle's writes that fail while the interface is down land in the loop statistics, and the
+// torque monitor says so once, however many fail.
+TEST_F(LoopTest, WritesRefusedByADownInterfaceAreCountedAndReportedOnce) {
+  EXPECT_EQ(arm->control_loop_statistics().send_failures.total(), 0u);
+  sim.bus().set_up("can0", false);
+  ASSERT_TRUE(eventually(
+      [&] { return arm->control_loop_statistics().send_failures.interface_down > 40; }, 2s));
+  std::this_thread::sleep_for(50ms);  // the monitor's next passes: no second line
+  sim.bus().set_up("can0", true);
+  const auto failures = arm->control_loop_statistics().send_failures;
+  EXPECT_EQ(failures.total(), failures.interface_down);
+  EXPECT_EQ(failures.last_errno, ENETDOWN);
+  const auto [out, err] = finish();
+  const std::string line =
+      "CAN writes to 'can0' are failing: Network is down (ENETDOWN); counted in the loop "
+      "statistics\n";
+  const auto first = err.find(line);
+  ASSERT_NE(first, std::string::npos) << err;
+  EXPECT_EQ(err.find(line, first + 1), std::string::npos) << "reported twice";
+}
+
 TEST_F(LoopTest, TorqueBetweenWarnAndStopOnlyWarns) {
   sim.ramp_external_torque(3, 0.0, 7.0, 1000ms);  // joint 4: warn 6, stop 8 N·m
   std::this_thread::sleep_for(7s);

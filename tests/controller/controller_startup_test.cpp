@@ -255,10 +255,34 @@ TEST(Shutdown, CleanupDisablesTheMotorsOnce) {
   }
 }
 
-TEST(Startup, MissingInterfaceThrowsTheSocketError) {
-  SimulatedArm sim;
-  EXPECT_THROW(ArmController(true, "can7", false, MIT_MODE, false),
-               kestrel::canbus::CANSocketException);
+// Refused before a single frame goes out: what() exactly, and the hub received nothing.
+TEST(Startup, InterfaceRefusalsThrowTheSocketErrorBeforeSending) {
+  const struct {
+    const char* interface;
+    bool fd;
+    int mtu;
+    std::string what;
+  } rows[] = {
+      {"can7", false, CANFD_MTU, "Socket error: Failed to initialize socket for interface: can7"},
+      {"can0", true, CAN_MTU,
+       "Socket error: CAN interface 'can0' is not CAN FD capable (MTU 16): use classic CAN, or "
+       "enable CAN FD with: sudo ip link set can0 down && sudo ip link set can0 up type can "
+       "bitrate 1000000 dbitrate 5000000 fd on (a vcan: sudo ip link set can0 mtu 72)"},
+  };
+  for (const auto& row : rows) {
+    kestrel::simbus::ScopedSimbus bus({"can0"});
+    bus.set_up("can0", false);
+    bus.set_mtu("can0", row.mtu);
+    bus.set_up("can0", true);
+    std::string what = "no exception";
+    try {
+      ArmController arm(true, row.interface, row.fd, MIT_MODE, false);
+    } catch (const kestrel::canbus::CANSocketException& e) {
+      what = e.what();
+    }
+    EXPECT_EQ(what, row.what);
+    EXPECT_EQ(bus.statistics("can0").frames_received, 0u) << row.what;
+  }
 }
 
 TEST(Startup, UnsupportedControlModeIsRejected) {

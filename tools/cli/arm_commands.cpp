@@ -83,8 +83,8 @@ int command_status(const Words& words) {
       "Usage: kestrel status [--watch] [connection options]\n"
       "Reads every motor once (a refresh request: nothing is enabled or moved) and prints joint\n"
       "positions, velocities, torques, temperatures and status codes, the gripper opening and the\n"
-      "tool pose. --watch repeats twice a second until Ctrl-C. Exit status 1 when a motor does\n"
-      "not answer or reports a fault.\n"
+      "tool pose, and the frame writes the interface refused. --watch repeats twice a second\n"
+      "until Ctrl-C. Exit status 1 when a motor does not answer or reports a fault.\n"
       "  --watch          keep reading until Ctrl-C\n";
   Args args({}, {}, {});
   if (parse_arm_command(words, {}, {"--watch"}, kHelp, args)) {
@@ -155,6 +155,8 @@ int command_status(const Words& words) {
                 faulty ? ", some report a fault (clear it: power-cycle or run a command that "
                          "enables the arm)"
                        : "");
+    std::printf("CAN send failures: %s\n",
+                kestrel::canbus::describe_send_failures(bus.get_socket().send_failures()).c_str());
     std::fflush(stdout);
     status = (silent || faulty) ? 1 : 0;
   } while (args.flag("--watch") && signals.sleep(0.5) && std::printf("\n") > 0);

@@ -112,6 +112,10 @@ void print_report(const ControlLoopHistograms& h, const ControlLoopStatistics& s
               static_cast<unsigned long long>(h.missed_deadlines));
   std::printf("%-18s %10.1f\n", "missed per minute",
               seconds > 0.0 ? static_cast<double>(h.missed_deadlines) * 60.0 / seconds : 0.0);
+  if (s.send_failures.total() > 0) {
+    std::printf("%-18s %s\n", "CAN send failures",
+                kestrel::canbus::describe_send_failures(s.send_failures).c_str());
+  }
   std::fflush(stdout);
 }
 

@@ -10,6 +10,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "kestrel/canbus/can_socket.hpp"
+
 namespace kestrel::tools {
 
 namespace {
@@ -54,6 +56,14 @@ int open_can_socket(const std::string& name, bool fd, std::string& error) {
     const int on = 1;
     if (::setsockopt(s, SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &on, sizeof on) < 0) {
       return fail(s, error, "'" + name + "' does not take CAN FD frames: " + std::strerror(errno));
+    }
+    // The option is taken on a classic interface too; only its MTU tells.
+    ifreq mtu{};
+    std::strncpy(mtu.ifr_name, name.c_str(), IFNAMSIZ - 1);
+    const std::string refusal = kestrel::canbus::canfd_mtu_refusal(
+        name, ::ioctl(s, SIOCGIFMTU, &mtu) == 0 ? mtu.ifr_mtu : -1);
+    if (!refusal.empty()) {
+      return fail(s, error, refusal);
     }
   }
   sockaddr_can addr{};

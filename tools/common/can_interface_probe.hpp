@@ -1,7 +1,7 @@
 // Opens a raw SocketCAN socket bound to one interface and, when that fails, says why in words a
 // user can act on: the name is too long, the interface does not exist, it is DOWN, it does not
-// take CAN FD frames. Works on a kernel interface and, through the interposer, on the
-// userspace bus.
+// take CAN FD frames (a classic interface, MTU 16). Works on a kernel interface and, through the
+// interposer, on the userspace bus.
 #pragma once
 
 #include <string>

@@ -270,6 +270,10 @@ void print_summary(const std::vector<Phase>& phases, const std::vector<ControlCy
       static_cast<unsigned long long>(timing.cycles), timing.compute_median_us,
       timing.compute_p99_us, timing.io_median_us, timing.io_p99_us,
       static_cast<unsigned long long>(timing.missed_deadlines), samples.size());
+  if (timing.send_failures.total() > 0) {
+    std::printf("CAN send failures: %s\n",
+                kestrel::canbus::describe_send_failures(timing.send_failures).c_str());
+  }
 }
 
 void usage() {

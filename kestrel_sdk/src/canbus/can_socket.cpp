@@ -8,6 +8,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -30,6 +31,67 @@ void require_length_fits(const char* operation, unsigned length, unsigned capaci
 }
 
 }  // namespace
+
+SendFailureCause send_failure_cause(int error) {
+  switch (error) {
+    case EINVAL:
+    case EMSGSIZE:
+      return SendFailureCause::refused;
+    case ENOBUFS:
+    case EAGAIN:
+      return SendFailureCause::queue_full;
+    case ENETDOWN:
+      return SendFailureCause::interface_down;
+    default:
+      return SendFailureCause::other;
+  }
+}
+
+std::string send_error_text(int error) {
+  const char* name = nullptr;
+#if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 32))
+  name = ::strerrorname_np(error);
+#endif
+  return std::string(std::strerror(error)) + " (" +
+         (name != nullptr ? std::string(name) : "errno " + std::to_string(error)) + ")";
+}
+
+std::string describe_send_failures(const SendFailureCounts& counts) {
+  if (counts.total() == 0) {
+    return "0";
+  }
+  return std::to_string(counts.total()) + " (refused " + std::to_string(counts.refused) +
+         ", queue full " + std::to_string(counts.queue_full) + ", interface down " +
+         std::to_string(counts.interface_down) + ", other " + std::to_string(counts.other) +
+         "; last " + send_error_text(counts.last_errno) + ")";
+}
+
+std::string canfd_mtu_refusal(const std::string& name, int mtu) {
+  if (mtu < 0 || mtu >= static_cast<int>(CANFD_MTU)) {
+    return {};
+  }
+  return "CAN interface '" + name + "' is not CAN FD capable (MTU " + std::to_string(mtu) +
+         "): use classic CAN, or enable CAN FD with: sudo ip link set " + name +
+         " down && sudo ip link set " + name +
+         " up type can bitrate 1000000 dbitrate 5000000 fd on (a vcan: sudo ip link set " + name +
+         " mtu 72)";
+}
+
+std::string canfd_refusal(const std::string& name, bool canfd) {
+  if (!canfd) {
+    return {};
+  }
+  const int s = ::socket(PF_CAN, SOCK_RAW, CAN_RAW);
+  if (s < 0) {
+    return {};
+  }
+  struct ifreq ifr;
+  std::memset(&ifr, 0, sizeof(ifr));
+  std::strncpy(ifr.ifr_name, name.c_str(), IFNAMSIZ - 1);
+  const int mtu = ::ioctl(s, SIOCGIFMTU, &ifr) == 0 ? ifr.ifr_mtu : -1;
+  ::close(s);
+  return canfd_mtu_refusal(name, mtu);
+}
 
 CANSocket::CANSocket(const std::string& interface_name, bool canfd)
     : socket_fd(-1), interface_name(interface_name), canfd_enabled(canfd), is_initialized(false) {
@@ -106,6 +168,48 @@ bool CANSocket::initialize_socket(const std::string& name) {
   return false;
 }
 
+int CANSocket::interface_mtu() const {
+  struct ifreq ifr;
+  std::memset(&ifr, 0, sizeof(ifr));
+  std::strncpy(ifr.ifr_name, interface_name.c_str(), IFNAMSIZ - 1);
+  if (::ioctl(socket_fd, SIOCGIFMTU, &ifr) < 0) {
+    return -1;
+  }
+  return ifr.ifr_mtu;
+}
+
+SendFailureCounts CANSocket::send_failures() const {
+  SendFailureCounts counts;
+  counts.refused = refused_writes.load(std::memory_order_relaxed);
+  counts.queue_full = queue_full_writes.load(std::memory_order_relaxed);
+  counts.interface_down = interface_down_writes.load(std::memory_order_relaxed);
+  counts.other = other_failed_writes.load(std::memory_order_relaxed);
+  counts.last_errno = last_write_errno.load(std::memory_order_relaxed);
+  return counts;
+}
+
+// The failure path only: one relaxed increment, errno untouched. A short write (which CAN
+// sockets do not make) has no errno of its own and counts as other.
+[[gnu::cold]] void CANSocket::count_send_failure(ssize_t result) noexcept {
+  const int error = result < 0 ? errno : 0;
+  std::atomic<std::uint64_t>* counter = &other_failed_writes;
+  switch (send_failure_cause(error)) {
+    case SendFailureCause::refused:
+      counter = &refused_writes;
+      break;
+    case SendFailureCause::queue_full:
+      counter = &queue_full_writes;
+      break;
+    case SendFailureCause::interface_down:
+      counter = &interface_down_writes;
+      break;
+    case SendFailureCause::other:
+      break;
+  }
+  counter->fetch_add(1, std::memory_order_relaxed);
+  last_write_errno.store(error, std::memory_order_relaxed);
+}
+
 void CANSocket::cleanup() {
   if (socket_fd > 0) {
     ::close(socket_fd);
@@ -133,17 +237,31 @@ ssize_t CANSocket::write_raw_frame(const void* buffer, size_t length) {
   if (!is_initialized) {
     return -1;
   }
-  return ::write(socket_fd, buffer, length);
+  const ssize_t written = ::write(socket_fd, buffer, length);
+  if (written < 0) {
+    count_send_failure(written);
+  }
+  return written;
 }
 
 bool CANSocket::write_can_frame(const can_frame& frame) {
   require_length_fits("write_can_frame", frame.can_dlc, CAN_MAX_DLEN, "classic CAN");
-  return ::write(socket_fd, &frame, CAN_MTU) == static_cast<ssize_t>(CAN_MTU);
+  const ssize_t written = ::write(socket_fd, &frame, CAN_MTU);
+  if (written == static_cast<ssize_t>(CAN_MTU)) {
+    return true;
+  }
+  count_send_failure(written);
+  return false;
 }
 
 bool CANSocket::write_canfd_frame(const canfd_frame& frame) {
   require_length_fits("write_canfd_frame", frame.len, CANFD_MAX_DLEN, "CAN FD");
-  return ::write(socket_fd, &frame, CANFD_MTU) == static_cast<ssize_t>(CANFD_MTU);
+  const ssize_t written = ::write(socket_fd, &frame, CANFD_MTU);
+  if (written == static_cast<ssize_t>(CANFD_MTU)) {
+    return true;
+  }
+  count_send_failure(written);
+  return false;
 }
 
 bool CANSocket::read_can_frame(can_frame& frame) {

@@ -70,6 +70,15 @@ ArmController::Impl::Impl(const std::string& can_interface, bool use_canfd, ArmC
       control_mode(control_mode),
       skip_hardware_init(skip_hardware_init) {
   kestrel = std::make_unique<kestrel::can::socket::Kestrel>(can_interface, use_canfd);
+  // An FD socket opens on a classic interface too, and then every FD frame fails to go out:
+  // refuse before anything is sent.
+  if (use_canfd) {
+    const std::string refusal =
+        kestrel::canbus::canfd_mtu_refusal(can_interface, kestrel->get_socket().interface_mtu());
+    if (!refusal.empty()) {
+      throw kestrel::canbus::CANSocketException(refusal);
+    }
+  }
   kinematics = std::make_unique<RobotKinematics>();
   cycle_dynamics = std::make_unique<kestrel::algorithms::ChainDynamics>(*kinematics);
 
@@ -298,7 +307,9 @@ bool ArmController::running() const {
 }
 
 kestrel::controller::ControlLoopStatistics ArmController::control_loop_statistics() const {
-  return impl().loop_timing.snapshot();
+  auto statistics = impl().loop_timing.snapshot();
+  statistics.send_failures = impl().kestrel->get_socket().send_failures();
+  return statistics;
 }
 
 kestrel::controller::ControlLoopHistograms ArmController::control_loop_histograms() const {

@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "kestrel/canbus/can_socket.hpp"
+
 namespace kestrel::controller {
 
 // Median, 99th percentile and largest value of one quantity, µs. Percentiles stand for the centre
@@ -32,6 +34,9 @@ struct ControlLoopStatistics {
   double jitter_median_us = 0.0;  // wake-up time minus deadline
   double jitter_p99_us = 0.0;
   double jitter_max_us = 0.0;
+  // Frame writes the controller's socket could not make, since it was opened (a reset of the
+  // timing figures leaves them).
+  canbus::SendFailureCounts send_failures;
 };
 
 // Cycle counts per 1 µs bin (bin i: [i, i + 1) µs; the last bin takes everything longer),

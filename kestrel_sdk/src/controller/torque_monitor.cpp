@@ -1,10 +1,13 @@
 // The torque monitor: averages each joint's measured torque over a short window, warns the
 // operator, and raises the emergency stop after a sustained overload. It never talks to the bus:
-// the control loop carries the stop out.
+// the control loop carries the stop out. It also says when the loop's frame writes start to
+// fail, so that the cycle itself never prints.
 #include <time.h>
 
+#include <array>
 #include <cerrno>
 #include <cmath>
+#include <cstdint>
 #include <iostream>
 #include <numeric>
 
@@ -30,6 +33,34 @@ void print_warning(int joint, double avg, double warn, double stop, double timer
             << remaining << " 秒后断电！" << std::endl;
 }
 
+// One line per cause, the first time writes fail for it. The errno shown is the latest one when
+// it belongs to the cause (it almost always does: this runs every 20 ms), else the cause's usual.
+void report_new_send_failures(const kestrel::canbus::CANSocket& socket,
+                              std::array<bool, 4>& reported) {
+  using kestrel::canbus::SendFailureCause;
+  const auto counts = socket.send_failures();
+  const struct {
+    std::uint64_t count;
+    SendFailureCause cause;
+    int usual_errno;
+  } causes[] = {{counts.refused, SendFailureCause::refused, EINVAL},
+                {counts.queue_full, SendFailureCause::queue_full, ENOBUFS},
+                {counts.interface_down, SendFailureCause::interface_down, ENETDOWN},
+                {counts.other, SendFailureCause::other, counts.last_errno}};
+  for (std::size_t i = 0; i < reported.size(); ++i) {
+    if (causes[i].count == 0 || reported[i]) {
+      continue;
+    }
+    reported[i] = true;
+    const int error = kestrel::canbus::send_failure_cause(counts.last_errno) == causes[i].cause
+                          ? counts.last_errno
+                          : causes[i].usual_errno;
+    std::cerr << "CAN writes to '" << socket.get_interface_name()
+              << "' are failing: " << kestrel::canbus::send_error_text(error)
+              << "; counted in the loop statistics" << std::endl;
+  }
+}
+
 }  // namespace
 
 bool ArmController::Impl::try_get_latest_torque_state(JointArray& out) {
@@ -43,6 +74,7 @@ bool ArmController::Impl::try_get_latest_torque_state(JointArray& out) {
 
 void ArmController::Impl::monitor_motor_torque() {
   std::array<double, kJoints> over_limit_time{};
+  std::array<bool, 4> send_failures_reported{};
   int64_t previous_top = now_ns();
   const auto& warn = runtime_safety_config.torque_warn_limits;
   const auto& stop = runtime_safety_config.torque_stop_limits;
@@ -85,6 +117,7 @@ void ArmController::Impl::monitor_motor_torque() {
         }
       }
     }
+    report_new_send_failures(kestrel->get_socket(), send_failures_reported);
     release_retired_timelines();
     if (top + kMonitorPeriodNs > now_ns()) {
       sleep_until_ns(top + kMonitorPeriodNs);
