@@ -16,11 +16,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iostream>
 #include <set>
 #include <string>
 
 #include "bus_load.hpp"
 #include "can_interface_probe.hpp"
+#include "candump_log.hpp"
 #include "dm_frame_describer.hpp"
 
 namespace {
@@ -47,6 +50,8 @@ void usage(FILE* out) {
                "  --raw           also print each frame's payload bytes\n"
                "  --quiet         summary lines only\n"
                "  --duration SEC  stop after SEC seconds\n"
+               "  --log FILE      decode a candump -L log (FILE, or - for standard input) instead\n"
+               "                  of listening; times are the log's, from its first frame\n"
                "  --help          this text\n"
                "The motor table is the arm's: joints 1-3 DM_V8_T28, joints 4-6 and gripper "
                "DM_V30_T10,\nids 1..7, replies on 0x11..0x17. Stop with Ctrl-C.\n");
@@ -79,6 +84,7 @@ int main(int argc, char** argv) {
   bool quiet = false;
   double duration = 0.0;
   std::set<int> filter;
+  std::string log_file;
   bool have_interface = false;
   for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
@@ -118,6 +124,8 @@ int main(int argc, char** argv) {
                      v.c_str());
         return 2;
       }
+    } else if (a == "--log") {
+      log_file = value("--log");
     } else if (!a.empty() && a[0] == '-') {
       std::fprintf(stderr, "kestrel-monitor: unknown option '%s'\n", a.c_str());
       usage(stderr);
@@ -132,20 +140,10 @@ int main(int argc, char** argv) {
     }
   }
 
-  const int s = open_socket(interface, fd);
-  if (s < 0) {
-    return 1;
-  }
-  std::signal(SIGINT, on_signal);
-  std::signal(SIGTERM, on_signal);
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
-
   const km::DmFrameDescriber describer;
-  const auto started = Clock::now();
-  auto window_start = started;
   Counters window;
   Counters total;
-  std::printf("kestrel-monitor: listening on %s%s\n", interface.c_str(), fd ? " (CAN FD)" : "");
 
   auto summary = [&](const Counters& c, double seconds, const char* label) {
     std::printf(
@@ -154,6 +152,88 @@ int main(int argc, char** argv) {
         label, seconds, c.to_motor / seconds, c.from_motor / seconds, c.other / seconds,
         100.0 * c.classic_seconds / seconds, 100.0 * c.fd_seconds / seconds);
   };
+
+  // Counts one frame and prints its line (unless quiet or filtered out).
+  auto show = [&](const km::MonitoredFrame& f, const canfd_frame& frame, std::size_t size,
+                  double elapsed) {
+    kestrel::tools::BusLoad frame_load;  // this frame's wire time, both ways of counting
+    frame_load.add(frame, size);
+    const auto dir = describer.direction(f);
+    for (Counters* c : {&window, &total}) {
+      (dir == km::Direction::to_motor     ? c->to_motor
+       : dir == km::Direction::from_motor ? c->from_motor
+                                          : c->other) += 1;
+      c->classic_seconds += frame_load.classic_seconds;
+      c->fd_seconds += frame_load.fd_seconds;
+    }
+    if (quiet) {
+      return;
+    }
+    if (!filter.empty()) {
+      const int m = describer.motor_of(f);
+      if (m < 0 || filter.count(m + 1) == 0) {
+        return;
+      }
+    }
+    const char* arrow = dir == km::Direction::to_motor     ? "->"
+                        : dir == km::Direction::from_motor ? "<-"
+                                                           : "  ";
+    std::printf("%12.6f %s %03X%s %s", elapsed, arrow, f.id, f.fd ? " FD" : "   ",
+                describer.describe(f).c_str());
+    if (raw) {
+      std::printf("  [%s]", km::hex_bytes(f.data).c_str());
+    }
+    std::printf("\n");
+  };
+
+  if (!log_file.empty()) {
+    std::ifstream file;
+    if (log_file != "-") {
+      file.open(log_file);
+      if (!file) {
+        std::fprintf(stderr, "kestrel-monitor: cannot read '%s': %s\n", log_file.c_str(),
+                     std::strerror(errno));
+        return 1;
+      }
+    }
+    std::istream& in = log_file == "-" ? std::cin : file;
+    std::string line;
+    std::string error;
+    double first = -1.0;
+    double last = 0.0;
+    for (int number = 1; std::getline(in, line); ++number) {
+      const auto logged = km::parse_candump_line(line, error);
+      if (!logged) {
+        if (!error.empty()) {
+          std::fprintf(stderr, "kestrel-monitor: %s line %d: %s\n", log_file.c_str(), number,
+                       error.c_str());
+          return 1;
+        }
+        continue;
+      }
+      const km::MonitoredFrame& f = logged->frame;
+      canfd_frame frame{};
+      frame.can_id = f.id | (f.extended ? CAN_EFF_FLAG : 0) | (f.rtr ? CAN_RTR_FLAG : 0) |
+                     (f.error ? CAN_ERR_FLAG : 0);
+      frame.len = static_cast<uint8_t>(f.data.size());
+      std::copy(f.data.begin(), f.data.end(), frame.data);
+      first = first < 0.0 ? logged->timestamp : first;
+      last = logged->timestamp;
+      show(f, frame, f.fd ? CANFD_MTU : CAN_MTU, logged->timestamp - first);
+    }
+    summary(total, std::max(last - std::max(first, 0.0), 1e-9), "total");
+    return 0;
+  }
+
+  const int s = open_socket(interface, fd);
+  if (s < 0) {
+    return 1;
+  }
+  std::signal(SIGINT, on_signal);
+  std::signal(SIGTERM, on_signal);
+  const auto started = Clock::now();
+  auto window_start = started;
+  std::printf("kestrel-monitor: listening on %s%s\n", interface.c_str(), fd ? " (CAN FD)" : "");
 
   while (!stop_requested) {
     const auto now = Clock::now();
@@ -197,37 +277,7 @@ int main(int argc, char** argv) {
     f.id = frame.can_id & (f.extended ? CAN_EFF_MASK : CAN_SFF_MASK);
     f.fd = is_fd;
     f.data.assign(frame.data, frame.data + std::min<size_t>(frame.len, is_fd ? 64 : 8));
-
-    kestrel::tools::BusLoad frame_load;  // this frame's wire time, both ways of counting
-    frame_load.add(frame, static_cast<size_t>(n));
-    const double classic_s = frame_load.classic_seconds;
-    const double fd_s = frame_load.fd_seconds;
-    const auto dir = describer.direction(f);
-    for (Counters* c : {&window, &total}) {
-      (dir == km::Direction::to_motor     ? c->to_motor
-       : dir == km::Direction::from_motor ? c->from_motor
-                                          : c->other) += 1;
-      c->classic_seconds += classic_s;
-      c->fd_seconds += fd_s;
-    }
-    if (quiet) {
-      continue;
-    }
-    if (!filter.empty()) {
-      const int m = describer.motor_of(f);
-      if (m < 0 || filter.count(m + 1) == 0) {
-        continue;
-      }
-    }
-    const char* arrow = dir == km::Direction::to_motor     ? "->"
-                        : dir == km::Direction::from_motor ? "<-"
-                                                           : "  ";
-    std::printf("%12.6f %s %03X%s %s", elapsed, arrow, f.id, is_fd ? " FD" : "   ",
-                describer.describe(f).c_str());
-    if (raw) {
-      std::printf("  [%s]", km::hex_bytes(f.data).c_str());
-    }
-    std::printf("\n");
+    show(f, frame, static_cast<size_t>(n), elapsed);
   }
   const double seconds =
       std::max(std::chrono::duration<double>(Clock::now() - started).count(), 1e-9);
