@@ -2,6 +2,7 @@
 // motors send them) come back as the exact text a user reads.
 #include <gtest/gtest.h>
 
+#include "candump_log.hpp"
 #include "dm_frame_describer.hpp"
 #include "kestrel/damiao_motor/dm_motor_codec.hpp"
 
@@ -126,6 +127,71 @@ TEST_F(Describer, EverythingElseIsShownRaw) {
   EXPECT_EQ(km::register_name(99), "reg99");
   EXPECT_TRUE(km::register_is_integer(7));
   EXPECT_FALSE(km::register_is_integer(21));
+}
+
+// candump -L lines as can-utils writes them, and what the monitor makes of them.
+TEST(CandumpLog, LinesBecomeFramesOrAreRefusedByName) {
+  struct Row {
+    const char* line;
+    uint32_t id;
+    bool extended, fd, rtr, error;
+    std::vector<uint8_t> data;
+    const char* refusal;  // start of the error text; nullptr when the line parses
+  };
+  const Row rows[] = {
+      {"(1795431274.526293) vcan0 001#FFFFFFFFFFFFFFFC",
+       0x001,
+       false,
+       false,
+       false,
+       false,
+       {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFC},
+       nullptr},
+      {"(0.5) can0 7FF##1010033", 0x7FF, false, true, false, false, {0x01, 0x00, 0x33}, nullptr},
+      {"(0.5) can0 12345678#00", 0x12345678, true, false, false, false, {0x00}, nullptr},
+      {"(0.5) can0 20000004#0010", 0x004, false, false, false, true, {0x00, 0x10}, nullptr},
+      {"(0.5) can0 123#R", 0x123, false, false, true, false, {}, nullptr},
+      {"(0.5) can0 123#", 0x123, false, false, false, false, {}, nullptr},
+      {"0.5 can0 123#00", 0, false, false, false, false, {}, "not a candump log line"},
+      {"(x) can0 123#00", 0, false, false, false, false, {}, "bad timestamp"},
+      {"(0.5) can0 1234#00", 0, false, false, false, false, {}, "identifier must be 3 or 8"},
+      {"(0.5) can0 123#0", 0, false, false, false, false, {}, "payload must be whole bytes"},
+      {"(0.5) can0 123#000000000000000000",
+       0,
+       false,
+       false,
+       false,
+       false,
+       {},
+       "payload must be whole bytes, at most 8"},
+      {"(0.5) can0 123##", 0, false, false, false, false, {}, "CAN FD frame without"},
+      {"(0.5) can0 123#GG", 0, false, false, false, false, {}, "payload is not hexadecimal"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.line);
+    std::string error;
+    const auto logged = km::parse_candump_line(row.line, error);
+    if (row.refusal != nullptr) {
+      EXPECT_FALSE(logged.has_value());
+      EXPECT_EQ(error.rfind(row.refusal, 0), 0u) << error;
+      continue;
+    }
+    ASSERT_TRUE(logged.has_value()) << error;
+    EXPECT_EQ(logged->frame.id, row.id);
+    EXPECT_EQ(logged->frame.extended, row.extended);
+    EXPECT_EQ(logged->frame.fd, row.fd);
+    EXPECT_EQ(logged->frame.rtr, row.rtr);
+    EXPECT_EQ(logged->frame.error, row.error);
+    EXPECT_EQ(logged->frame.data, row.data);
+  }
+  std::string error;
+  EXPECT_FALSE(km::parse_candump_line("", error).has_value());
+  EXPECT_TRUE(error.empty());
+  const auto fd = km::parse_candump_line("(1.25) vcan0fd 011##5117FFF7FF7FF211E", error);
+  ASSERT_TRUE(fd.has_value());
+  EXPECT_EQ(fd->timestamp, 1.25);
+  EXPECT_EQ(fd->interface, "vcan0fd");
+  EXPECT_EQ(fd->fd_flags, 5u);
 }
 
 }  // namespace
