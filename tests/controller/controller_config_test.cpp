@@ -12,6 +12,7 @@
 #include <iostream>
 
 #include "controller/controller_fixture.hpp"
+#include "kestrel/controller/septic_profile.hpp"
 #include "support/config_sandbox.hpp"
 
 namespace {
@@ -47,6 +48,8 @@ KESTREL_CONFIG_SCENARIO(controller_sections) {
     std::cout << "trajectory " << trajectory.max_motion_duration_sec << ' '
               << trajectory.set_joint_speed_factor << ' ' << trajectory.continuous_waypoint_velocity
               << ' ' << trajectory.smooth_takeover << '\n';
+    const auto& ms = impl.motor_supervision_config;
+    std::cout << "motor_supervision " << ms.enabled << ' ' << ms.silent_timeout_ms << '\n';
     const auto& rt = impl.realtime_config;
     std::cout << "realtime " << rt.enabled << ' ' << rt.control_priority << ' '
               << rt.monitor_priority << ' ' << rt.lock_memory << ' ' << rt.control_cpu << '\n';
@@ -105,6 +108,39 @@ KESTREL_CONFIG_SCENARIO(realtime_controller) {
   return 0;
 }
 
+// Joint 4's motor falls silent while a timeline moves it; prints "held" once the loop has turned
+// the motion into a hold (kind 1) with the staged chunk dropped, and the controller still runs.
+KESTREL_CONFIG_SCENARIO(frozen_motor_mid_motion) {
+  using Access = ArmControllerTestAccess;
+  kestrel::testing::SimulatedArm sim;
+  ArmController arm(true, "can0", false, MIT_MODE, false);
+  if (!kestrel::testing::eventually([&] { return arm.get_joint().size() == 6; },
+                                    std::chrono::seconds(2))) {
+    return 2;
+  }
+  const auto start = arm.get_joint();
+  std::vector<Access::Sample> samples(801);
+  for (size_t i = 0; i < samples.size(); ++i) {
+    const double s = static_cast<double>(i) / 800.0;
+    for (int j = 0; j < 6; ++j) {
+      samples[i].position[j] = start[j];
+    }
+    samples[i].position[3] += 0.6 * kestrel::controller::septic_position(s);
+    samples[i].velocity[3] = 0.6 * kestrel::controller::septic_velocity(s) / 2.0;
+  }
+  sim.motors().set_silent(3, true);
+  Access::play(arm, std::move(samples));
+  // A chunk staged from the motion that fails goes with it.
+  arm.update_joint_waypoint_chunk({start}, 0.0, 0.5, 3.0);
+  const bool staged = Access::staged(arm);
+  const bool held = kestrel::testing::eventually([&] { return Access::command_kind(arm) == 1; },
+                                                 std::chrono::seconds(3));
+  sim.motors().set_silent(3, false);
+  std::cout << "staged " << staged << " held " << held << " dropped " << !Access::staged(arm)
+            << " running " << (arm.running() && !arm.emergency_stopped()) << '\n';
+  return 0;
+}
+
 double hold_error(const ChildResult& r) {
   const auto at = r.out.find("hold_error ");
   EXPECT_NE(at, std::string::npos) << r.describe();
@@ -149,8 +185,8 @@ constexpr const char* kSix = "[1, 2, 3, 4, 5, 6]";
 
 TEST_F(ControllerConfig, OptionalSectionsFallBackToValidatedDefaults) {
   std::string yaml = ConfigSandbox::shipped_config();
-  for (const char* section :
-       {"runtime_joint_safety", "gripper_watchdog", "gripper_control", "realtime"}) {
+  for (const char* section : {"runtime_joint_safety", "gripper_watchdog", "gripper_control",
+                              "realtime", "motor_supervision"}) {
     yaml = replace_yaml_section(yaml, section, "");
   }
   box.write_config(yaml);
@@ -161,6 +197,7 @@ TEST_F(ControllerConfig, OptionalSectionsFallBackToValidatedDefaults) {
   EXPECT_THAT(r.out, ::testing::HasSubstr("watchdog 1 5 100 0.015 0.035 500\n"));
   EXPECT_THAT(r.out, ::testing::HasSubstr("gripper 8 0.1\n"));
   EXPECT_THAT(r.out, ::testing::HasSubstr("realtime 0 80 70 1 -1\n"));
+  EXPECT_THAT(r.out, ::testing::HasSubstr("motor_supervision 1 30\n"));
 }
 
 TEST_F(ControllerConfig, GravityFeedForwardHoldsTheArmWhereTheGainsAloneCannot) {
@@ -304,6 +341,53 @@ TEST_F(ControllerConfig, GripperSections) {
   EXPECT_EQ(fatal_line(r), "Failed to load gripper control config at " + path() +
                                ": invalid gripper_control config: default_kp must be in "
                                "[0.1,20.0], default_kd must be in [0.1,1.0]");
+}
+
+TEST_F(ControllerConfig, MotorSupervisionSection) {
+  const struct {
+    std::string keys;
+    std::string printed;
+  } accepted[] = {
+      {"  enabled: false\n", "motor_supervision 0 30\n"},
+      {"  silent_timeout_ms: 10\n", "motor_supervision 1 10\n"},
+      {"  silent_timeout_ms: 1000\n", "motor_supervision 1 1000\n"},
+  };
+  for (const auto& row : accepted) {
+    const auto r = run_with("motor_supervision", "motor_supervision:\n" + row.keys);
+    EXPECT_THAT(r.out, ::testing::HasSubstr(row.printed)) << row.keys << r.describe();
+  }
+  const auto range = ::testing::Eq("Failed to load motor supervision config at " + path() +
+                                   ": invalid motor_supervision config: silent_timeout_ms must "
+                                   "lie in [10, 1000]");
+  expect_fatal("motor_supervision",
+               {
+                   {"time-out too short", "motor_supervision:\n  silent_timeout_ms: 9.9\n", range},
+                   {"time-out too long", "motor_supervision:\n  silent_timeout_ms: 1001\n", range},
+                   {"time-out NaN", "motor_supervision:\n  silent_timeout_ms: .nan\n", range},
+                   {"switch not a boolean", "motor_supervision:\n  enabled: often\n",
+                    ::testing::StartsWith("Failed to load motor supervision config at " + path() +
+                                          ": Invalid boolean config field 'enabled'")},
+               });
+}
+
+// With motor supervision off, a motor whose feedback freezes mid-motion is left to the waypoint
+// tracking supervision: the timeline runs on, the error grows past the stop level, and the
+// motion turns into a hold without an emergency stop.
+TEST_F(ControllerConfig, WithoutMotorSupervisionTheTrackingStopCatchesAFrozenMotor) {
+  box.write_config(replace_yaml_section(ConfigSandbox::shipped_config(), "motor_supervision",
+                                        "motor_supervision:\n  enabled: false\n"));
+  const auto r = box.run("frozen_motor_mid_motion");
+  ASSERT_EQ(r.exit_code, 0) << r.describe();
+  EXPECT_THAT(r.out, ::testing::HasSubstr("staged 1 held 1 dropped 1 running 1\n"));
+  EXPECT_THAT(r.err,
+              ::testing::HasSubstr("[control_loop] waypoint tracking error warning: joint="));
+  // The timeline runs on the clock, so on a loaded machine the error may have grown a little
+  // further by the 30th cycle.
+  EXPECT_THAT(r.err, ::testing::ContainsRegex("\\[control_loop\\] waypoint tracking error stop: "
+                                              "joint=4 error_rad=0\\.(2[5-9]|3)[0-9]* "
+                                              "threshold=0\\.25 cycles=30"));
+  EXPECT_THAT(r.err, ::testing::Not(::testing::HasSubstr("emergency_stop_flag=1")));
+  EXPECT_THAT(r.err, ::testing::Not(::testing::HasSubstr("motor silent")));
 }
 
 TEST_F(ControllerConfig, RealtimeSection) {

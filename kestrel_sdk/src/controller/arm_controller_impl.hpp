@@ -35,6 +35,7 @@
 #include "kestrel/controller/joint_splice.hpp"
 #include "kestrel/controller/joint_waypoint_planner.hpp"
 #include "kestrel/controller/loop_statistics.hpp"
+#include "kestrel/controller/motor_supervision.hpp"
 #include "kestrel/controller/realtime_setup.hpp"
 
 class ArmController::Impl {
@@ -269,6 +270,7 @@ class ArmController::Impl {
   void encode_gripper_frame(LoopState& loop, const CycleTargets& targets, int64_t now);
   void write_frames(LoopState& loop);
   void compute_feedforward(const LoopState& loop, const CycleTargets& targets, JointArray& tau);
+  void supervise_motors(LoopState& loop, int64_t now);
   void supervise_runtime_limits(LoopState& loop);
   void supervise_waypoint_tracking(LoopState& loop, const CycleTargets& targets);
   void supervise_gripper(LoopState& loop, const CycleTargets& targets, int64_t now);
@@ -293,6 +295,7 @@ class ArmController::Impl {
   kestrel::algorithms::SafetyConfig safety_config;
   kestrel::controller::RuntimeJointSafetyConfig runtime_safety_config;
   kestrel::controller::GripperWatchdogConfig gripper_watchdog_config;
+  kestrel::controller::MotorSupervisionConfig motor_supervision_config;
   kestrel::controller::GripperControlConfig gripper_control_config;
   kestrel::controller::RealtimeConfig realtime_config = kestrel::controller::load_realtime_config();
   JointArray motor_signs{1, 1, 1, 1, 1, 1};

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <iostream>
 #include <iterator>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -99,6 +100,8 @@ struct ArmController::Impl::LoopState {
   int clip_count = 0;
   int64_t clip_window_start_ns = 0;
   bool nonfinite_warning_standing = false;
+  // Motors in fault or silent; made with the configuration when the loop starts.
+  std::optional<kestrel::controller::MotorSupervision> motors;
 };
 
 struct ArmController::Impl::CycleTargets {
@@ -129,6 +132,7 @@ double ArmController::Impl::clamp_to_urdf_joint_limit(int joint, double value) c
 
 void ArmController::Impl::control_loop() {
   LoopState loop;
+  loop.motors.emplace(motor_supervision_config);
   int64_t deadline = now_ns() + kLoopPeriodNs;
   int64_t woke_late_ns = 0;  // how late this cycle started against its deadline
   while (!exit_flag.load()) {
@@ -139,6 +143,9 @@ void ArmController::Impl::control_loop() {
     try {
       const int64_t now = cycle_start;
       read_feedback(loop, now);
+      if (loop.fresh) {
+        supervise_motors(loop, now);
+      }
       if (!emergency_stop_flag.load()) {
         take_command(loop, now);
         CycleTargets targets;
@@ -241,6 +248,32 @@ void ArmController::Impl::read_feedback(LoopState& loop, int64_t now) {
     gripper_distance = distance;
     gripper_state_time_ns = now;
     gripper_state_valid.store(true);
+  }
+}
+
+void ArmController::Impl::supervise_motors(LoopState& loop, int64_t now) {
+  using Reading = kestrel::controller::MotorSupervision::Reading;
+  const auto& devices = kestrel->get_arm().dm_devices();
+  std::array<Reading, kestrel::controller::MotorSupervision::kMaxArmMotors> arm{};
+  const size_t arm_count = std::min(devices.size(), arm.size());
+  for (size_t i = 0; i < arm_count; ++i) {
+    const dm::Motor& m = devices[i]->get_motor();
+    arm[i] = {m.get_feedback_count(), m.get_error_code()};
+  }
+  Reading gripper_reading;
+  const Reading* gripper = nullptr;
+  const dm::Motor* gripper_motor = kestrel->get_gripper().get_motor();
+  if (enable_gripper && gripper_motor != nullptr) {
+    gripper_reading = {gripper_motor->get_feedback_count(), gripper_motor->get_error_code()};
+    gripper = &gripper_reading;
+  }
+  const auto finding = loop.motors->update(arm.data(), arm_count, gripper, now);
+  if (!finding.gripper_line.empty()) {
+    std::cerr << "[control_loop] " << finding.gripper_line << std::endl;
+  }
+  if (finding.stop_arm) {
+    std::cerr << "[control_loop] " << finding.arm_line << std::endl;
+    emergency_stop_flag.store(true);
   }
 }
 

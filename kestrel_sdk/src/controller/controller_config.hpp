@@ -76,6 +76,13 @@ struct GripperWatchdogConfig {
   double position_error_stop_ms = 500.0;
 };
 
+// Motors that report a fault (status 8-14) or stop answering. An arm motor stops the arm at once,
+// naming the joint and its fault; the gripper's motor is reported and the arm goes on.
+struct MotorSupervisionConfig {
+  bool enabled = true;
+  double silent_timeout_ms = 30.0;  // no feedback this long (and three asks in a row): silent
+};
+
 struct GripperControlConfig {
   double default_kp = 8.0;  // allowed 0.1 .. 20.0
   double default_kd = 0.1;  // allowed 0.1 .. 1.0
@@ -104,12 +111,42 @@ bool read_bool_or(const YAML::Node& node, const std::string& key);
 // The same with a fallback of the caller's choice.
 bool read_bool_or(const YAML::Node& node, const std::string& key, bool fallback);
 
+// Readers of one section of a parsed file: throw std::runtime_error (or a yaml-cpp exception)
+// on a bad value, with the same wording as the loaders print.
+PosVelModeConfig read_pos_vel_mode_config(const YAML::Node& root, const std::string& path);
+MitModeConfig read_mit_mode_config(const YAML::Node& root, const std::string& path);
+JointTrajectoryConfig read_joint_trajectory_config(const YAML::Node& root, const std::string& path);
+RuntimeJointSafetyConfig read_runtime_joint_safety_config(const YAML::Node& root,
+                                                          const std::string& path);
+GripperWatchdogConfig read_gripper_watchdog_config(const YAML::Node& root, const std::string& path);
+MotorSupervisionConfig read_motor_supervision_config(const YAML::Node& root,
+                                                     const std::string& path);
+GripperControlConfig read_gripper_control_config(const YAML::Node& root, const std::string& path);
+RealtimeConfig read_realtime_config(const YAML::Node& root, const std::string& path);
+JointArray read_motor_signs_config(const YAML::Node& root, const std::string& path);
+
+// Every controller section of one file, read and validated; throws where the loaders would end
+// the process (a tool checking a file, a fuzzer).
+struct ControllerConfigFile {
+  PosVelModeConfig pos_vel_mode;
+  MitModeConfig mit_mode;
+  JointTrajectoryConfig joint_trajectory;
+  RuntimeJointSafetyConfig runtime_joint_safety;
+  GripperWatchdogConfig gripper_watchdog;
+  MotorSupervisionConfig motor_supervision;
+  GripperControlConfig gripper_control;
+  RealtimeConfig realtime;
+  JointArray motor_signs{};
+};
+ControllerConfigFile read_controller_config_file(const std::string& path);
+
 // Loaders: each resolves and parses the file by itself and exits the process on an error.
 PosVelModeConfig load_pos_vel_mode_config();
 MitModeConfig load_mit_mode_config();
 JointTrajectoryConfig load_joint_trajectory_config();
 RuntimeJointSafetyConfig load_runtime_joint_safety_config();
 GripperWatchdogConfig load_gripper_watchdog_config();
+MotorSupervisionConfig load_motor_supervision_config();
 GripperControlConfig load_gripper_control_config();
 RealtimeConfig load_realtime_config();
 // The six signs as read; check_motor_signs() validates them (throws std::invalid_argument).

@@ -92,6 +92,7 @@ ArmController::Impl::Impl(const std::string& can_interface, bool use_canfd, ArmC
   safety_config = kestrel::algorithms::load_safety_config();
   runtime_safety_config = kc::load_runtime_joint_safety_config();
   gripper_watchdog_config = kc::load_gripper_watchdog_config();
+  motor_supervision_config = kc::load_motor_supervision_config();
   gripper_control_config = kc::load_gripper_control_config();
   gripper_default_kp = gripper_control_config.default_kp;
   gripper_default_kd = gripper_control_config.default_kd;

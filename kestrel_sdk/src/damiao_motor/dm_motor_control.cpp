@@ -23,6 +23,7 @@ void Motor::update_state(double new_position, double new_velocity, double new_to
   t_rotor = new_t_rotor;
   feedback_id = new_feedback_id;
   error_code = new_error_code;
+  ++feedback_count;
 }
 
 void Motor::set_state_tmos(int value) {

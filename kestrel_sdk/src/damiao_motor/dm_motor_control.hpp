@@ -98,6 +98,9 @@ class Motor {
   int get_t_rotor() const { return t_rotor; }
   int get_feedback_id() const { return feedback_id; }
   int get_error_code() const { return error_code; }
+  // Feedback frames stored since construction (wraps): a count that stops moving while the
+  // motor is asked to report means the motor has stopped answering.
+  uint32_t get_feedback_count() const { return feedback_count; }
   const std::map<int, double>& get_params() const { return params; }
 
  private:
@@ -112,6 +115,7 @@ class Motor {
   int t_rotor = 0;
   int feedback_id = 0;
   int error_code = 0;
+  uint32_t feedback_count = 0;
   std::map<int, double> params;
 };
 

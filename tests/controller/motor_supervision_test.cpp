@@ -1,0 +1,146 @@
+// Motor supervision as a component: a sequence of feedback fetches in, the stop or report line
+// out, exactly as the control loop prints it.
+#include "kestrel/controller/motor_supervision.hpp"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+using kestrel::controller::MotorSupervision;
+using kestrel::controller::MotorSupervisionConfig;
+using Reading = MotorSupervision::Reading;
+
+constexpr int64_t kFetchNs = 5000000;  // the loop fetches feedback every 5 ms
+
+// One fetch: which arm motors answered (a new feedback frame each), their status, and the
+// gripper's.
+struct Fetch {
+  std::vector<bool> answered;  // six entries; shorter lists answer for the rest
+  std::vector<int> status;     // six entries; shorter lists report 1 (enabled) for the rest
+  bool gripper_answered = true;
+  int gripper_status = 1;
+};
+
+struct Case {
+  const char* name;
+  std::vector<Fetch> fetches;              // after a first fetch where every motor answered
+  std::string arm_line;                    // the stop line of the last fetch ("" = no stop)
+  std::vector<std::string> gripper_lines;  // every gripper line over the whole sequence
+  bool enabled = true;
+};
+
+Fetch all_answer() {
+  return {};
+}
+
+Fetch silent(std::vector<bool> answered, bool gripper = true) {
+  Fetch f;
+  f.answered = std::move(answered);
+  f.gripper_answered = gripper;
+  return f;
+}
+
+Fetch status(std::vector<int> codes) {
+  Fetch f;
+  f.status = std::move(codes);
+  return f;
+}
+
+std::vector<Fetch> repeat(const Fetch& f, int n) {
+  return std::vector<Fetch>(static_cast<size_t>(n), f);
+}
+
+std::vector<Fetch> concat(std::vector<Fetch> a, const std::vector<Fetch>& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+const Fetch kJoint3Silent = silent({true, true, false});
+const Fetch kAllSilent = silent({false, false, false, false, false, false}, false);
+const Fetch kGripperSilent = silent({}, false);
+
+const Case kCases[] = {
+    {"AllAnswering", repeat(all_answer(), 20), "", {}},
+    {"OneFaultStopsAtOnceNamingJointAndFault",
+     {status({1, 1, 11})},
+     "motor fault stop: joint=3 status=11 (MOS over-temperature)",
+     {}},
+    {"TwoFaultsAreNamedInOneLine",
+     {status({8, 1, 1, 14})},
+     "motor fault stop: joint=1 status=8 (Over-voltage), joint=4 status=14 (Overload)",
+     {}},
+    {"StatusesOutsideTheFaultRangeAreNotFaults", repeat(status({0, 2, 7, 15, 1, 1}), 3), "", {}},
+    {"SilentFor25MsIsNotYetSilent", repeat(kJoint3Silent, 5), "", {}},
+    {"SilentFor30MsStops",
+     repeat(kJoint3Silent, 6),
+     "motor silent stop: joint=3 no feedback for 30.0 ms",
+     {}},
+    {"AnAnswerRestartsTheCount",
+     concat(concat(repeat(kJoint3Silent, 5), {all_answer()}), repeat(kJoint3Silent, 5)),
+     "",
+     {}},
+    {"EveryArmMotorSilentPointsAtTheBus",
+     repeat(kAllSilent, 6),
+     "motor silent stop: joints=1,2,3,4,5,6 no feedback for 30.0 ms (no arm motor answers: is "
+     "the CAN bus up and the arm powered?)",
+     {}},
+    {"AFaultIsOnlyReadFromAFreshFrame", {{{true, true, false}, {1, 1, 11}}}, "", {}},
+    {"GripperSilenceIsReportedOnceAfter100Ms",
+     repeat(kGripperSilent, 25),
+     "",
+     {"gripper motor silent: no feedback for 100.0 ms"}},
+    {"GripperFaultIsReportedOncePerEpisode",
+     concat(concat(repeat({{}, {}, true, 12}, 3), {all_answer()}), {{{}, {}, true, 9}}),
+     "",
+     {"gripper motor fault: status=12 (Coil over-temperature)",
+      "gripper motor fault: status=9 (Under-voltage)"}},
+    {"SwitchedOffSeesNothing", concat({status({11})}, repeat(kAllSilent, 10)), "", {}, false},
+};
+
+class MotorSupervisionTest : public testing::TestWithParam<Case> {};
+
+TEST_P(MotorSupervisionTest, Fetches) {
+  const Case& c = GetParam();
+  MotorSupervisionConfig config;
+  config.enabled = c.enabled;
+  MotorSupervision supervision(config);
+  std::array<Reading, 6> arm{};
+  Reading gripper{};
+  int64_t now = 1000000000;
+  const auto fetch = [&](const Fetch& f) {
+    for (size_t i = 0; i < arm.size(); ++i) {
+      if (i >= f.answered.size() || f.answered[i]) {
+        ++arm[i].feedback_count;
+      }
+      arm[i].status = i < f.status.size() ? f.status[i] : 1;
+    }
+    gripper.feedback_count += f.gripper_answered ? 1 : 0;
+    gripper.status = f.gripper_status;
+    const auto finding = supervision.update(arm.data(), arm.size(), &gripper, now);
+    now += kFetchNs;
+    return finding;
+  };
+  fetch(all_answer());  // the loop's first fetch: the counts as they stand
+  MotorSupervision::Finding last;
+  std::vector<std::string> gripper_lines;
+  for (size_t i = 0; i < c.fetches.size(); ++i) {
+    last = fetch(c.fetches[i]);
+    if (!last.gripper_line.empty()) {
+      gripper_lines.push_back(last.gripper_line);
+    }
+    if (i + 1 < c.fetches.size()) {
+      ASSERT_FALSE(last.stop_arm) << "fetch " << i << ": " << last.arm_line;
+    }
+  }
+  EXPECT_EQ(last.stop_arm, !c.arm_line.empty());
+  EXPECT_EQ(last.arm_line, c.arm_line);
+  EXPECT_EQ(gripper_lines, c.gripper_lines);
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, MotorSupervisionTest, testing::ValuesIn(kCases),
+                         [](const testing::TestParamInfo<Case>& info) { return info.param.name; });
+
+}  // namespace
