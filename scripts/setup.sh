@@ -8,6 +8,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   liborocos-kdl-dev libyaml-cpp-dev libtinyxml2-dev libeigen3-dev
   python3 python3-matplotlib python3-numpy can-utils
+  clang libclang-rt-14-dev  # the fuzz targets: clang's libFuzzer, ASan and UBSan runtimes
 )
 
 # The kernel tier (scripts/kernel-tier.sh) boots Debian's kernel under qemu; without these it

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The whole test suite: installs what is missing, builds, and runs every test three ways:
 # a plain optimised build, AddressSanitizer + UndefinedBehaviorSanitizer, and ThreadSanitizer
-# for the tests labelled "threaded".
+# for the tests labelled "threaded"; then every fuzz target for 20 s under libFuzzer (clang).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -33,4 +33,26 @@ build_and_test() {
 build_and_test build "" ""
 build_and_test build-asan address ""
 build_and_test build-tsan thread threaded
+
+# The fuzz tree builds only the parsers and their fuzz targets (tests/fuzz), with clang.
+fuzz_stage() {
+  if ! command -v clang++ >/dev/null 2>&1; then
+    echo "==== fuzz stage skipped: clang++ is not installed"
+    return
+  fi
+  local runtime
+  runtime=$(clang++ -print-file-name=libclang_rt.fuzzer-x86_64.a 2>/dev/null || true)
+  if [ "$(uname -m)" = x86_64 ] && [ ! -f "$runtime" ]; then
+    echo "==== fuzz stage skipped: clang's libFuzzer runtime is missing (libclang-rt-14-dev)"
+    return
+  fi
+  echo "==== [build-fuzz] configure and build (clang, libFuzzer + address,undefined)"
+  CC=clang CXX=clang++ cmake -S "$root" -B "$root/build-fuzz" -DKESTREL_FUZZ=ON \
+    -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+  cmake --build "$root/build-fuzz" -j"$jobs"
+  echo "==== [build-fuzz] run fuzz targets (label fuzz)"
+  # Two at a time: each target runs single-threaded for a fixed time.
+  ctest --test-dir "$root/build-fuzz" --output-on-failure -j"$jobs" -L fuzz
+}
+fuzz_stage
 echo "==== all test runs passed"

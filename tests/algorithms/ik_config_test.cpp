@@ -114,11 +114,16 @@ TEST(IkSolverConfig, RejectsBadValuesWithTheirOwnText) {
   for (const char* bad :
        {"{position_tolerance_m: 0}", "{orientation_tolerance_rad: -1}", "{max_fast_iterations: -1}",
         "{max_residual_search_iterations: -1}", "{damping: -0.1}", "{max_joint_step_rad: 0}",
-        "{max_joint_delta_time_sec: -0.01}"}) {
+        "{max_joint_delta_time_sec: -0.01}",
+        // NaN passed every limit before (found by fuzzing).
+        "{position_tolerance_m: .nan}", "{orientation_tolerance_rad: .nan}", "{damping: .nan}",
+        "{max_joint_step_rad: .nan}", "{max_joint_delta_time_sec: .nan}"}) {
     EXPECT_EQ(error_for(bad), "ik_solver contains invalid non-positive limits") << bad;
   }
-  EXPECT_EQ(error_for("{max_joint_velocity_rad_s: [1, 0, 1, 1, 1, 1]}"),
-            "ik_solver joint velocity limits must be positive");
+  for (const char* bad :
+       {"{max_joint_velocity_rad_s: [1, 0, 1, 1, 1, 1]}", "{max_joint_velocity_rad_s: [.nan]}"}) {
+    EXPECT_EQ(error_for(bad), "ik_solver joint velocity limits must be positive") << bad;
+  }
   // A non-sequence speed list keeps read_double_sequence's own text, unwrapped.
   EXPECT_EQ(error_for("{max_joint_velocity_rad_s: 3}"),
             "ik_solver.max_joint_velocity_rad_s must be a YAML sequence");
@@ -168,6 +173,9 @@ TEST(IkFallbackConfig, RejectsNegativeValues) {
   };
   EXPECT_EQ(error_for("{max_time_ms: -1}"), "ik_fallback.max_time_ms must be non-negative");
   EXPECT_EQ(error_for("{position_tolerance_m: -0.001}"),
+            "ik_fallback.position_tolerance_m must be non-negative");
+  EXPECT_EQ(error_for("{max_time_ms: .nan}"), "ik_fallback.max_time_ms must be non-negative");
+  EXPECT_EQ(error_for("{position_tolerance_m: .nan}"),
             "ik_fallback.position_tolerance_m must be non-negative");
   const std::string wrapped =
       "Failed to read ik_fallback config at " + (dir.path() / "a.yaml").string() + ": ";

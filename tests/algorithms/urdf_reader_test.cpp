@@ -89,6 +89,16 @@ TEST(UrdfReaderLinks, ReportsEveryMalformedLink) {
       "Failed to parse mass for link 'l'");
   EXPECT_EQ(error_for("<link name=\"l\"><inertial><mass value=\"1\"/></inertial></link>"),
             "Failed to parse inertia matrix for link 'l'");
+  // Non-finite numbers, which tinyxml2 reads as numbers (found by fuzzing).
+  for (const char* mass : {"nan", "inf", "-inf"}) {
+    EXPECT_EQ(error_for("<link name=\"l\"><inertial><mass value=\"" + std::string(mass) + "\"/>" +
+                        inertia + "</inertial></link>"),
+              "Failed to parse mass for link 'l'")
+        << mass;
+  }
+  EXPECT_EQ(error_for("<link name=\"l\"><inertial><mass value=\"1\"/><inertia ixx=\"nan\" "
+                      "ixy=\"0\" ixz=\"0\" iyy=\"1\" iyz=\"0\" izz=\"1\"/></inertial></link>"),
+            "Failed to parse inertia matrix for link 'l'");
   EXPECT_EQ(error_for("<link name=\"l\"><inertial><mass value=\"1\"/><inertia ixx=\"1\" ixy=\"0\""
                       " ixz=\"0\" iyy=\"1\" iyz=\"0\"/></inertial></link>"),
             "Failed to parse inertia matrix for link 'l'");
@@ -124,6 +134,22 @@ TEST(UrdfReaderChain, OrdersJointsFromTheRootAndReadsTheirFields) {
   EXPECT_EQ(chain[2].axis, Eigen::Vector3d::UnitX());  // URDF's default axis
 }
 
+// Components beyond about 1e154 overflowed the plain norm, and the axis came out as zero
+// (found by fuzzing).
+TEST(UrdfReaderChain, NormalisesAxesOfAnyMagnitude) {
+  const std::pair<const char*, Eigen::Vector3d> rows[] = {
+      {"0 0 2", {0, 0, 1}},
+      {"1e300 0 0", {1, 0, 0}},
+      {"0 3e200 -4e200", {0, 0.6, -0.8}},
+      {"0 0 -1e-3", {0, 0, -1}},
+  };
+  for (const auto& [xyz, unit] : rows) {
+    Urdf doc(kLinks + joint("j", "a", "b", "<axis xyz=\"" + std::string(xyz) + "\"/>"));
+    const Eigen::Vector3d axis = parse_joint_chain(doc.robot()).at(0).axis;
+    EXPECT_LT((axis - unit).norm(), 1e-15) << xyz << " gave " << axis.transpose();
+  }
+}
+
 TEST(UrdfReaderChain, ReportsEveryMalformedOrNonSerialModel) {
   const auto error_for = [](const std::string& body) {
     Urdf doc(body);
@@ -140,6 +166,10 @@ TEST(UrdfReaderChain, ReportsEveryMalformedOrNonSerialModel) {
       "URDF joint 'j' is missing parent/child link");
   EXPECT_EQ(error_for(kLinks + joint("j", "a", "b", "<axis xyz=\"0 0 0\"/>")),
             "URDF joint 'j' has zero-length axis");
+  EXPECT_EQ(error_for(kLinks + joint("j", "a", "b", "<limit lower=\"-inf\" upper=\"1\"/>")),
+            "URDF joint 'j' has a non-finite limit");
+  EXPECT_EQ(error_for(kLinks + joint("j", "a", "b", "<limit lower=\"0\" upper=\"nan\"/>")),
+            "URDF joint 'j' has a non-finite limit");
   EXPECT_EQ(error_for(kLinks + joint("j", "a", "b", "<origin xyz=\"1 2\"/>")),
             "Failed to parse xyz/rpy vector from '1 2'");
   EXPECT_EQ(error_for(kLinks + joint("j1", "a", "b") + joint("j2", "a", "c")),

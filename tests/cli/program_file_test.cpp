@@ -90,6 +90,11 @@ TEST(ProgramFile, MistakesNameTheFileLineAndStep) {
   EXPECT_EQ(
       error_of(head + "  - {sleep: 1, gripper: open}\n"),
       "p.yaml:3: step 2: a step is a map with one key: movej, movel, movep, sleep or gripper");
+  // A list or a map as a key (found by fuzzing: yaml-cpp's conversion error escaped unnamed).
+  EXPECT_EQ(error_of(head + "  - movej: {to: [0, 0, 0, 0, 0, 0], [1]: 2}\n"),
+            "p.yaml:3: step 2: a key must be a word, not a list or a map");
+  EXPECT_EQ(error_of(head + "  - {[movej]: 1}\n"),
+            "p.yaml:3: step 2: a key must be a word, not a list or a map");
 }
 
 TEST(ProgramFile, FileLevelMistakes) {
@@ -99,6 +104,8 @@ TEST(ProgramFile, FileLevelMistakes) {
             "p.yaml: angle_unit must be rad or deg, not \"grad\"");
   EXPECT_EQ(error_of("speed: 1\nsteps:\n  - sleep: 1\n"),
             "p.yaml: unknown top-level key \"speed\" (expected steps, angle_unit)");
+  EXPECT_EQ(error_of("{a: b}: 1\nsteps:\n  - sleep: 1\n"),
+            "p.yaml: a top-level key must be a word, not a list or a map");
   EXPECT_THAT(error_of("steps: [\n"), ::testing::StartsWith("p.yaml: not valid YAML: "));
   try {
     kestrel::cli::load_program_file("/nonexistent/program.yaml");

@@ -155,6 +155,10 @@ TEST(CandumpLog, LinesBecomeFramesOrAreRefusedByName) {
       {"0.5 can0 123#00", 0, false, false, false, false, {}, "not a candump log line"},
       {"(x) can0 123#00", 0, false, false, false, false, {}, "bad timestamp"},
       {"(0.5) can0 1234#00", 0, false, false, false, false, {}, "identifier must be 3 or 8"},
+      // Found by fuzzing (tests/fuzz/corpus/fuzz_candump_line/regression-*).
+      {"(0.5) can0 A23#00", 0, false, false, false, false, {}, "standard identifier above 7FF"},
+      {"(nan) can0 123#00", 0, false, false, false, false, {}, "bad timestamp"},
+      {"(inf) can0 123#00", 0, false, false, false, false, {}, "bad timestamp"},
       {"(0.5) can0 123#0", 0, false, false, false, false, {}, "payload must be whole bytes"},
       {"(0.5) can0 123#000000000000000000",
        0,

@@ -175,6 +175,19 @@ TEST(SafetyConfig, RejectsEachInvalidValueWithItsOwnText) {
        "self_collision capsule radius must be positive"},
       {body + "{name: b, link: link1, type: box, center: [0, 0, 0], size: [1, 0, 1]}]}",
        "self_collision box size must be positive"},
+      // NaN passed every rule before (found by fuzzing).
+      {"singularity_protection: {jacobian_angular_scale_m: .nan}",
+       "singularity_protection.jacobian_angular_scale_m must be positive"},
+      {"singularity_protection: {yellow_min_speed_scale: .nan}",
+       "singularity_protection.yellow_min_speed_scale must be in (0, 1]"},
+      {"trajectory_safety: {jerk_stop_scale: .nan}",
+       "trajectory_safety stop scales must be >= warning scales"},
+      {"self_collision: {stop_distance_m: .nan}",
+       "self_collision.warn_distance_m must be >= stop_distance_m"},
+      {body + "{name: c, link: link1, p0: [0, 0, 0], p1: [0, 0, 0], radius: .nan}]}",
+       "self_collision capsule radius must be positive"},
+      {body + "{name: b, link: link1, type: box, center: [0, 0, 0], size: [1, .nan, 1]}]}",
+       "self_collision box size must be positive"},
       // Validation runs in a fixed order: the singularity section is judged first.
       {"self_collision: {warn_distance_m: 0}\nsingularity_protection: {jacobian_angular_scale_m: "
        "-1}",

@@ -2,12 +2,10 @@
 
 #include <yaml-cpp/yaml.h>
 
-#include <chrono>
 #include <cmath>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
 
 namespace kestrel::cli {
 
@@ -73,9 +71,17 @@ std::vector<std::vector<double>> targets_of(const YAML::Node& step, const char* 
   return out;
 }
 
+// A map key as text. YAML lets a list or a map be a key; no key of a program is one.
+std::string key_of(const YAML::Node& key) {
+  if (!key.IsScalar()) {
+    throw StepError("a key must be a word, not a list or a map");
+  }
+  return key.Scalar();
+}
+
 void check_keys(const YAML::Node& step, std::initializer_list<const char*> allowed) {
   for (const auto& entry : step) {
-    const std::string key = entry.first.as<std::string>();
+    const std::string key = key_of(entry.first);
     bool known = false;
     for (const char* a : allowed) {
       known = known || key == a;
@@ -112,7 +118,7 @@ ProgramStep parse_step(const YAML::Node& node, double scale) {
   if (!node.IsMap() || node.size() != 1) {
     throw StepError("a step is a map with one key: movej, movel, movep, sleep or gripper");
   }
-  const std::string kind = node.begin()->first.as<std::string>();
+  const std::string kind = key_of(node.begin()->first);
   const YAML::Node body = node.begin()->second;
   ProgramStep step;
   auto& item = step.motion;
@@ -184,7 +190,10 @@ Program parse_program(const std::string& text, const std::string& name) {
     }
   }
   for (const auto& entry : root) {
-    const std::string key = entry.first.as<std::string>();
+    if (!entry.first.IsScalar()) {
+      throw std::runtime_error(name + ": a top-level key must be a word, not a list or a map");
+    }
+    const std::string key = entry.first.Scalar();
     if (key != "steps" && key != "angle_unit") {
       throw std::runtime_error(name + ": unknown top-level key \"" + key +
                                "\" (expected steps, angle_unit)");
@@ -218,40 +227,6 @@ Program load_program_file(const std::string& path) {
   std::ostringstream text;
   text << in.rdbuf();
   return parse_program(text.str(), path);
-}
-
-double run_program(ArmController& arm, const Program& program,
-                   const std::function<bool()>& stopped) {
-  double total = 0.0;
-  std::vector<ArmController::MotionProgramItem> batch;
-  auto flush = [&] {
-    if (!batch.empty()) {
-      total += arm.run_motion_program(batch);
-      batch.clear();
-    }
-  };
-  for (const auto& step : program.steps) {
-    if (step.kind == ProgramStep::Kind::motion) {
-      batch.push_back(step.motion);
-      continue;
-    }
-    flush();
-    if (stopped()) {
-      throw std::runtime_error("motion stopped");
-    }
-    arm.setGripperPosition(step.gripper_position);
-    const double target = step.gripper_position * 0.085;
-    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-    while (std::chrono::steady_clock::now() < until &&
-           std::abs(arm.get_gripper_distance() - target) > 0.003) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    if (stopped()) {
-      throw std::runtime_error("motion stopped");
-    }
-  }
-  flush();
-  return total;
 }
 
 }  // namespace kestrel::cli

@@ -29,6 +29,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "simbus/client_packet.hpp"
 #include "simbus/simbus_control.hpp"
 #include "simbus/simbus_paths.hpp"
 #include "simbus/simbus_protocol.hpp"
@@ -560,26 +561,61 @@ class Hub::Impl {
         return;
       }
       const auto length = static_cast<std::size_t>(size);
-      if (!protocol::is_control_size(length)) {
-        receive_frame(iface, client, buffer.data(), length);
-      } else {
-        handle_control(iface, client, buffer.data(), length);
+      handle_packet(iface, client, buffer.data(), length,
+                    decode_client_packet(buffer.data(), length, client.attached, client.fd_frames,
+                                         iface.mtu()));
+    }
+  }
+
+  void handle_packet(Interface& iface, Client& client, const unsigned char* data, std::size_t size,
+                     const ClientPacket& packet) {
+    using Kind = ClientPacket::Kind;
+    switch (packet.kind) {
+      case Kind::reject:
+        client.dead = true;
+        return;
+      case Kind::frame:
+      case Kind::invalid_frame:
+        receive_frame(iface, client, data, size, packet.kind == Kind::frame);
+        return;
+      case Kind::attach:
+        client.configure(packet.config, packet.filters.data());
+        client.attached = true;
+        iface.client_count.store(count_attached(iface));
+        send_attached(iface, client);
+        return;
+      case Kind::update:
+        for (auto& target : iface.clients) {
+          if (target->attached && !target->dead && target->id == packet.config.client_id) {
+            target->configure(packet.config, packet.filters.data());
+            reply_info(iface, client, protocol::InfoStatus::ok);
+            return;
+          }
+        }
+        reply_info(iface, client, protocol::InfoStatus::unknown_client);
+        return;
+      case Kind::query:
+        reply_info(iface, client, protocol::InfoStatus::ok);
+        return;
+      case Kind::set_state:
+        set_up(iface, packet.argument != 0);
+        reply_info(iface, client, protocol::InfoStatus::ok);
+        return;
+      case Kind::set_mtu: {
+        const MtuChange change = set_mtu(iface, static_cast<int>(packet.argument));
+        reply_info(iface, client,
+                   change == MtuChange::done      ? protocol::InfoStatus::ok
+                   : change == MtuChange::invalid ? protocol::InfoStatus::bad_request
+                                                  : protocol::InfoStatus::busy);
+        return;
       }
     }
   }
 
-  void receive_frame(Interface& iface, Client& sender, const unsigned char* data,
-                     std::size_t size) {
-    if (!sender.attached) {
-      sender.dead = true;
-      return;
-    }
+  // `valid`: the frame is one the interface may carry (decode_client_packet judged it).
+  void receive_frame(Interface& iface, Client& sender, const unsigned char* data, std::size_t size,
+                     bool valid) {
     iface.frames_received.fetch_add(1, std::memory_order_relaxed);
-    // The interposer checks all of this before sending; a client speaking the protocol by hand
-    // gets the same treatment as a kernel that would have refused the write.
-    const bool valid = size == CAN_MTU ? data[offsetof(can_frame, can_dlc)] <= CAN_MAX_DLEN
-                                       : sender.fd_frames && iface.mtu() == CANFD_MTU &&
-                                             data[offsetof(canfd_frame, len)] <= CANFD_MAX_DLEN;
     if (!valid || !iface.up()) {
       iface.frames_discarded.fetch_add(1, std::memory_order_relaxed);
       return;
@@ -697,87 +733,14 @@ class Hub::Impl {
     }
   }
 
-  void handle_control(Interface& iface, Client& client, const unsigned char* data,
-                      std::size_t size) {
-    std::uint32_t header[2] = {0, 0};
-    if (size >= sizeof(header)) {
-      std::memcpy(header, data, sizeof(header));
-    }
-    if (header[0] != protocol::kMagic) {
+  void send_attached(Interface& iface, Client& client) {
+    const protocol::AttachedMessage answer{
+        protocol::kMagic, static_cast<std::uint32_t>(protocol::MessageType::attached), client.id,
+        iface.ifindex, iface.up() ? 1u : 0u};
+    if (::send(client.fd, &answer, sizeof(answer), MSG_DONTWAIT | MSG_NOSIGNAL) !=
+        static_cast<ssize_t>(sizeof(answer))) {
       client.dead = true;
-      return;
     }
-    using protocol::MessageType;
-    switch (static_cast<MessageType>(header[1])) {
-      case MessageType::attach:
-      case MessageType::update:
-        handle_config(iface, client, data, size, static_cast<MessageType>(header[1]));
-        return;
-      case MessageType::query:
-      case MessageType::set_state:
-      case MessageType::set_mtu: {
-        protocol::RequestMessage request{};
-        if (client.attached || size != sizeof(request)) {
-          client.dead = true;
-          return;
-        }
-        std::memcpy(&request, data, sizeof(request));
-        auto status = protocol::InfoStatus::ok;
-        if (static_cast<MessageType>(request.type) == MessageType::set_state) {
-          set_up(iface, request.argument != 0);
-        } else if (static_cast<MessageType>(request.type) == MessageType::set_mtu) {
-          const MtuChange change = set_mtu(iface, static_cast<int>(request.argument));
-          status = change == MtuChange::done      ? protocol::InfoStatus::ok
-                   : change == MtuChange::invalid ? protocol::InfoStatus::bad_request
-                                                  : protocol::InfoStatus::busy;
-        }
-        reply_info(iface, client, status);
-        return;
-      }
-      default:
-        client.dead = true;
-        return;
-    }
-  }
-
-  void handle_config(Interface& iface, Client& client, const unsigned char* data, std::size_t size,
-                     protocol::MessageType type) {
-    protocol::ConfigMessage config{};
-    if (client.attached || size < sizeof(config)) {
-      client.dead = true;
-      return;
-    }
-    std::memcpy(&config, data, sizeof(config));
-    if (config.filter_count > protocol::kMaxFilters ||
-        size != sizeof(config) + config.filter_count * sizeof(can_filter)) {
-      client.dead = true;
-      return;
-    }
-    std::vector<can_filter> filters(config.filter_count);
-    if (!filters.empty()) {
-      std::memcpy(filters.data(), data + sizeof(config), filters.size() * sizeof(can_filter));
-    }
-    if (type == protocol::MessageType::attach) {
-      client.configure(config, filters.data());
-      client.attached = true;
-      iface.client_count.store(count_attached(iface));
-      const protocol::AttachedMessage answer{
-          protocol::kMagic, static_cast<std::uint32_t>(protocol::MessageType::attached), client.id,
-          iface.ifindex, iface.up() ? 1u : 0u};
-      if (::send(client.fd, &answer, sizeof(answer), MSG_DONTWAIT | MSG_NOSIGNAL) !=
-          static_cast<ssize_t>(sizeof(answer))) {
-        client.dead = true;
-      }
-      return;
-    }
-    for (auto& target : iface.clients) {
-      if (target->attached && !target->dead && target->id == config.client_id) {
-        target->configure(config, filters.data());
-        reply_info(iface, client, protocol::InfoStatus::ok);
-        return;
-      }
-    }
-    reply_info(iface, client, protocol::InfoStatus::unknown_client);
   }
 
   void reply_info(Interface& iface, Client& client, protocol::InfoStatus status) {

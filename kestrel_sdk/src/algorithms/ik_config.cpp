@@ -23,13 +23,14 @@ void validate(const IkSolverConfig& c) {
   if (c.mode != "fast" && c.mode != "kdl" && c.mode != "kdl_with_approx_fallback") {
     throw std::runtime_error("ik_solver.mode must be 'fast', 'kdl', or 'kdl_with_approx_fallback'");
   }
-  if (c.position_tolerance_m <= 0.0 || c.orientation_tolerance_rad <= 0.0 ||
-      c.max_fast_iterations < 0 || c.max_residual_search_iterations < 0 || c.damping < 0.0 ||
-      c.max_joint_step_rad <= 0.0 || c.max_joint_delta_time_sec < 0.0) {
+  // The accepted ranges are what is tested, so that a NaN (".nan" in YAML) is refused too.
+  if (!(c.position_tolerance_m > 0.0 && c.orientation_tolerance_rad > 0.0 &&
+        c.max_fast_iterations >= 0 && c.max_residual_search_iterations >= 0 && c.damping >= 0.0 &&
+        c.max_joint_step_rad > 0.0 && c.max_joint_delta_time_sec >= 0.0)) {
     throw std::runtime_error("ik_solver contains invalid non-positive limits");
   }
   for (const double v : c.max_joint_velocity_rad_s) {
-    if (v <= 0.0) {
+    if (!(v > 0.0)) {
       throw std::runtime_error("ik_solver joint velocity limits must be positive");
     }
   }
@@ -90,10 +91,10 @@ IkFallbackConfig read_ik_fallback_config(const std::string& config_path) {
     throw std::runtime_error("Failed to read ik_fallback config at " + config_path + ": " +
                              e.what());
   }
-  if (config.position_tolerance_m < 0.0) {
+  if (!(config.position_tolerance_m >= 0.0)) {
     throw std::runtime_error("ik_fallback.position_tolerance_m must be non-negative");
   }
-  if (config.max_time_ms < 0.0) {
+  if (!(config.max_time_ms >= 0.0)) {
     throw std::runtime_error("ik_fallback.max_time_ms must be non-negative");
   }
   return config;

@@ -155,21 +155,22 @@ void validate(const SafetyConfig& config) {
   const SingularityProtectionConfig& sp = config.singularity_protection;
   const TrajectorySafetyConfig& ts = config.trajectory_safety;
   const SelfCollisionConfig& sc = config.self_collision;
-  if (sp.jacobian_angular_scale_m <= 0.0) {
+  // Each rule tests the accepted range, so that a NaN (".nan" in YAML) is refused too.
+  if (!(sp.jacobian_angular_scale_m > 0.0)) {
     throw std::runtime_error("singularity_protection.jacobian_angular_scale_m must be positive");
   }
-  if (sp.yellow_min_speed_scale <= 0.0 || sp.yellow_min_speed_scale > 1.0) {
+  if (!(sp.yellow_min_speed_scale > 0.0 && sp.yellow_min_speed_scale <= 1.0)) {
     throw std::runtime_error("singularity_protection.yellow_min_speed_scale must be in (0, 1]");
   }
   if (ts.tracking_error_stop_cycles < 1) {
     throw std::runtime_error("trajectory_safety.tracking_error_stop_cycles must be positive");
   }
-  if (ts.velocity_stop_scale < ts.velocity_warn_scale ||
-      ts.acceleration_stop_scale < ts.acceleration_warn_scale ||
-      ts.jerk_stop_scale < ts.jerk_warn_scale) {
+  if (!(ts.velocity_stop_scale >= ts.velocity_warn_scale &&
+        ts.acceleration_stop_scale >= ts.acceleration_warn_scale &&
+        ts.jerk_stop_scale >= ts.jerk_warn_scale)) {
     throw std::runtime_error("trajectory_safety stop scales must be >= warning scales");
   }
-  if (sc.warn_distance_m < sc.stop_distance_m) {
+  if (!(sc.warn_distance_m >= sc.stop_distance_m)) {
     throw std::runtime_error("self_collision.warn_distance_m must be >= stop_distance_m");
   }
   for (const SelfCollisionConfig::Body& body : sc.bodies) {
@@ -177,11 +178,11 @@ void validate(const SafetyConfig& config) {
       throw std::runtime_error("self_collision.bodies entries require name and link");
     }
     if (body.type == "capsule") {
-      if (body.radius <= 0.0) {
+      if (!(body.radius > 0.0)) {
         throw std::runtime_error("self_collision capsule radius must be positive");
       }
     } else if (body.type == "box") {
-      if (body.size[0] <= 0.0 || body.size[1] <= 0.0 || body.size[2] <= 0.0) {
+      if (!(body.size[0] > 0.0 && body.size[1] > 0.0 && body.size[2] > 0.0)) {
         throw std::runtime_error("self_collision box size must be positive");
       }
     } else {

@@ -2,6 +2,7 @@
 
 #include <tinyxml2.h>
 
+#include <cmath>
 #include <sstream>
 #include <stdexcept>
 #include <unordered_set>
@@ -33,6 +34,17 @@ void parse_origin_element(const tinyxml2::XMLElement* origin, Eigen::Vector3d& x
   rpy = parse_xyz_attr(origin->Attribute("rpy"));
 }
 
+namespace {
+
+// A numeric attribute that is there and finite (tinyxml2 also reads "nan" and "inf").
+bool query_finite(const tinyxml2::XMLElement* element, const char* name, double& value) {
+  return element != nullptr &&
+         element->QueryDoubleAttribute(name, &value) == tinyxml2::XML_SUCCESS &&
+         std::isfinite(value);
+}
+
+}  // namespace
+
 UrdfLinkMap parse_links(const tinyxml2::XMLElement* robot) {
   UrdfLinkMap links;
   for (const tinyxml2::XMLElement* link = robot->FirstChildElement("link"); link != nullptr;
@@ -52,16 +64,14 @@ UrdfLinkMap parse_links(const tinyxml2::XMLElement* robot) {
                          record.origin_rpy);
 
     const tinyxml2::XMLElement* mass = inertial->FirstChildElement("mass");
-    if (mass == nullptr ||
-        mass->QueryDoubleAttribute("value", &record.mass) != tinyxml2::XML_SUCCESS) {
+    if (!query_finite(mass, "value", record.mass)) {
       throw std::runtime_error("Failed to parse mass for link '" + name + "'");
     }
 
     const tinyxml2::XMLElement* inertia = inertial->FirstChildElement("inertia");
     static constexpr const char* kInertiaKeys[6] = {"ixx", "ixy", "ixz", "iyy", "iyz", "izz"};
     for (int i = 0; i < 6; ++i) {
-      if (inertia == nullptr || inertia->QueryDoubleAttribute(
-                                    kInertiaKeys[i], &record.inertia[i]) != tinyxml2::XML_SUCCESS) {
+      if (!query_finite(inertia, kInertiaKeys[i], record.inertia[i])) {
         throw std::runtime_error("Failed to parse inertia matrix for link '" + name + "'");
       }
     }
@@ -106,11 +116,12 @@ std::vector<UrdfJoint> parse_joint_chain(const tinyxml2::XMLElement* robot) {
 
     if (const tinyxml2::XMLElement* axis = element->FirstChildElement("axis")) {
       const Eigen::Vector3d raw = parse_xyz_attr(axis->Attribute("xyz"));
-      const double length = raw.norm();
-      if (length < 1e-12) {
+      // The stable norm: the plain one overflows to infinity for components near 1e155 and
+      // beyond, and the axis would come out as zero.
+      if (raw.stableNorm() < 1e-12) {
         throw std::runtime_error("URDF joint '" + joint.name + "' has zero-length axis");
       }
-      joint.axis = raw / length;
+      joint.axis = raw.stableNormalized();
     }
 
     if (joint.type != "continuous") {
@@ -120,6 +131,9 @@ std::vector<UrdfJoint> parse_joint_chain(const tinyxml2::XMLElement* robot) {
       if (limit != nullptr &&
           limit->QueryDoubleAttribute("lower", &lower) == tinyxml2::XML_SUCCESS &&
           limit->QueryDoubleAttribute("upper", &upper) == tinyxml2::XML_SUCCESS) {
+        if (!std::isfinite(lower) || !std::isfinite(upper)) {
+          throw std::runtime_error("URDF joint '" + joint.name + "' has a non-finite limit");
+        }
         joint.has_limits = true;
         joint.lower = lower;
         joint.upper = upper;

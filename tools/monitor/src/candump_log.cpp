@@ -3,6 +3,7 @@
 #include <linux/can.h>
 
 #include <cctype>
+#include <cmath>
 #include <cstdlib>
 
 namespace kestrel::monitor {
@@ -51,7 +52,8 @@ std::optional<LoggedFrame> parse_candump_line(const std::string& line, std::stri
   const std::string stamp = line.substr(first + 1, close - first - 1);
   char* end = nullptr;
   logged.timestamp = std::strtod(stamp.c_str(), &end);
-  if (stamp.empty() || *end != '\0') {
+  // strtod also takes "nan", "inf" and hexadecimal; candump writes seconds as plain digits.
+  if (stamp.empty() || *end != '\0' || !std::isfinite(logged.timestamp)) {
     return refuse(error, "bad timestamp", line);
   }
   const auto name_start = line.find_first_not_of(' ', close + 1);
@@ -82,6 +84,9 @@ std::optional<LoggedFrame> parse_candump_line(const std::string& line, std::stri
     frame.error = (id & CAN_ERR_FLAG) != 0;
     frame.extended = !frame.error;
     frame.id = id & (frame.error ? CAN_ERR_MASK : CAN_EFF_MASK);
+  } else if (id > CAN_SFF_MASK) {
+    // Three digits reach 0xFFF, but a standard identifier has 11 bits.
+    return refuse(error, "standard identifier above 7FF", line);
   } else {
     frame.id = id;
   }

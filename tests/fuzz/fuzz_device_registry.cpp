@@ -1,0 +1,170 @@
+// The device registry's dispatch on arbitrary frames, into the seven DM devices of the arm on
+// a classic and a CAN FD socket of a private userspace bus. A frame reaches only the device
+// whose receive identifier equals its whole can_id, and only what that device's callback mode
+// takes: feedback inside the motor's ranges in STATE, read replies in PARAM, nothing in IGNORE.
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "fuzz_support.hpp"
+#include "kestrel/canbus/can_device_collection.hpp"
+#include "kestrel/damiao_motor/dm_motor_device.hpp"
+#include "simbus/simbus_testing.hpp"
+
+namespace {
+
+namespace dm = kestrel::damiao_motor;
+using kestrel::canbus::CANDeviceCollection;
+using kestrel::canbus::CANSocket;
+
+struct Snapshot {
+  double position, velocity, torque;
+  int t_mos, t_rotor, feedback_id, error_code;
+  std::map<int, double> params;
+
+  explicit Snapshot(const dm::Motor& m)
+      : position(m.get_position()),
+        velocity(m.get_velocity()),
+        torque(m.get_torque()),
+        t_mos(m.get_t_mos()),
+        t_rotor(m.get_t_rotor()),
+        feedback_id(m.get_feedback_id()),
+        error_code(m.get_error_code()),
+        params(m.get_params()) {}
+
+  bool same_state(const Snapshot& o) const {
+    return position == o.position && velocity == o.velocity && torque == o.torque &&
+           t_mos == o.t_mos && t_rotor == o.t_rotor && feedback_id == o.feedback_id &&
+           error_code == o.error_code;
+  }
+  bool same_params(const Snapshot& o) const {
+    if (params.size() != o.params.size()) {
+      return false;
+    }
+    for (const auto& [rid, value] : params) {
+      const auto it = o.params.find(rid);
+      if (it == o.params.end() ||
+          !(it->second == value || (std::isnan(value) && std::isnan(it->second)))) {
+        return false;
+      }
+    }
+    return true;
+  }
+};
+
+// One registry per socket kind, each with the arm's seven motors. Built once per process.
+struct Rig {
+  kestrel::simbus::ScopedSimbus bus{{"can0"}};
+  CANSocket classic_socket{"can0", false};
+  CANSocket fd_socket{"can0", true};
+  CANDeviceCollection classic{classic_socket};
+  CANDeviceCollection fd{fd_socket};
+  std::vector<std::unique_ptr<dm::Motor>> motors;  // 0..6 classic, 7..13 FD
+  std::vector<std::shared_ptr<dm::DMCANDevice>> devices;
+
+  Rig() {
+    for (int kind = 0; kind < 2; ++kind) {
+      for (unsigned id = 1; id <= 7; ++id) {
+        const auto type = id <= 3 ? dm::MotorType::DM_V8_T28 : dm::MotorType::DM_V30_T10;
+        motors.push_back(std::make_unique<dm::Motor>(type, id, 0x10 + id));
+        devices.push_back(
+            std::make_shared<dm::DMCANDevice>(*motors.back(), dm::PARAM_CAN_ID, kind == 1));
+        (kind == 0 ? classic : fd).add_device(devices.back());
+      }
+    }
+  }
+};
+
+void check_updated(const dm::Motor& m, const Snapshot& before, dm::CallbackMode mode) {
+  const Snapshot after(m);
+  if (mode == dm::CallbackMode::IGNORE) {
+    FUZZ_CHECK(after.same_state(before) && after.same_params(before));
+    return;
+  }
+  if (mode == dm::CallbackMode::PARAM) {
+    FUZZ_CHECK(after.same_state(before));
+    FUZZ_CHECK(after.params.size() <= before.params.size() + 1);
+    for (const auto& entry : after.params) {
+      FUZZ_CHECK(entry.first >= 0 && entry.first <= 0xFF);
+    }
+    return;
+  }
+  FUZZ_CHECK(after.same_params(before));
+  const dm::LimitParam lim = dm::Motor::get_limit_param(m.get_motor_type());
+  FUZZ_CHECK(std::abs(after.position) <= lim.p_max && std::abs(after.velocity) <= lim.v_max &&
+             std::abs(after.torque) <= lim.t_max);
+  FUZZ_CHECK(after.error_code >= 0 && after.error_code <= 0xF);
+  FUZZ_CHECK(after.feedback_id >= 0 && after.feedback_id <= 0xF);
+  FUZZ_CHECK(after.t_mos >= 0 && after.t_mos <= 0xFF && after.t_rotor >= 0 &&
+             after.t_rotor <= 0xFF);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  kestrel::fuzz::silence_cerr();
+  return 0;
+}
+
+// Byte 0: callback mode of every device (two bits each for devices 1-4 and again for 5-7,
+// wrapping); then frames, each 1 control byte (bit 0: FD registry, bit 1: FD frame), a 4-byte
+// can_id (little-endian), 1 length byte and as much payload as is left, up to 8 or 64 bytes.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static Rig rig;
+  if (size < 1) {
+    return 0;
+  }
+  for (size_t i = 0; i < rig.devices.size(); ++i) {
+    const unsigned bits = (data[0] >> (2 * (i % 4))) & 3u;
+    rig.devices[i]->set_callback_mode(static_cast<dm::CallbackMode>(bits == 3 ? 0 : bits));
+  }
+  size_t at = 1;
+  while (at + 6 <= size) {
+    const uint8_t control = data[at];
+    const uint32_t can_id =
+        static_cast<uint32_t>(data[at + 1] | data[at + 2] << 8 | data[at + 3] << 16) |
+        static_cast<uint32_t>(data[at + 4]) << 24;
+    const uint8_t length = data[at + 5];
+    at += 6;
+    const bool fd_registry = (control & 1) != 0;
+    const bool fd_frame = (control & 2) != 0;
+    const size_t capacity = fd_frame ? CANFD_MAX_DLEN : CAN_MAX_DLEN;
+    const size_t take = std::min(capacity, size - at);
+
+    std::vector<Snapshot> before;
+    for (const auto& m : rig.motors) {
+      before.emplace_back(*m);
+    }
+    CANDeviceCollection& registry = fd_registry ? rig.fd : rig.classic;
+    if (fd_frame) {
+      canfd_frame frame{};
+      frame.can_id = can_id;
+      frame.len = length;  // the length field as received, even when it lies
+      std::memcpy(frame.data, data + at, take);
+      registry.dispatch_frame_callback(frame);
+    } else {
+      can_frame frame{};
+      frame.can_id = can_id;
+      frame.can_dlc = length;
+      std::memcpy(frame.data, data + at, take);
+      registry.dispatch_frame_callback(frame);
+    }
+    at += take;
+
+    for (size_t i = 0; i < rig.motors.size(); ++i) {
+      const dm::Motor& m = *rig.motors[i];
+      // Only the addressed device of the dispatching registry, and only a frame of its kind.
+      const bool addressed =
+          m.get_recv_id() == can_id && (i >= 7) == fd_registry && fd_frame == fd_registry;
+      if (!addressed) {
+        FUZZ_CHECK(Snapshot(m).same_state(before[i]) && Snapshot(m).same_params(before[i]));
+        continue;
+      }
+      check_updated(m, before[i], rig.devices[i]->get_callback_mode());
+    }
+  }
+  return 0;
+}

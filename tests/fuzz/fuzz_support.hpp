@@ -1,0 +1,60 @@
+// Shared by the fuzz targets: a quiet standard error, input written to a scratch file for the
+// readers that only take paths, and a check that stops the run with its reason.
+#pragma once
+
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <streambuf>
+#include <string>
+
+namespace kestrel::fuzz {
+
+// The parsers warn on standard error for many inputs; millions of such lines slow the run down
+// and bury libFuzzer's own report. Sanitizer reports do not go through std::cerr.
+inline void silence_cerr() {
+  struct NullBuffer : std::streambuf {
+    int overflow(int c) override { return c; }
+  };
+  static NullBuffer null;
+  std::cerr.rdbuf(&null);
+}
+
+// One file per process under $TMPDIR (or /tmp), removed at exit.
+inline const std::string& scratch_path() {
+  static const std::string path = [] {
+    const char* tmp = std::getenv("TMPDIR");
+    std::string p = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/kestrel-fuzz-" +
+                    std::to_string(::getpid()) + ".input";
+    std::atexit([] { std::remove(scratch_path().c_str()); });
+    return p;
+  }();
+  return path;
+}
+
+inline const std::string& write_scratch(const uint8_t* data, size_t size) {
+  const std::string& path = scratch_path();
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+  return path;
+}
+
+[[noreturn]] inline void fail(const char* file, int line, const char* what) {
+  std::fprintf(stderr, "%s:%d: fuzz check failed: %s\n", file, line, what);
+  std::abort();
+}
+
+}  // namespace kestrel::fuzz
+
+// A property every input must keep; a violation aborts, and libFuzzer keeps the input.
+#define FUZZ_CHECK(condition)                                \
+  do {                                                       \
+    if (!(condition)) {                                      \
+      ::kestrel::fuzz::fail(__FILE__, __LINE__, #condition); \
+    }                                                        \
+  } while (0)

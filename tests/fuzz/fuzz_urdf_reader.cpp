@@ -1,0 +1,75 @@
+// The URDF reader on arbitrary documents: what it accepts has finite numbers, unit joint axes
+// and a chain whose joints connect root to tip; everything else is a std::runtime_error.
+#include <tinyxml2.h>
+
+#include <cmath>
+#include <stdexcept>
+#include <unordered_set>
+
+#include "fuzz_support.hpp"
+#include "kestrel/algorithms/urdf_reader.hpp"
+
+namespace {
+
+using kestrel::algorithms::UrdfJoint;
+
+bool finite(const Eigen::Vector3d& v) {
+  return v.allFinite();
+}
+
+void check_links(const tinyxml2::XMLElement* robot) {
+  kestrel::algorithms::UrdfLinkMap links;
+  try {
+    links = kestrel::algorithms::detail::parse_links(robot);
+  } catch (const std::runtime_error&) {
+    return;
+  }
+  for (const auto& [name, inertial] : links) {
+    FUZZ_CHECK(std::isfinite(inertial.mass));
+    FUZZ_CHECK(finite(inertial.origin_xyz) && finite(inertial.origin_rpy));
+    for (const double value : inertial.inertia) {
+      FUZZ_CHECK(std::isfinite(value));
+    }
+  }
+}
+
+void check_chain(const tinyxml2::XMLElement* robot) {
+  std::vector<UrdfJoint> chain;
+  try {
+    chain = kestrel::algorithms::detail::parse_joint_chain(robot);
+  } catch (const std::runtime_error&) {
+    return;
+  }
+  std::unordered_set<std::string> seen;
+  for (size_t i = 0; i < chain.size(); ++i) {
+    const UrdfJoint& joint = chain[i];
+    FUZZ_CHECK(std::abs(joint.axis.norm() - 1.0) < 1e-9);
+    FUZZ_CHECK(finite(joint.origin_xyz) && finite(joint.origin_rpy));
+    FUZZ_CHECK(!joint.has_limits || (std::isfinite(joint.lower) && std::isfinite(joint.upper)));
+    FUZZ_CHECK(!(joint.has_limits && joint.type == "continuous"));
+    FUZZ_CHECK(i == 0 || chain[i - 1].child_link == joint.parent_link);
+    FUZZ_CHECK(seen.insert(joint.parent_link).second);
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  kestrel::fuzz::silence_cerr();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  // The model reads the file through tinyxml2 exactly like this, then hands over <robot>.
+  tinyxml2::XMLDocument document;
+  if (document.Parse(reinterpret_cast<const char*>(data), size) != tinyxml2::XML_SUCCESS) {
+    return 0;
+  }
+  const tinyxml2::XMLElement* robot = document.FirstChildElement("robot");
+  if (robot == nullptr) {
+    return 0;
+  }
+  check_links(robot);
+  check_chain(robot);
+  return 0;
+}
