@@ -271,6 +271,11 @@ TEST_F(ControllerConfig, RequiredSectionsAndArrays) {
               ::testing::StartsWith("Invalid joint array config at " + path() +
                                     ": field 'pos_vel_mode.max_dec_limits' contains a non-numeric "
                                     "value: yaml-cpp: error at line"));
+  r = run_with("pos_vel_mode", std::string("pos_vel_mode:\n  max_acc_limits: ") + kSix +
+                                   "\n  max_dec_limits: " + kSix +
+                                   "\n  kp_apr_limits: [1, 2, 3, .inf, 5, 6]\n");
+  EXPECT_EQ(fatal_line(r), "Invalid POS_VEL_MODE config at " + path() +
+                               ": pos_vel_mode.kp_apr_limits must be finite (joint 4: inf)");
 }
 
 TEST_F(ControllerConfig, JointTrajectoryScalars) {
@@ -309,6 +314,22 @@ TEST_F(ControllerConfig, JointTrajectoryScalars) {
           {"factor negative", head + "  set_joint_speed_factor: -0.01\n", factor},
           {"factor NaN", head + "  set_joint_speed_factor: .nan\n", factor},
           {"factor infinite", head + "  set_joint_speed_factor: .inf\n", factor},
+          {"speed limit NaN",
+           std::string("joint_trajectory:\n  max_vel_limits: [1, .nan, 3, 4, 5, 6]\n"
+                       "  max_acc_limits: ") +
+               kSix + "\n  max_jerk_limits: " + kSix + "\n",
+           ::testing::Eq(invalid + "joint_trajectory.max_vel_limits must be finite and > 0 (joint "
+                                   "2: nan)")},
+          {"acceleration limit zero",
+           std::string("joint_trajectory:\n  max_vel_limits: ") + kSix +
+               "\n  max_acc_limits: [1, 2, 3, 4, 5, 0]\n  max_jerk_limits: " + kSix + "\n",
+           ::testing::Eq(invalid + "joint_trajectory.max_acc_limits must be finite and > 0 (joint "
+                                   "6: 0)")},
+          {"jerk limit infinite",
+           std::string("joint_trajectory:\n  max_vel_limits: ") + kSix +
+               "\n  max_acc_limits: " + kSix + "\n  max_jerk_limits: [-.inf, 2, 3, 4, 5, 6]\n",
+           ::testing::Eq(invalid + "joint_trajectory.max_jerk_limits must be finite and > 0 (joint "
+                                   "1: -inf)")},
           {"waypoint velocity not a boolean", head + "  continuous_waypoint_velocity: sometimes\n",
            ::testing::StartsWith("Invalid boolean config field "
                                  "'continuous_waypoint_velocity': expected true/false. "

@@ -71,18 +71,35 @@ void parse_optional_array(JointArray& out, const YAML::Node& section, const char
   }
 }
 
+// Every entry of a joint array must pass `ok`; the first that does not is named with its joint.
+template <typename Ok>
+void check_each(const JointArray& values, Ok ok, const std::string& invalid, const std::string& key,
+                const char* rule) {
+  for (size_t j = 0; j < values.size(); ++j) {
+    if (!ok(values[j])) {
+      std::ostringstream line;
+      line << invalid << key << " must be " << rule << " (joint " << j + 1 << ": " << values[j]
+           << ")";
+      throw std::runtime_error(line.str());
+    }
+  }
+}
+
+bool finite(double v) {
+  return std::isfinite(v);
+}
+
+bool finite_positive(double v) {
+  return std::isfinite(v) && v > 0.0;
+}
+
 // MIT gains and feed-forward limits: a non-finite entry would spoil every command of its joint,
 // and a negative limit turns the symmetric feed-forward clip inside out.
 void check_finite_non_negative(const JointArray& values, const std::string& key,
                                const std::string& path) {
-  for (size_t j = 0; j < values.size(); ++j) {
-    if (!(std::isfinite(values[j]) && values[j] >= 0.0)) {
-      std::ostringstream line;
-      line << "Invalid MIT_MODE config at " << path << ": " << key
-           << " must be finite and >= 0 (joint " << j + 1 << ": " << values[j] << ")";
-      throw std::runtime_error(line.str());
-    }
-  }
+  check_each(
+      values, [](double v) { return std::isfinite(v) && v >= 0.0; },
+      "Invalid MIT_MODE config at " + path + ": ", key, "finite and >= 0");
 }
 
 // A whole number in [low, high], read as a number so that 80.5 or .nan get the section's own
@@ -152,6 +169,11 @@ PosVelModeConfig read_pos_vel_mode_config(const YAML::Node& root, const std::str
   parse_joint_array(c.max_acc_limits, s["max_acc_limits"], "pos_vel_mode.max_acc_limits", path);
   parse_joint_array(c.max_dec_limits, s["max_dec_limits"], "pos_vel_mode.max_dec_limits", path);
   parse_joint_array(c.kp_apr_limits, s["kp_apr_limits"], "pos_vel_mode.kp_apr_limits", path);
+  // Written to the motors' registers as they stand.
+  const std::string invalid = "Invalid POS_VEL_MODE config at " + path + ": ";
+  check_each(c.max_acc_limits, finite, invalid, "pos_vel_mode.max_acc_limits", "finite");
+  check_each(c.max_dec_limits, finite, invalid, "pos_vel_mode.max_dec_limits", "finite");
+  check_each(c.kp_apr_limits, finite, invalid, "pos_vel_mode.kp_apr_limits", "finite");
   return c;
 }
 
@@ -214,6 +236,13 @@ JointTrajectoryConfig read_joint_trajectory_config(const YAML::Node& root,
       read_bool_or(s, "continuous_waypoint_velocity", c.continuous_waypoint_velocity);
   c.smooth_takeover = read_bool_or(s, "smooth_takeover", c.smooth_takeover);
   const std::string invalid = "Invalid joint trajectory config at " + path + ": ";
+  // The planner divides by these, and the run-time checks scale them.
+  check_each(c.max_vel_limits, finite_positive, invalid, "joint_trajectory.max_vel_limits",
+             "finite and > 0");
+  check_each(c.max_acc_limits, finite_positive, invalid, "joint_trajectory.max_acc_limits",
+             "finite and > 0");
+  check_each(c.max_jerk_limits, finite_positive, invalid, "joint_trajectory.max_jerk_limits",
+             "finite and > 0");
   if (!(c.default_speed_percent > 0.0 && c.default_speed_percent <= 1.0)) {
     throw std::runtime_error(invalid + "default_speed_percent must be in (0, 1]");
   }
