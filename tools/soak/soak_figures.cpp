@@ -140,13 +140,23 @@ GrowthVerdict judge_growth(const std::vector<IntervalFigures>& intervals, double
   v.judged = true;
   const ProcessFigures& base = intervals[limits.warm_up_intervals - 1].process;
   const ProcessFigures& last = intervals.back().process;
-  v.rss_growth_mb = last.rss_mb - base.rss_mb;
+  // Resident memory is judged by its floor over the last three reports: a leak raises every one
+  // of them, while a long motion planned just before a report (a 600 s timeline holds 35 MB until
+  // it has run) raises only that one.
+  const size_t from = limits.warm_up_intervals - 1;
+  const auto floor_at = [&](size_t i) {
+    double low = intervals[i].process.rss_mb;
+    for (size_t k = i; k > from && k + 2 > i; --k) {
+      low = std::min(low, intervals[k - 1].process.rss_mb);
+    }
+    return low;
+  };
+  v.rss_growth_mb = floor_at(intervals.size() - 1) - base.rss_mb;
   v.fd_growth = last.fds - base.fds;
   v.thread_growth = last.threads - base.threads;
 
   // The slope over the later half of the intervals from the baseline on: the allocator's own
   // warm-up (arenas, its adaptive mmap threshold) creeps up early in a run, a leak keeps rising.
-  const size_t from = limits.warm_up_intervals - 1;
   const size_t samples = intervals.size() - from;
   const size_t later = (samples + 1) / 2;
   double span_min = 0.0;
@@ -155,7 +165,7 @@ GrowthVerdict judge_growth(const std::vector<IntervalFigures>& intervals, double
     std::vector<double> rss;
     for (size_t i = intervals.size() - later; i < intervals.size(); ++i) {
       minutes.push_back(static_cast<double>(intervals[i].index) * interval_sec / 60.0);
-      rss.push_back(intervals[i].process.rss_mb);
+      rss.push_back(floor_at(i));
     }
     v.rss_slope_mb_per_min = slope(minutes, rss);
     v.slope_judged = true;
