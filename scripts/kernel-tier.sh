@@ -172,18 +172,28 @@ for mode in classic fd; do
   background+=($!)
   for _ in $(seq 200); do [ -S "$KESTREL_SIMBUS_DIR/vcan0" ] && break; sleep 0.05; done
   for command in status move; do
-    "${simbus_run[@]}" candump -L vcan0 >"$host/$command-$mode.log" &
-    dump=$!
-    sleep 0.3
-    if [ "$command" = status ]; then
-      "${simbus_run[@]}" "$tools/cli/kestrel" status --interface vcan0 "${fd[@]}" \
-        >"$host/$command-$mode.out" 2>&1 || true
-    else
-      "${simbus_run[@]}" "$tools/cli/kestrel" move --interface vcan0 "${fd[@]}" \
-        --joints 0,0.1,-0.1,0,0,0 --time 1 >"$host/$command-$mode.out" 2>&1 || true
-    fi
-    sleep 0.3
-    stop "$dump"
+    # A move that did not end cleanly (a machine stall long enough for the motors' own time-out
+    # ends in an emergency stop and its extra frames) is made once more, with a fresh log.
+    for attempt in 1 2; do
+      "${simbus_run[@]}" candump -L vcan0 >"$host/$command-$mode.log" &
+      dump=$!
+      sleep 0.3
+      if [ "$command" = status ]; then
+        "${simbus_run[@]}" "$tools/cli/kestrel" status --interface vcan0 "${fd[@]}" \
+          >"$host/$command-$mode.out" 2>&1 || true
+      else
+        "${simbus_run[@]}" "$tools/cli/kestrel" move --interface vcan0 "${fd[@]}" \
+          --joints 0,0.1,-0.1,0,0,0 --time 1 >"$host/$command-$mode.out" 2>&1 || true
+      fi
+      sleep 0.3
+      stop "$dump"
+      if [ "$command" = status ] || { grep -q "moved in" "$host/$command-$mode.out" &&
+        ! grep -q "emergency_stop_flag=1" "$host/$command-$mode.out"; }; then
+        break
+      fi
+      note "the userspace-bus $command ($mode) did not end cleanly; made once more"
+      cp "$host/$command-$mode.out" "$host/$command-$mode.attempt$attempt.out"
+    done
   done
   stop_background
 done

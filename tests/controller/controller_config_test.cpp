@@ -197,7 +197,7 @@ TEST_F(ControllerConfig, OptionalSectionsFallBackToValidatedDefaults) {
   EXPECT_THAT(r.out, ::testing::HasSubstr("watchdog 1 5 100 0.015 0.035 500\n"));
   EXPECT_THAT(r.out, ::testing::HasSubstr("gripper 8 0.1\n"));
   EXPECT_THAT(r.out, ::testing::HasSubstr("realtime 0 80 70 1 -1\n"));
-  EXPECT_THAT(r.out, ::testing::HasSubstr("motor_supervision 1 30\n"));
+  EXPECT_THAT(r.out, ::testing::HasSubstr("motor_supervision 1 50\n"));
 }
 
 TEST_F(ControllerConfig, GravityFeedForwardHoldsTheArmWhereTheGainsAloneCannot) {
@@ -369,7 +369,7 @@ TEST_F(ControllerConfig, MotorSupervisionSection) {
     std::string keys;
     std::string printed;
   } accepted[] = {
-      {"  enabled: false\n", "motor_supervision 0 30\n"},
+      {"  enabled: false\n", "motor_supervision 0 50\n"},
       {"  silent_timeout_ms: 10\n", "motor_supervision 1 10\n"},
       {"  silent_timeout_ms: 1000\n", "motor_supervision 1 1000\n"},
   };

@@ -80,7 +80,7 @@ struct GripperWatchdogConfig {
 // naming the joint and its fault; the gripper's motor is reported and the arm goes on.
 struct MotorSupervisionConfig {
   bool enabled = true;
-  double silent_timeout_ms = 30.0;  // no feedback this long (and three asks in a row): silent
+  double silent_timeout_ms = 50.0;  // no feedback this long (and three asks in a row): silent
 };
 
 struct GripperControlConfig {
