@@ -142,7 +142,8 @@ TEST_F(LoopTest, AMotorFallingSilentMidMotionStopsTheArmNamingIt) {
   EXPECT_THAT(err, ::testing::ContainsRegex("\\[control_loop\\] motor silent stop: joint=4 no "
                                             "feedback for 5[0-9]\\.[0-9] ms\n\\[control_loop\\] "
                                             "emergency_stop_flag=1, calling disable_all\\(\\)\n"));
-  EXPECT_THAT(err, ::testing::Not(::testing::HasSubstr("runtime joint")));
+  // The stop comes from the silence, not from the fall (a slow machine may still warn).
+  EXPECT_THAT(err, ::testing::Not(::testing::ContainsRegex("runtime joint [a-z]+ stop")));
 }
 
 TEST_F(LoopTest, WaypointPlaybackKeepsTheUrdfLimits) {
