@@ -1,21 +1,18 @@
 #include "campaign/campaign_runner.hpp"
 
-#include <sys/resource.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <fstream>
 #include <iomanip>
-#include <kdl/frames.hpp>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <thread>
 
 #include "campaign/call_checker.hpp"
+#include "campaign/user_thread.hpp"
 #include "controller/controller_fixture.hpp"
 #include "kestrel/arm/gripper_component.hpp"
 #include "kestrel_sim/dm_protocol.hpp"
@@ -34,7 +31,6 @@ constexpr double kSettleSec = 0.3;  // after the last call: the arm comes to res
 // A call still running this long after its bound is taken to never return.
 constexpr double kHangAfterBoundSec = 30.0;
 constexpr double kFramesPerSecond = 7 * 400.0;
-constexpr int kUserThreadNice = 10;
 
 double seconds(Clock::duration d) {
   return std::chrono::duration<double>(d).count();
@@ -72,21 +68,6 @@ ArmLimits limits_of(Access::Impl& impl) {
   l.gripper_angle_low = std::min(closed, open);
   l.gripper_angle_high = std::max(closed, open);
   return l;
-}
-
-std::vector<double> pose_with_rpy(const std::vector<double>& xyz_quaternion) {
-  double roll = 0.0, pitch = 0.0, yaw = 0.0;
-  KDL::Rotation::Quaternion(xyz_quaternion[3], xyz_quaternion[4], xyz_quaternion[5],
-                            xyz_quaternion[6])
-      .GetRPY(roll, pitch, yaw);
-  return {xyz_quaternion[0], xyz_quaternion[1], xyz_quaternion[2], roll, pitch, yaw};
-}
-
-// The calls plan on the caller's thread, for up to seconds: below the control loop and the
-// simulated motors, as a program with a real-time control thread has them, so that they do not
-// delay the frames whose timing the checker reads.
-void lower_priority() {
-  ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), kUserThreadNice);
 }
 
 // Everything the user threads share. Held by shared pointers: threads left behind by an
@@ -207,7 +188,7 @@ struct Session {
   }
 
   void motions() {
-    lower_priority();
+    lower_this_thread_priority();
     MotionGenerator generator(options.seed, options.profile, planner_limits, view());
     // An emergency stop ends the controller: nothing after it would tell anything new.
     if (smooth) {
@@ -249,7 +230,7 @@ struct Session {
   }
 
   void interruptions() {
-    lower_priority();
+    lower_this_thread_priority();
     InterruptionGenerator generator(options.seed, options.profile, planner_limits, view());
     for (;;) {
       wait(generator.pause(), [&] { return motions_done; });

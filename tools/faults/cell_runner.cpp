@@ -10,13 +10,13 @@
 #include <cmath>
 #include <fstream>
 #include <iostream>
-#include <kdl/frames.hpp>
 #include <memory>
 #include <mutex>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
 
+#include "campaign/user_thread.hpp"
 #include "command_sniffer.hpp"
 #include "kestrel/controller/controller_config.hpp"
 #include "kestrel/controller/interfaces.hpp"
@@ -188,10 +188,7 @@ class ActivityRun {
 
   // A straight 5 cm line sideways and back at the start posture's orientation.
   void move_line() {
-    const auto pose = arm_.get_end_effector_pose();
-    double roll = 0.0, pitch = 0.0, yaw = 0.0;
-    KDL::Rotation::Quaternion(pose[3], pose[4], pose[5], pose[6]).GetRPY(roll, pitch, yaw);
-    const std::vector<double> home = {pose[0], pose[1], pose[2], roll, pitch, yaw};
+    const std::vector<double> home = campaign::pose_with_rpy(arm_.get_end_effector_pose());
     std::vector<double> out = home;
     out[1] += 0.05;
     arm_.move_l({out, home}, kMotionSeconds);

@@ -1,5 +1,7 @@
 #include "fault_cells.hpp"
 
+#include "kestrel/damiao_motor/dm_motor_device.hpp"
+
 #include <algorithm>
 #include <map>
 #include <sstream>
@@ -7,27 +9,6 @@
 namespace kestrel::faults {
 
 namespace {
-
-const char* status_name(int code) {
-  switch (code) {
-    case 8:
-      return "Over-voltage";
-    case 9:
-      return "Under-voltage";
-    case 10:
-      return "Over-current";
-    case 11:
-      return "MOS over-temperature";
-    case 12:
-      return "Coil over-temperature";
-    case 13:
-      return "Communication lost";
-    case 14:
-      return "Overload";
-    default:
-      return "?";
-  }
-}
 
 bool contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
@@ -142,8 +123,8 @@ std::string describe(const Fault& f) {
       out << "gripper motor silent";
       break;
     case FaultKind::kStatus:
-      out << "joint " << kFaultJoint << " motor status " << f.value << " (" << status_name(f.value)
-          << ")";
+      out << "joint " << kFaultJoint << " motor status " << f.value << " ("
+          << damiao_motor::dm_status_text(f.value) << ")";
       break;
     case FaultKind::kTorqueOver:
       out << kTorqueOverNm << " N·m external torque on joint " << kPushedJoint;

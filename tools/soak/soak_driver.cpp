@@ -7,7 +7,6 @@
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
-#include <kdl/frames.hpp>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -15,6 +14,7 @@
 #include <vector>
 
 #include "campaign/call_checker.hpp"
+#include "campaign/user_thread.hpp"
 
 namespace kestrel::soak {
 
@@ -23,13 +23,14 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using campaign::Call;
 using campaign::Expectation;
+using campaign::lower_this_thread_priority;
 using campaign::MotionSpace;
+using campaign::pose_with_rpy;
 using campaign::Posture;
 using namespace std::chrono_literals;
 
 // A call still running this long after its bound is taken to never return.
 constexpr double kHangAfterBoundSec = 30.0;
-constexpr int kUserThreadNice = 10;
 
 double seconds_since(Clock::time_point t) {
   return std::chrono::duration<double>(Clock::now() - t).count();
@@ -37,20 +38,6 @@ double seconds_since(Clock::time_point t) {
 
 bool starts_with(const std::string& s, const char* prefix) {
   return s.rfind(prefix, 0) == 0;
-}
-
-std::vector<double> pose_with_rpy(const std::vector<double>& xyz_quaternion) {
-  double roll = 0.0, pitch = 0.0, yaw = 0.0;
-  KDL::Rotation::Quaternion(xyz_quaternion[3], xyz_quaternion[4], xyz_quaternion[5],
-                            xyz_quaternion[6])
-      .GetRPY(roll, pitch, yaw);
-  return {xyz_quaternion[0], xyz_quaternion[1], xyz_quaternion[2], roll, pitch, yaw};
-}
-
-// The user threads plan on their own time, below the control loop, as a program with a real-time
-// control thread has them: planning must not delay the cycles whose timing is reported.
-void lower_priority() {
-  ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), kUserThreadNice);
 }
 
 }  // namespace
@@ -155,7 +142,7 @@ struct SoakDriver::Session {
   }
 
   void motions() {
-    lower_priority();
+    lower_this_thread_priority();
     campaign::MotionGenerator generator(seed, campaign::Profile::kFull, limits, view());
     while (!quitting() && live()) {
       wait_for_standstill();
@@ -187,7 +174,7 @@ struct SoakDriver::Session {
   }
 
   void interruptions() {
-    lower_priority();
+    lower_this_thread_priority();
     campaign::InterruptionGenerator generator(seed, campaign::Profile::kFull, limits, view());
     for (;;) {
       wait(generator.pause(), [] { return false; });
