@@ -110,7 +110,7 @@ TEST(IkSolverConfig, RejectsBadValuesWithTheirOwnText) {
     return error_of([&] { read_ik_solver_config(dir.write("a.yaml", "ik_solver: " + section)); });
   };
   EXPECT_EQ(error_for("{mode: KDL}"),
-            "ik_solver.mode must be 'fast', 'kdl', or 'kdl_with_approx_fallback'");
+            "ik_solver.mode must be 'fast', 'kdl', 'kdl_with_approx_fallback', or 'analytic'");
   for (const char* bad :
        {"{position_tolerance_m: 0}", "{orientation_tolerance_rad: -1}", "{max_fast_iterations: -1}",
         "{max_residual_search_iterations: -1}", "{damping: -0.1}", "{max_joint_step_rad: 0}",

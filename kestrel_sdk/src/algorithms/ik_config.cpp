@@ -2,6 +2,7 @@
 
 #include <yaml-cpp/yaml.h>
 
+#include <cmath>
 #include <stdexcept>
 
 #include "kestrel/algorithms/config_paths.hpp"
@@ -20,8 +21,10 @@ void read_if_present(const YAML::Node& section, const char* key, T& out) {
 }
 
 void validate(const IkSolverConfig& c) {
-  if (c.mode != "fast" && c.mode != "kdl" && c.mode != "kdl_with_approx_fallback") {
-    throw std::runtime_error("ik_solver.mode must be 'fast', 'kdl', or 'kdl_with_approx_fallback'");
+  if (c.mode != "fast" && c.mode != "kdl" && c.mode != "kdl_with_approx_fallback" &&
+      c.mode != "analytic") {
+    throw std::runtime_error(
+        "ik_solver.mode must be 'fast', 'kdl', 'kdl_with_approx_fallback', or 'analytic'");
   }
   // The accepted ranges are what is tested, so that a NaN (".nan" in YAML) is refused too.
   if (!(c.position_tolerance_m > 0.0 && c.orientation_tolerance_rad > 0.0 &&
@@ -32,6 +35,14 @@ void validate(const IkSolverConfig& c) {
   for (const double v : c.max_joint_velocity_rad_s) {
     if (!(v > 0.0)) {
       throw std::runtime_error("ik_solver joint velocity limits must be positive");
+    }
+  }
+  if (!(c.global_search_time_ms > 0.0) || !std::isfinite(c.global_search_time_ms)) {
+    throw std::runtime_error("ik_solver.global_search_time_ms must be positive");
+  }
+  for (const double w : c.nearest_joint_weights) {
+    if (!(w > 0.0) || !std::isfinite(w)) {
+      throw std::runtime_error("ik_solver.nearest_joint_weights must be positive");
     }
   }
 }
@@ -56,6 +67,11 @@ IkSolverConfig read_ik_solver_config(const std::string& config_path) {
     read_if_present(section, "max_joint_step_rad", config.max_joint_step_rad);
     read_if_present(section, "max_joint_delta_time_sec", config.max_joint_delta_time_sec);
     read_if_present(section, "allow_kdl_fallback", config.allow_kdl_fallback);
+    read_if_present(section, "global_search_time_ms", config.global_search_time_ms);
+    if (section["nearest_joint_weights"].IsDefined()) {
+      config.nearest_joint_weights =
+          read_double_sequence(section["nearest_joint_weights"], "ik_solver.nearest_joint_weights");
+    }
 
     // The planner's speed limits double as the IK plausibility limits unless the IK section
     // names its own.

@@ -3,6 +3,7 @@
 // resort, chosen by ik_solver.mode) and the older screw-axis solver inverse_kinematics_jacobian.
 #include <Eigen/Cholesky>
 #include <Eigen/Geometry>
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cmath>
@@ -77,6 +78,10 @@ std::array<double, 6> pose_error_vector(const std::vector<double>& fk,
     e[3 + i] = rotation[i];
   }
   return e;
+}
+
+bool is_finite(double v) {
+  return std::isfinite(v);
 }
 
 std::string format_double_vector(const std::vector<double>& v) {
@@ -374,7 +379,8 @@ class RobotKinematics::IkSearch {
   }
 
   bool approximate(std::vector<double>& out) {
-    if (cfg_.mode != "kdl_with_approx_fallback" || !fast_residual(out)) {
+    const bool allowed = cfg_.mode == "kdl_with_approx_fallback" || cfg_.mode == "analytic";
+    if (!allowed || !fast_residual(out)) {
       return false;
     }
     mark_fallback();
@@ -422,6 +428,15 @@ bool RobotKinematics::solve_ik_kdl(const std::vector<double>& target_pos,
   }
   const ka::IkSolverConfig& cfg = ka::ik_solver_config();
   IkSearch search(*this, target_pos, target_euler, seed, cfg, fallback_used);
+
+  // Every solution of the pose, the one nearest the seed taken: any seed finds the pose, and a
+  // seed on the arm's branch keeps it there. The strategies below stay as the safety net.
+  if (cfg.mode == "analytic" && std::all_of(target_pos.begin(), target_pos.end(), is_finite) &&
+      std::all_of(target_euler.begin(), target_euler.end(), is_finite) &&
+      std::all_of(seed.begin(), seed.end(), is_finite) &&
+      solve_ik_nearest(target_pos, target_euler, seed, out)) {
+    return true;
+  }
 
   if (cfg.mode == "fast") {
     if (search.fast_residual(out)) {

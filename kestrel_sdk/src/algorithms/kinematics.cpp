@@ -331,6 +331,25 @@ void RobotKinematics::build(const std::string& config_path, const std::string* u
   mass_scratch_.resize(n);
 
   build_screw_axes();
+
+  // The same chain for the lock-free IK queries: each axis as a direction and a point on it,
+  // and the tool centre point at the zero posture.
+  std::vector<kestrel::algorithms::ScrewChain::Axis> axes;
+  for (std::size_t i = 0; i < joints_.size(); ++i) {
+    const Eigen::Matrix<double, 6, 1> screw = screw_axes_.col(static_cast<Eigen::Index>(i));
+    kestrel::algorithms::ScrewChain::Axis axis;
+    axis.prismatic = joints_[i].prismatic;
+    axis.direction =
+        axis.prismatic ? Eigen::Vector3d(screw.tail<3>()) : Eigen::Vector3d(screw.head<3>());
+    // v = -w x p, so w x v is the point of the axis nearest the origin.
+    axis.point = axis.prismatic ? Eigen::Vector3d::Zero()
+                                : Eigen::Vector3d(screw.head<3>().cross(screw.tail<3>()));
+    axes.push_back(axis);
+  }
+  tcp_chain_ =
+      kestrel::algorithms::ScrewChain(std::move(axes), Eigen::Isometry3d(home_ * flange_to_tcp_));
+  limits_ = {lower_, upper_, has_limits_};
+  closed_form_ = kestrel::algorithms::ClosedFormIk(tcp_chain_);
 }
 
 void RobotKinematics::build_screw_axes() {

@@ -23,6 +23,9 @@
 #include <string>
 #include <vector>
 
+#include "kestrel/algorithms/closed_form_ik.hpp"
+#include "kestrel/algorithms/ik_solution_set.hpp"
+#include "kestrel/algorithms/screw_chain.hpp"
 #include "kestrel/algorithms/urdf_reader.hpp"
 
 // Homogeneous transform with rotation RPY(roll, pitch, yaw) (fixed X, then Y, then Z, as
@@ -94,6 +97,39 @@ class RobotKinematics {
                                                              double threshold_rot,
                                                              int max_iterations, double damping);
 
+  // --- Every solution of a pose, and the one nearest a seed (ik_solutions.cpp) ---------------
+  // No lock, no KDL: callable from any thread beside the KDL-based members. Answers lie inside
+  // the joint limits, each joint that allows more than one turn at the turn nearest the seed,
+  // and put the tool centre point within 1e-6 m and 1e-6 rad of the target.
+  enum class IkMethod {
+    automatic,      // the closed form where the arm has one, else the global search
+    closed_form,    // only the closed form; std::runtime_error on an arm without one
+    global_search,  // only the global search (also a check of the closed form)
+  };
+  // Whether the arm's geometry has a closed-form IK (a spherical wrist, axes 2 and 3 parallel,
+  // axis 1 not parallel to them); if not, closed_form_ik_status() says what is missing.
+  bool has_closed_form_ik() const { return closed_form_.available(); }
+  const std::string& closed_form_ik_status() const { return closed_form_.reason(); }
+  // Every solution found, nearest the seed first. The closed form gives all of them (a singular
+  // pose's continuum by its member nearest the seed); the global search runs restarts for up to
+  // ik_solver.global_search_time_ms. `seed` (num_joints() values) may be empty: the middle of
+  // the joint ranges then stands for it. Empty when the pose is out of reach.
+  std::vector<std::vector<double>> solve_ik_all(const std::vector<double>& target_pos,
+                                                const std::vector<double>& target_euler,
+                                                const std::vector<double>& seed = {},
+                                                IkMethod method = IkMethod::automatic) const;
+  // The solution nearest `seed` by weighted joint distance (sum of weight x squared difference;
+  // `weights` empty: ik_solver.nearest_joint_weights, or 1 for every joint). False, and `out`
+  // untouched, when there is none.
+  bool solve_ik_nearest(const std::vector<double>& target_pos,
+                        const std::vector<double>& target_euler, const std::vector<double>& seed,
+                        std::vector<double>& out, const std::vector<double>& weights = {},
+                        IkMethod method = IkMethod::automatic) const;
+  // The base-frame screw model of the chain up to the tool centre point, and the joint limits,
+  // that the two above work on.
+  const kestrel::algorithms::ScrewChain& tcp_screw_chain() const { return tcp_chain_; }
+  const kestrel::algorithms::JointLimits& joint_limits() const { return limits_; }
+
   // --- Pure helpers ---------------------------------------------------------------------------
   // Frame of the last movable joint (the flange) by the product of exponentials. Compose with
   // flange_to_tcp() for the tool centre point that forwardKinematics_kdl reports.
@@ -132,6 +168,14 @@ class RobotKinematics {
   class IkSearch;  // one inverse-kinematics call's search state (ik_solver.cpp)
 
   void build(const std::string& config_path, const std::string* urdf_path);
+  // One query of solve_ik_all / solve_ik_nearest; the set holds what it found.
+  void collect_ik_solutions(IkMethod method, bool nearest_only,
+                            kestrel::algorithms::IkSolutionSet& set) const;
+  kestrel::algorithms::IkSolutionSet ik_solution_set(const char* caller,
+                                                     const std::vector<double>& target_pos,
+                                                     const std::vector<double>& target_euler,
+                                                     const std::vector<double>& seed,
+                                                     const std::vector<double>& weights) const;
   void check_size(const std::vector<double>& v, const char* message) const;
 
   std::vector<joint_t> joints_;
@@ -143,6 +187,10 @@ class RobotKinematics {
   std::vector<double> upper_;
   std::vector<bool> has_limits_;
   int32_t num_joints_ = 0;
+
+  kestrel::algorithms::ScrewChain tcp_chain_;
+  kestrel::algorithms::JointLimits limits_;
+  kestrel::algorithms::ClosedFormIk closed_form_;
 
   std::vector<kestrel::algorithms::UrdfJoint> urdf_joints_;
   KDL::Chain chain_;

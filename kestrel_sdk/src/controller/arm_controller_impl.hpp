@@ -106,6 +106,8 @@ class ArmController::Impl {
 
   // Published-state readers: copy under the state's mutex when its valid flag is set.
   bool try_get_latest_joint_state(JointArray& out);
+  // The latest joints, or the zero posture before any feedback (the seed of an IK query).
+  std::vector<double> current_joints_or_zero();
   bool try_get_latest_joint_velocity_state(JointArray& out);
   bool try_get_latest_gripper_state(double& out);
   bool try_get_latest_gripper_distance_state(double& out);

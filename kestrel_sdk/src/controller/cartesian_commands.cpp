@@ -109,10 +109,11 @@ void ArmController::set_end_effector_pose_raw(const std::vector<double>& pos,
   i.write_joint_raw_command(q, v);
 }
 
-std::pair<std::vector<double>, bool> ArmController::solve_ik(const std::vector<double>& pos,
-                                                             const std::vector<double>& euler,
-                                                             const std::vector<double>& q_seed) {
-  const CallScope scope(*this);
+namespace {
+
+// The arguments of an IK query, checked before anything is read.
+void check_ik_query(const std::vector<double>& pos, const std::vector<double>& euler,
+                    const std::vector<double>& q_seed) {
   if (pos.size() != 3 || euler.size() != 3) {
     throw std::invalid_argument("target_pos and target_euler must both have exactly 3 elements.");
   }
@@ -122,16 +123,34 @@ std::pair<std::vector<double>, bool> ArmController::solve_ik(const std::vector<d
   require_finite(pos, "target_pos");
   require_finite(euler, "target_euler");
   require_finite(q_seed, "q_seed");
+}
+
+}  // namespace
+
+std::pair<std::vector<double>, bool> ArmController::solve_ik(const std::vector<double>& pos,
+                                                             const std::vector<double>& euler,
+                                                             const std::vector<double>& q_seed) {
+  const CallScope scope(*this);
+  check_ik_query(pos, euler, q_seed);
   auto& i = impl();
-  std::vector<double> seed = q_seed;
-  if (seed.empty()) {
-    Impl::JointArray current{};
-    i.try_get_latest_joint_state(current);  // the zero posture before any feedback
-    seed.assign(current.begin(), current.end());
-  }
+  const std::vector<double> seed = q_seed.empty() ? i.current_joints_or_zero() : q_seed;
   std::vector<double> solution;
   const bool ok = i.kinematics->solve_ik_kdl(pos, euler, seed, solution);
   if (!ok || solution.size() != 6) {
+    return {{}, false};
+  }
+  return {solution, true};
+}
+
+std::pair<std::vector<double>, bool> ArmController::solve_ik_nearest(
+    const std::vector<double>& pos, const std::vector<double>& euler,
+    const std::vector<double>& q_seed) {
+  const CallScope scope(*this);
+  check_ik_query(pos, euler, q_seed);
+  auto& i = impl();
+  const std::vector<double> seed = q_seed.empty() ? i.current_joints_or_zero() : q_seed;
+  std::vector<double> solution;
+  if (!i.kinematics->solve_ik_nearest(pos, euler, seed, solution)) {
     return {{}, false};
   }
   return {solution, true};

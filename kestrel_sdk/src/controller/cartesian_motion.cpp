@@ -346,8 +346,11 @@ std::vector<ArmController::Impl::Sample> ArmController::Impl::plan_cartesian_lin
           double r, p, y;
           target.M.GetRPY(r, p, y);
           const std::vector<double> seed(previous.data.data(), previous.data.data() + kJoints);
-          if (kinematics->solve_ik_kdl({target.p.x(), target.p.y(), target.p.z()}, {r, p, y}, seed,
-                                       answer) &&
+          const std::vector<double> position = {target.p.x(), target.p.y(), target.p.z()};
+          // The seeded solve keeps the branch; where it finds nothing (near a singularity), the
+          // solution nearest the previous sample does, and the jump check below judges it.
+          if ((kinematics->solve_ik_kdl(position, {r, p, y}, seed, answer) ||
+               kinematics->solve_ik_nearest(position, {r, p, y}, seed, answer)) &&
               answer.size() == kJoints) {
             for (int j = 0; j < kJoints; ++j) {
               joints(j) = answer[j];
@@ -612,12 +615,18 @@ double ArmController::Impl::publish_cartesian_waypoint_trajectory_command(
     for (size_t k = 0; k < poses.size(); ++k) {
       const auto& pose = poses[k];
       std::vector<double> answer;
-      if (!kinematics->solve_ik_kdl({pose[0], pose[1], pose[2]}, {pose[3], pose[4], pose[5]}, seed,
-                                    answer) ||
-          answer.size() != kJoints) {
-        std::ostringstream msg;
-        msg << prefix << "no IK answer for pose " << k << " " << format_pose(pose_frame(pose));
-        throw std::runtime_error(msg.str());
+      const std::vector<double> position = {pose[0], pose[1], pose[2]};
+      const std::vector<double> euler = {pose[3], pose[4], pose[5]};
+      if (!kinematics->solve_ik_kdl(position, euler, seed, answer)) {
+        // A pose far from the posture before it: every solution, the nearest taken.
+        if (!kinematics->solve_ik_nearest(position, euler, seed, answer)) {
+          std::ostringstream msg;
+          msg << prefix << "no IK answer for pose " << k << " " << format_pose(pose_frame(pose));
+          throw std::runtime_error(msg.str());
+        }
+        std::cerr << prefix << "pose " << k
+                  << ": no answer near the posture before it; took the solution nearest it"
+                  << std::endl;
       }
       const auto reached = kinematics->forwardKinematics_kdl(answer);
       KDL::Frame f(KDL::Rotation::Quaternion(reached[3], reached[4], reached[5], reached[6]),

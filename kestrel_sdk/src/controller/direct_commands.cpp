@@ -202,6 +202,12 @@ bool ArmController::Impl::try_get_latest_joint_state(JointArray& out) {
   return true;
 }
 
+std::vector<double> ArmController::Impl::current_joints_or_zero() {
+  JointArray current{};
+  try_get_latest_joint_state(current);
+  return std::vector<double>(current.begin(), current.end());
+}
+
 bool ArmController::Impl::try_get_latest_joint_velocity_state(JointArray& out) {
   std::lock_guard<std::mutex> lock(state_mutex);
   if (!joint_velocity_valid.load()) {

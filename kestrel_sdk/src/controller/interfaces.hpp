@@ -110,6 +110,13 @@ class ArmController {
   std::pair<std::vector<double>, bool> solve_ik(const std::vector<double>& pos,
                                                 const std::vector<double>& euler,
                                                 const std::vector<double>& q_seed = {});
+  // IK query from any seed: every solution of the pose inside the joint limits (closed form on
+  // arms with a spherical wrist, a global search on others), the one nearest q_seed (or the
+  // current joints) by weighted joint distance returned; second = success. Finds poses far from
+  // the seed that solve_ik, which stays on the seed's branch, may miss.
+  std::pair<std::vector<double>, bool> solve_ik_nearest(const std::vector<double>& pos,
+                                                        const std::vector<double>& euler,
+                                                        const std::vector<double>& q_seed = {});
 
   // ---- Gravity compensation (floating arm, torque only) ----------------------------------------
   void identify_gravity_compensation();
