@@ -8,6 +8,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   liborocos-kdl-dev libyaml-cpp-dev libtinyxml2-dev libeigen3-dev
   python3 python3-matplotlib python3-numpy can-utils
+  python3-dev pybind11-dev python3-pybind11 python3-pytest  # the Python package and its tests
+  nlohmann-json3-dev  # the arm service's protocol
   clang libclang-rt-14-dev  # the fuzz targets: clang's libFuzzer, ASan and UBSan runtimes
 )
 

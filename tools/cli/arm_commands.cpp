@@ -1,7 +1,6 @@
 // status, move, run, gravity and record: the subcommands that talk to the arm.
 #include <unistd.h>
 
-#include <Eigen/Geometry>
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -12,6 +11,7 @@
 #include <thread>
 
 #include "arm_session.hpp"
+#include "arm_state_text.hpp"
 #include "can_interface_probe.hpp"
 #include "commands.hpp"
 #include "cycle_csv.hpp"
@@ -21,6 +21,7 @@
 #include "kestrel/controller/controller_config.hpp"
 #include "kestrel/damiao_motor/dm_motor_device.hpp"
 #include "program_file.hpp"
+#include "service_commands.hpp"
 
 namespace kestrel::cli {
 
@@ -29,26 +30,8 @@ namespace {
 namespace dm = kestrel::damiao_motor;
 constexpr double kPi = 3.14159265358979323846;
 
-std::string euler_text(const std::vector<double>& pose) {
-  // pose: x, y, z, qx, qy, qz, qw; roll, pitch, yaw about fixed X, Y, Z.
-  const Eigen::Matrix3d r =
-      Eigen::Quaterniond(pose[6], pose[3], pose[4], pose[5]).normalized().toRotationMatrix();
-  const double roll = std::atan2(r(2, 1), r(2, 2));
-  const double pitch = std::asin(std::clamp(-r(2, 0), -1.0, 1.0));
-  const double yaw = std::atan2(r(1, 0), r(0, 0));
-  char text[160];
-  std::snprintf(text, sizeof text, "x %.4f  y %.4f  z %.4f m   roll %.3f  pitch %.3f  yaw %.3f rad",
-                pose[0], pose[1], pose[2], roll, pitch, yaw);
-  return text;
-}
-
 void print_arm_state(ArmController& arm) {
-  const auto q = arm.get_joint();
-  std::printf("joints rad:");
-  for (double v : q) {
-    std::printf(" %8.4f", v);
-  }
-  std::printf("\ntool pose:  %s\n", euler_text(arm.get_end_effector_pose()).c_str());
+  print_joints_and_pose(arm.get_joint(), arm.get_end_effector_pose());
 }
 
 // The stop signal turns a waiting motion's "motion stopped" into exit status 130.
@@ -89,6 +72,9 @@ int command_status(const Words& words) {
   Args args({}, {}, {});
   if (parse_arm_command(words, {}, {"--watch"}, kHelp, args)) {
     return 0;
+  }
+  if (const auto service = running_service(args)) {
+    return status_through_service(*service, args.flag("--watch"));
   }
   const auto options = connection_options(args);
   const std::string problem = kestrel::tools::probe_can_interface(options.interface, options.fd);
@@ -198,6 +184,12 @@ int command_move(const Words& words) {
   for (size_t i = args.has("--joints") ? 0 : 3; i < 6; ++i) {
     target[i] *= scale;
   }
+  if (const auto service = running_service(args)) {
+    const char* op = args.has("--joints")    ? "move_joint_waypoints"
+                     : args.flag("--linear") ? "move_l"
+                                             : "move_p";
+    return move_through_service(*service, op, target, time, speed, gripper);
+  }
   return with_arm(args, [&](ArmController& arm, StopSignals& signals) {
     double planned = 0.0;
     if (args.has("--joints")) {
@@ -236,6 +228,9 @@ int command_run(const Words& words) {
                 program.steps.size());
     return 0;
   }
+  if (const auto service = running_service(args)) {
+    return run_through_service(*service, args.positional()[0]);
+  }
   return with_arm(args, [&](ArmController& arm, StopSignals& signals) {
     const double planned = run_program(arm, program, [&] { return signals.requested(); });
     std::printf("program done: %zu steps, %.3f s of planned motion\n", program.steps.size(),
@@ -260,6 +255,9 @@ int command_gravity(const Words& words) {
   const auto options = connection_options(args);
   if (options.mode != MIT_MODE) {
     throw UsageError("gravity compensation needs --mode mit");
+  }
+  if (const auto service = running_service(args)) {
+    return gravity_through_service(*service, seconds);
   }
   return with_arm(args, [&](ArmController& arm, StopSignals& signals) {
     arm.identify_gravity_compensation_kdl();
@@ -302,6 +300,9 @@ int command_record(const Words& words) {
     }
   }
   std::ostream& out = args.has("--output") ? file : std::cout;
+  if (const auto service = running_service(args)) {
+    return record_through_service(*service, out, seconds, args.text("--program", ""));
+  }
   return with_arm(args, [&](ArmController& arm, StopSignals& signals) {
     std::atomic<bool> done{false};
     std::string program_error;

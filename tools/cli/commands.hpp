@@ -18,6 +18,7 @@ int command_run(const Words& words);
 int command_gravity(const Words& words);
 int command_record(const Words& words);
 int command_latency(const Words& words);
+int command_serve(const Words& words);
 
 // Options of a subcommand: its own plus the connection options.
 std::set<std::string> with_connection_valued(std::set<std::string> own);

@@ -26,6 +26,7 @@ constexpr const char* kUsage =
     "  record    write joint states (commanded and measured) to CSV at the control rate\n"
     "  latency   qualify this machine: histogram of the control loop's compute, bus I/O and\n"
     "            wake-up jitter while the arm (by default a simulated one) holds still\n"
+    "  serve     keep the arm held and serve the commands above (and scripts) on a local socket\n"
     "\n"
     "Try it without hardware:\n"
     "  kestrel sim &                     # the simulated arm on simcan0\n"
@@ -35,7 +36,8 @@ constexpr const char* kUsage =
     "Each arm command enables the motors when it starts and disables them when it ends, so\n"
     "between commands the arm is limp (the simulated one falls, as the real one would):\n"
     "support it, or run a whole sequence with kestrel run. Ctrl-C stops the arm where it is\n"
-    "(it holds still), then the motors are disabled.\n";
+    "(it holds still), then the motors are disabled. With kestrel serve running for the\n"
+    "interface, the commands go through it instead and the arm stays held between them.\n";
 
 }  // namespace
 
@@ -65,6 +67,8 @@ int main(int argc, char** argv) {
       return command_record(words);
     if (command == "latency")
       return command_latency(words);
+    if (command == "serve")
+      return command_serve(words);
     std::fprintf(stderr, "kestrel: unknown command \"%s\" (kestrel --help lists them)\n",
                  command.c_str());
     return 2;
