@@ -91,7 +91,8 @@ TEST(IkSolverConfig, ReadsEveryKeyAndItsOwnSpeedsWin) {
                               "  orientation_tolerance_rad: 0.1\n  max_fast_iterations: 0\n"
                               "  max_residual_search_iterations: 0\n  damping: 0\n"
                               "  max_joint_step_rad: 0.5\n  max_joint_delta_time_sec: 0\n"
-                              "  allow_kdl_fallback: false\n  max_joint_velocity_rad_s: [9, 9]\n"));
+                              "  allow_kdl_fallback: false\n  max_joint_velocity_rad_s: [9, 9]\n"
+                              "  global_search_time_ms: 2.5\n  nearest_joint_weights: [1, 2]\n"));
   EXPECT_EQ(c.mode, "fast");
   EXPECT_EQ(c.position_tolerance_m, 0.01);
   EXPECT_EQ(c.orientation_tolerance_rad, 0.1);
@@ -102,6 +103,10 @@ TEST(IkSolverConfig, ReadsEveryKeyAndItsOwnSpeedsWin) {
   EXPECT_EQ(c.max_joint_delta_time_sec, 0.0);
   EXPECT_FALSE(c.allow_kdl_fallback);
   EXPECT_EQ(c.max_joint_velocity_rad_s, (std::vector<double>{9, 9}));
+  EXPECT_EQ(c.global_search_time_ms, 2.5);
+  EXPECT_EQ(c.nearest_joint_weights, (std::vector<double>{1, 2}));
+  EXPECT_EQ(read_ik_solver_config(dir.write("b.yaml", "ik_solver: {mode: analytic}")).mode,
+            "analytic");
 }
 
 TEST(IkSolverConfig, RejectsBadValuesWithTheirOwnText) {
@@ -123,6 +128,12 @@ TEST(IkSolverConfig, RejectsBadValuesWithTheirOwnText) {
   for (const char* bad :
        {"{max_joint_velocity_rad_s: [1, 0, 1, 1, 1, 1]}", "{max_joint_velocity_rad_s: [.nan]}"}) {
     EXPECT_EQ(error_for(bad), "ik_solver joint velocity limits must be positive") << bad;
+  }
+  for (const char* bad : {"{global_search_time_ms: 0}", "{global_search_time_ms: .inf}"}) {
+    EXPECT_EQ(error_for(bad), "ik_solver.global_search_time_ms must be positive") << bad;
+  }
+  for (const char* bad : {"{nearest_joint_weights: [1, 0]}", "{nearest_joint_weights: [.nan]}"}) {
+    EXPECT_EQ(error_for(bad), "ik_solver.nearest_joint_weights must be positive") << bad;
   }
   // A non-sequence speed list keeps read_double_sequence's own text, unwrapped.
   EXPECT_EQ(error_for("{max_joint_velocity_rad_s: 3}"),

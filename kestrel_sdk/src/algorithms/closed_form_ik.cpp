@@ -18,6 +18,10 @@ constexpr double kCosineSlack = 1e-9;
 // Closer to the shoulder singularity than this (m), the seed's joint-1 value is offered too: it
 // stands for the continuum that the exact singularity would have.
 constexpr double kNearShoulderSingularity = 1e-6;
+// Wrist axes 4 and 6 this close to one line (sine of the angle) count as aligned: rounding
+// keeps an exactly singular wrist a hair away from it, and the polish that follows the solver
+// removes what the family's formula leaves off a nearly singular one.
+constexpr double kNearWristSingularity = 1e-6;
 
 double wrap(double a) {
   return std::remainder(a, 2.0 * kPi);
@@ -219,7 +223,7 @@ void ClosedFormIk::solve_wrist(const Eigen::Matrix3d& wrist_rotation, Joints q,
     const Eigen::Vector3d z = alpha * w4 + beta * w5 + (k == 0 ? gamma : -gamma) * normal;
     q[4] = turn_onto(w5, from, z);
     const Eigen::Matrix3d R5 = axis_rotation(w5, q[4]);
-    const bool aligned = (z - w4 * w4.dot(z)).norm() < kDegenerate;
+    const bool aligned = (z - w4 * w4.dot(z)).norm() < kNearWristSingularity;
     auto finish = [&](double q4) {
       q[3] = q4;
       const Eigen::Matrix3d rest =
