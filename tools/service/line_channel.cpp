@@ -38,17 +38,19 @@ LineChannel::Read LineChannel::read_line(std::string& line) {
   for (;;) {
     const auto newline = buffer_.find('\n');
     if (newline != std::string::npos) {
-      const bool skipped = skipping_;
+      const bool tail = skipping_;  // the rest of a line already reported too long
       skipping_ = false;
-      line.assign(buffer_, 0, newline);
-      buffer_.erase(0, newline + 1);
-      if (!skipped) {
-        return Read::line;
+      if (!tail && newline <= max_line_) {
+        line.assign(buffer_, 0, newline);
       }
-      continue;  // the tail of a line already reported too long
+      buffer_.erase(0, newline + 1);
+      if (tail) {
+        continue;
+      }
+      return newline <= max_line_ ? Read::line : Read::too_long;
     }
     if (buffer_.size() > max_line_) {
-      buffer_.clear();
+      buffer_.clear();  // never hold more than one line's worth
       if (!skipping_) {
         skipping_ = true;
         return Read::too_long;

@@ -1,0 +1,295 @@
+// kestrel serve beside the simulated arm: the arm stays held between client commands, one
+// client at a time holds control, stop comes from anyone, a client that goes mid-motion leaves
+// the arm holding, bad requests are answered and the service keeps serving, a second service
+// for the interface is refused, and SIGTERM mid-motion ends cleanly.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <future>
+
+#include "service/line_channel.hpp"
+#include "service/service_client.hpp"
+#include "simbus/simbus_control.hpp"
+#include "simbus/simbus_paths.hpp"
+#include "support/child_process.hpp"
+
+namespace {
+
+using namespace std::chrono_literals;
+using kestrel::service::json;
+using kestrel::service::LineChannel;
+using kestrel::service::ServiceClient;
+using kestrel::service::ServiceError;
+using kestrel::testing::Process;
+using ::testing::HasSubstr;
+
+const std::vector<double> kPostureA{0.0, 0.4, -0.8, 0.0, -0.6, 0.0};
+const std::vector<double> kPostureB{0.3, 0.8, -1.2, 0.2, -0.5, 0.1};
+
+// A private bus and service folder, the simulated arm on "svccan0" and `kestrel serve` for it.
+class ArmService : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char dir_template[] = "/tmp/kestrel-service-test-XXXXXX";
+    dir = ::mkdtemp(dir_template);
+    ::setenv(kestrel::simbus::kDirectoryEnv, dir.c_str(), 1);
+    ::setenv("KESTREL_SERVICE_DIR", (dir + "/service").c_str(), 1);
+    sim = std::make_unique<Process>(
+        std::vector<std::string>{KESTREL_CLI_PROGRAM, "sim", "--serve", "--interface", "svccan0"},
+        dir + "/sim.log");
+    bool served = false;
+    for (int i = 0; i < 500 && !served; ++i) {
+      served = kestrel::simbus::is_served(dir, "svccan0");
+      std::this_thread::sleep_for(10ms);
+    }
+    ASSERT_TRUE(served) << sim->output();
+    service = start_service("serve.log");
+    for (int i = 0; i < 500 && !std::filesystem::exists(socket()); ++i) {
+      std::this_thread::sleep_for(10ms);
+    }
+    ASSERT_TRUE(std::filesystem::exists(socket())) << service->output();
+  }
+  void TearDown() override {
+    if (service) {
+      service->terminate();
+      EXPECT_EQ(service->wait(), 0) << service->output();
+    }
+    sim->terminate();
+    EXPECT_EQ(sim->wait(), 0) << sim->output();
+    ::unsetenv(kestrel::simbus::kDirectoryEnv);
+    ::unsetenv("KESTREL_SERVICE_DIR");
+    std::filesystem::remove_all(dir);
+  }
+  std::unique_ptr<Process> start_service(const std::string& log) {
+    return std::make_unique<Process>(
+        std::vector<std::string>{KESTREL_CLI_PROGRAM, "serve", "--interface", "svccan0"},
+        dir + "/" + log);
+  }
+  std::string socket() const { return dir + "/service/svccan0.sock"; }
+  std::pair<int, std::string> run(std::vector<std::string> words) {
+    words.insert(words.begin(), KESTREL_CLI_PROGRAM);
+    words.insert(words.end(), {"--interface", "svccan0"});
+    Process p(words, dir + "/run" + std::to_string(++runs) + ".log");
+    const int status = p.wait(60s);
+    return {status, p.output()};
+  }
+  static std::vector<double> joints(ServiceClient& client) {
+    return client.call("state")["joints"].get<std::vector<double>>();
+  }
+  // The largest change of any joint over `seconds` of state streamed at 50 Hz.
+  static double largest_drift(ServiceClient& watcher, double seconds) {
+    const auto first = joints(watcher);
+    double drift = 0.0;
+    const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (std::chrono::steady_clock::now() < until) {
+      const auto q = joints(watcher);
+      for (size_t j = 0; j < 6; ++j) {
+        drift = std::max(drift, std::abs(q[j] - first[j]));
+      }
+      std::this_thread::sleep_for(20ms);
+    }
+    return drift;
+  }
+  // The error a call is answered with: "type: message".
+  template <typename Call>
+  static std::string error_of(Call call) {
+    try {
+      call();
+    } catch (const ServiceError& e) {
+      return e.type + ": " + e.what();
+    } catch (const std::invalid_argument& e) {
+      return std::string("invalid_argument: ") + e.what();
+    } catch (const std::exception& e) {
+      return std::string("client: ") + e.what();
+    }
+    return "no error";
+  }
+  std::string dir;
+  std::unique_ptr<Process> sim;
+  std::unique_ptr<Process> service;
+  int runs = 0;
+};
+
+TEST_F(ArmService, KeepsTheArmHeldBetweenClientCommandsOnAnOwnerOnlySocket) {
+  struct stat info {};
+  ASSERT_EQ(::stat(socket().c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0600u);
+  ServiceClient watcher(socket());
+  for (const auto& target : {kPostureA, kPostureB, kPostureA}) {
+    std::string text;
+    for (double v : target) {
+      text += std::to_string(v) + ",";
+    }
+    text.pop_back();
+    const auto [status, output] = run({"move", "--joints", text, "--time", "1.5"});
+    ASSERT_EQ(status, 0) << output << service->output();
+    EXPECT_THAT(output, HasSubstr("kestrel: using the arm service at " + socket()));
+    // Between commands the arm holds: joint 2 carries the arm's weight and would fall first.
+    EXPECT_LT(largest_drift(watcher, 0.6), 0.003);
+    const auto q = joints(watcher);
+    for (size_t j = 0; j < 6; ++j) {
+      EXPECT_NEAR(q[j], target[j], 0.01) << "joint " << j + 1;
+    }
+  }
+  const auto [status, output] = run({"status"});
+  EXPECT_EQ(status, 0) << output;
+  EXPECT_THAT(output, HasSubstr("motors: holding; control free"));
+}
+
+TEST_F(ArmService, OneClientHoldsControlUntilItReleasesOrDisconnects) {
+  ServiceClient first(socket());
+  auto second = std::make_unique<ServiceClient>(socket());
+  const json move{{"q", kPostureA}, {"time_sec", 1.0}};
+  EXPECT_EQ(error_of([&] { first.call("set_joint", move); }),
+            "no_control: this command needs control of the arm: send \"acquire\" first");
+  const int holder = first.call("acquire")["client"].get<int>();
+  const std::string held = "no_control: control is held by client " + std::to_string(holder) +
+                           " (it is free once that client releases it or disconnects)";
+  EXPECT_EQ(error_of([&] { second->call("acquire"); }), held);
+  EXPECT_EQ(error_of([&] { second->call("set_joint", move); }), held);
+  EXPECT_EQ(error_of([&] { second->call("release"); }),
+            "no_control: this client does not hold control");
+  EXPECT_EQ(first.call("state")["control_holder"].get<int>(), holder);
+  first.call("release");
+  const int next = second->call("acquire")["client"].get<int>();
+  EXPECT_NE(next, holder);
+  second.reset();  // disconnecting frees the lease
+  for (int i = 0; i < 100 && first.call("state")["control_holder"].get<int>() != 0; ++i) {
+    std::this_thread::sleep_for(10ms);
+  }
+  EXPECT_EQ(first.call("acquire")["client"].get<int>(), holder);
+}
+
+TEST_F(ArmService, StopFromAWatchingClientEndsTheHoldersMotion) {
+  ServiceClient holder(socket());
+  ServiceClient watcher(socket());
+  holder.call("acquire");
+  auto motion = std::async(std::launch::async, [&] {
+    return error_of([&] {
+      holder.call("move_joint_waypoints", {{"waypoints", {kPostureB}}, {"time_sec", 4.0}});
+    });
+  });
+  std::this_thread::sleep_for(1s);
+  watcher.call("stop");
+  ASSERT_EQ(motion.wait_for(2s), std::future_status::ready);
+  EXPECT_EQ(motion.get(), "runtime_error: motion stopped");
+  std::this_thread::sleep_for(300ms);  // braking to rest
+  EXPECT_LT(largest_drift(watcher, 0.5), 0.003);
+  EXPECT_GT(std::abs(joints(watcher)[1] - kPostureB[1]), 0.05);  // it did not go on
+}
+
+TEST_F(ArmService, AClientThatDisconnectsMidMotionLeavesTheArmHolding) {
+  ServiceClient watcher(socket());
+  {
+    LineChannel holder(LineChannel::connect_unix(socket()));
+    ASSERT_TRUE(holder.write_line(R"({"id":1,"op":"acquire"})"));
+    ASSERT_TRUE(holder.write_line(json{
+        {"id", 2}, {"op", "move_joint_waypoints"}, {"waypoints", {kPostureB}}, {"time_sec", 4.0}}
+                                      .dump()));
+    std::this_thread::sleep_for(1s);
+  }  // gone mid-motion
+  std::this_thread::sleep_for(500ms);
+  EXPECT_LT(largest_drift(watcher, 0.5), 0.003);
+  EXPECT_GT(std::abs(joints(watcher)[1] - kPostureB[1]), 0.05);
+  EXPECT_EQ(watcher.call("state")["control_holder"].get<int>(), 0);
+  EXPECT_NO_THROW(watcher.call("acquire"));
+}
+
+TEST_F(ArmService, BadRequestsAreAnsweredAndTheServiceKeepsServing) {
+  LineChannel raw(LineChannel::connect_unix(socket()));
+  ASSERT_TRUE(raw.write_line(R"({"id":0,"op":"acquire"})"));
+  std::string reply;
+  ASSERT_EQ(raw.read_line(reply), LineChannel::Read::line);
+  const struct {
+    std::string request;
+    std::string type;
+    std::string message;
+  } cases[] = {
+      {"this is not json", "bad_request", "not a JSON document: "},
+      {"[1, 2]", "bad_request", "a request is one JSON object per line"},
+      {R"({"id": 3})", "bad_request", "a request names its operation in the string field \"op\""},
+      {R"({"id": 4, "op": "fly"})", "bad_request", "unknown operation \"fly\""},
+      {R"({"id": 5, "op": "set_joint", "q": "up", "time_sec": 1})", "bad_request",
+       "field \"q\" must be an array of numbers"},
+      {R"({"id": 6, "op": "set_joint", "q": [0, 0]})", "bad_request", "missing field \"time_sec\""},
+      {R"({"id": 7, "op": "set_joint", "q": [0, 0, 0, 0, 0], "time_sec": 1})", "invalid_argument",
+       "q_end size mismatch"},
+      {R"({"id": 8, "op": "set_joint", "q": [0, 0, 0, 0, 0, 0], "time_sec": 0})",
+       "invalid_argument", "tf must be positive"},
+      {R"({"id": 9, "op": "subscribe", "rate_hz": 5000})", "invalid_argument",
+       "rate_hz must be in (0, 800]"},
+      {R"({"id": 10, "op": "run_program", "text": "- movej: [[0, 0]]"})", "runtime_error",
+       "program: "},
+      {std::string(LineChannel::kMaxLine + 10, 'x'), "bad_request",
+       "request longer than 1048576 bytes: ignored"},
+  };
+  for (const auto& c : cases) {
+    ASSERT_TRUE(raw.write_line(c.request));
+    ASSERT_EQ(raw.read_line(reply), LineChannel::Read::line) << c.request.substr(0, 60);
+    const json answer = json::parse(reply);
+    EXPECT_FALSE(answer["ok"].get<bool>()) << reply;
+    EXPECT_EQ(answer["error"]["type"], c.type) << reply;
+    EXPECT_THAT(answer["error"]["message"].get<std::string>(), HasSubstr(c.message)) << reply;
+  }
+  ASSERT_TRUE(raw.write_line(R"({"id": 11, "op": "ping"})"));
+  ASSERT_EQ(raw.read_line(reply), LineChannel::Read::line);
+  EXPECT_EQ(json::parse(reply)["id"], 11);
+  EXPECT_TRUE(json::parse(reply)["ok"].get<bool>()) << reply;
+}
+
+TEST_F(ArmService, StreamsStateAtTheChosenRate) {
+  ServiceClient watcher(socket());
+  watcher.call("subscribe", {{"rate_hz", 100}});
+  const auto start = std::chrono::steady_clock::now();
+  uint64_t first_cycle = 0;
+  json state;
+  for (int i = 0; i < 50; ++i) {
+    state = watcher.next_state();
+    first_cycle = first_cycle == 0 ? state["cycle"]["cycle"].get<uint64_t>() : first_cycle;
+  }
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  EXPECT_NEAR(seconds, 0.5, 0.15);
+  EXPECT_EQ(state["joints"].size(), 6u);
+  EXPECT_EQ(state["torques"].size(), 6u);
+  EXPECT_EQ(state["tool_pose"].size(), 7u);
+  EXPECT_GT(state["loop"]["cycles"].get<uint64_t>(), 0u);
+  EXPECT_FALSE(state["motors"]["emergency_stopped"].get<bool>());
+  EXPECT_GT(state["cycle"]["cycle"].get<uint64_t>(), first_cycle + 100);  // 400 cycles a second
+}
+
+TEST_F(ArmService, ASecondServiceForTheInterfaceIsRefused) {
+  auto second = start_service("second.log");
+  EXPECT_EQ(second->wait(30s), 1);
+  EXPECT_THAT(second->output(),
+              HasSubstr("kestrel serve: a service for svccan0 is already running (socket " +
+                        socket() + ")"));
+  ServiceClient client(socket());  // the first one serves on
+  EXPECT_EQ(client.call("ping")["protocol"], 1);
+}
+
+TEST_F(ArmService, SigtermMidMotionEndsTheMotionDisablesTheMotorsAndRemovesTheSocket) {
+  ServiceClient holder(socket());
+  holder.call("acquire");
+  auto motion = std::async(std::launch::async, [&] {
+    return error_of([&] {
+      holder.call("move_joint_waypoints", {{"waypoints", {kPostureB}}, {"time_sec", 4.0}});
+    });
+  });
+  std::this_thread::sleep_for(1s);
+  service->terminate();
+  EXPECT_EQ(service->wait(10s), 0) << service->output();
+  ASSERT_EQ(motion.wait_for(2s), std::future_status::ready);
+  EXPECT_THAT(motion.get(),
+              ::testing::AnyOf(HasSubstr("motion stopped"), HasSubstr("closed the connection")));
+  EXPECT_THAT(service->output(), HasSubstr("kestrel serve: motors disabled, socket removed"));
+  EXPECT_FALSE(std::filesystem::exists(socket()));
+  EXPECT_FALSE(std::filesystem::exists(dir + "/service/svccan0.lock"));
+  service.reset();
+}
+
+}  // namespace
