@@ -25,8 +25,22 @@ double wait_for_motion(ArmController& arm, Call&& call) {
   return call_interruptibly(std::forward<Call>(call), [&arm] { arm.stop(); });
 }
 
-py::tuple ik_answer(const std::pair<Vector, bool>& answer) {
-  return py::make_tuple(to_array(answer.first), answer.second);
+using IkQuery = std::pair<Vector, bool> (ArmController::*)(const Vector&, const Vector&,
+                                                           const Vector&);
+
+void bind_ik_query(py::class_<ArmController>& arm, const char* name, IkQuery query,
+                   const char* doc) {
+  arm.def(
+      name,
+      [query](ArmController& self, const Vector& pos, const Vector& euler, const Vector& q_seed) {
+        std::pair<Vector, bool> answer;
+        {
+          py::gil_scoped_release release;
+          answer = (self.*query)(pos, euler, q_seed);
+        }
+        return py::make_tuple(to_array(answer.first), answer.second);
+      },
+      "pos"_a, "euler"_a, "q_seed"_a = Vector{}, doc);
 }
 
 void bind_lifecycle(py::class_<ArmController>& arm) {
@@ -84,20 +98,14 @@ void bind_cartesian_commands(py::class_<ArmController>& arm) {
           "joints and moves there as set_joint(q, time) would; sends nothing without an answer.")
       .def("set_end_effector_pose_raw", &ArmController::set_end_effector_pose_raw, "pos"_a,
            "euler"_a, Release(),
-           "Streams a pose target: IK from the current joints, sent as a raw joint target.")
-      .def(
-          "solve_ik",
-          [](ArmController& self, const Vector& pos, const Vector& euler, const Vector& q_seed) {
-            std::pair<Vector, bool> answer;
-            {
-              py::gil_scoped_release release;
-              answer = self.solve_ik(pos, euler, q_seed);
-            }
-            return ik_answer(answer);
-          },
-          "pos"_a, "euler"_a, "q_seed"_a = Vector{},
-          "IK query, nothing moves: (joints, success) for the pose near q_seed, or near the "
-          "current joints when q_seed is empty.");
+           "Streams a pose target: IK from the current joints, sent as a raw joint target.");
+  bind_ik_query(arm, "solve_ik", &ArmController::solve_ik,
+                "IK query, nothing moves: (joints, success) for the pose near q_seed, or near "
+                "the current joints when q_seed is empty.");
+  bind_ik_query(arm, "solve_ik_nearest", &ArmController::solve_ik_nearest,
+                "IK query from any seed, nothing moves: every solution of the pose inside the "
+                "joint limits, the one nearest q_seed (or the current joints) returned as "
+                "(joints, success).");
 }
 
 void bind_waypoint_motions(py::class_<ArmController>& arm) {

@@ -107,6 +107,49 @@ void bind_inverse_kinematics(py::class_<RobotKinematics>& kinematics) {
            "Damped least squares on the screw-axis model; None when it does not converge.");
 }
 
+void bind_solution_sets(py::class_<RobotKinematics>& kinematics) {
+  using Method = RobotKinematics::IkMethod;
+  py::enum_<Method>(kinematics, "IkMethod")
+      .value("automatic", Method::automatic)
+      .value("closed_form", Method::closed_form)
+      .value("global_search", Method::global_search);
+  kinematics
+      .def("has_closed_form_ik", &RobotKinematics::has_closed_form_ik,
+           "Whether the arm's geometry has a closed-form IK.")
+      .def("closed_form_ik_status", &RobotKinematics::closed_form_ik_status,
+           "What the geometry lacks for the closed form; empty when it has one.")
+      .def(
+          "solve_ik_all",
+          [](const RobotKinematics& self, const Vector& target_pos, const Vector& target_euler,
+             const Vector& seed, Method method) {
+            Matrix solutions;
+            {
+              py::gil_scoped_release release;
+              solutions = self.solve_ik_all(target_pos, target_euler, seed, method);
+            }
+            return to_matrix(solutions, static_cast<std::size_t>(self.num_joints()));
+          },
+          "target_pos"_a, "target_euler"_a, "seed"_a = Vector{}, "method"_a = Method::automatic,
+          "Every solution inside the joint limits, one row each, nearest the seed first; no rows "
+          "when the pose is out of reach.")
+      .def(
+          "solve_ik_nearest",
+          [](const RobotKinematics& self, const Vector& target_pos, const Vector& target_euler,
+             const Vector& seed, const Vector& weights, Method method) {
+            Vector out;
+            bool solved = false;
+            {
+              py::gil_scoped_release release;
+              solved = self.solve_ik_nearest(target_pos, target_euler, seed, out, weights, method);
+            }
+            return py::make_tuple(to_array(out), solved);
+          },
+          "target_pos"_a, "target_euler"_a, "seed"_a, "weights"_a = Vector{},
+          "method"_a = Method::automatic,
+          "(joints, success): the solution nearest seed by weighted joint distance (weights "
+          "empty: ik_solver.nearest_joint_weights).");
+}
+
 void bind_pure_helpers(py::module_& m, py::class_<RobotKinematics>& kinematics) {
   kinematics.def("build_screw_axes", &RobotKinematics::build_screw_axes)
       .def("forward_kinematics", &RobotKinematics::forward_kinematics, "q"_a,
@@ -150,6 +193,7 @@ void bind_kinematics(py::module_& m) {
   bind_model_types(m, kinematics);
   bind_dynamics(kinematics);
   bind_inverse_kinematics(kinematics);
+  bind_solution_sets(kinematics);
   bind_pure_helpers(m, kinematics);
   bind_model_data(kinematics);
 }

@@ -97,6 +97,9 @@ def test_ik_answers_reach_the_pose_and_cartesian_motions_arrive(at_home):
     pose = [0.30, 0.0, 0.20, DOWN, 0.0, 0.0]
     q, solved = at_home.solve_ik(pose[:3], pose[3:])
     assert solved and q.shape == (6,)
+    nearest, solved = at_home.solve_ik_nearest(pose[:3], pose[3:], q_seed=q)
+    assert solved
+    np.testing.assert_allclose(nearest, q, atol=1e-3)
     at_home.move_p([pose], time_sec=1.5)
     np.testing.assert_allclose(at_home.get_end_effector_pose()[:3], pose[:3], atol=0.005)
     at_home.move_l([[0.36, 0.0, 0.20, DOWN, 0.0, 0.0]], speed_percent=0.8)

@@ -96,6 +96,26 @@ def test_inverse_kinematics_round_trips(model):
                                              1e-6, 1e-6, 100, 0.05) is None
 
 
+@pytest.mark.parametrize("method", ["automatic", "closed_form", "global_search"])
+def test_every_ik_solution_reaches_the_pose_and_the_nearest_is_one_of_them(model, method):
+    method = getattr(kestrel.RobotKinematics.IkMethod, method)
+    assert model.has_closed_form_ik() and model.closed_form_ik_status() == ""
+    q = np.array([0.4, 0.6, -1.1, 0.3, -0.7, 0.5])
+    pose = model.forward_kinematics(q) @ model.flange_to_tcp()
+    position, euler = pose[:3, 3], model.rotation_matrix_to_euler(pose[:3, :3])
+    solutions = model.solve_ik_all(position, euler, HOME, method)
+    assert solutions.ndim == 2 and solutions.shape[0] >= 1 and solutions.shape[1] == 6
+    for solution in solutions:
+        np.testing.assert_allclose(model.forwardKinematics_kdl(solution)[:3], position,
+                                   atol=1e-5)
+    nearest, solved = model.solve_ik_nearest(position, euler, q, method=method)
+    assert solved
+    np.testing.assert_allclose(nearest, q, atol=1e-5)
+    far = model.solve_ik_all([3.0, 0.0, 0.0], [0.0, 0.0, 0.0], method=method)
+    assert far.shape == (0, 6)
+    assert model.solve_ik_nearest([3.0, 0.0, 0.0], [0.0, 0.0, 0.0], HOME)[1] is False
+
+
 def test_rotation_helpers_invert_each_other(model):
     rpy = np.array([0.3, -0.4, 1.1])
     transform = kestrel.t_from_xyzrpy(np.array([0.1, 0.2, 0.3]), rpy)
