@@ -340,4 +340,24 @@ TEST_F(IkConfig, ContinuousJointIsWrappedIntoOneTurn) {
   EXPECT_NEAR(out[5], 3.5 - 2 * M_PI, 1e-4);
 }
 
+// Mode "analytic": a pose on another branch than the seed is solved exactly, as a strict answer
+// (no fallback line), where the default mode, staying near the seed, finds nothing; beyond reach
+// the default strategies still run behind it and print their failure.
+TEST_F(IkConfig, AnalyticModeSolvesFromAnySeedAndKeepsTheOtherStrategiesBehind) {
+  // A reachable pose that the default strategies cannot find from the home posture.
+  const Joints pos = {-0.124330, 0.388542, 0.708917};
+  const Joints euler = {0.151142, -0.618955, -1.514741};
+  const Joints seed = {0.0, 0.4, -0.9, 0.0, -0.6, 0.0};
+  const auto analytic = solve("ik_solver: {mode: analytic}\n", pos, euler, seed);
+  EXPECT_THAT(analytic.out, ::testing::HasSubstr("ok=1 fallback=0")) << analytic.describe();
+  EXPECT_EQ(analytic.err, "");
+  const auto standard = solve("ik_solver: {mode: kdl_with_approx_fallback}\n", pos, euler, seed);
+  EXPECT_THAT(standard.out, ::testing::HasSubstr("ok=0")) << standard.describe();
+
+  const auto [beyond_pos, beyond_euler] = beyond_reach(0.05);
+  const auto r = solve("ik_solver: {mode: analytic}\n", beyond_pos, beyond_euler, kNearStretched);
+  EXPECT_THAT(r.out, ::testing::HasSubstr("ok=0 fallback=0")) << r.describe();
+  EXPECT_THAT(r.err, ::testing::HasSubstr("solve_ik_kdl failed: ret="));
+}
+
 }  // namespace
