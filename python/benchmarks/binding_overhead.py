@@ -33,7 +33,8 @@ def main(reference: str) -> None:
     with SimulatedArm("overheadcan0") as sim:
         cpp_run = subprocess.run([reference, sim.interface], capture_output=True, text=True,
                                  check=True)
-        cpp = {name: float(ns) for name, ns in (line.split() for line in cpp_run.stdout.splitlines())}
+        cpp = {fields[1]: float(fields[2]) for fields in map(str.split, cpp_run.stdout.splitlines())
+               if fields[:1] == ["timing"]}
         with kestrel.ArmController(True, sim.interface, False, kestrel.MIT_MODE, False) as arm:
             while arm.get_joint().size == 0:
                 time.sleep(0.005)

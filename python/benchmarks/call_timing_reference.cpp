@@ -1,5 +1,6 @@
 // The C++ side of binding_overhead.py: the same state queries on the same simulated arm, timed
-// the same way (the mean of 1000 back-to-back calls, median over 200 batches), in ns per call.
+// the same way (the mean of 1000 back-to-back calls, median over 200 batches), in ns per call,
+// one "timing NAME NS" line each (the library writes its own lines to standard output too).
 //   usage: kestrel-python-call-reference INTERFACE
 #include <algorithm>
 #include <chrono>
@@ -42,10 +43,11 @@ int main(int argc, char** argv) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   volatile double sink = 0.0;  // keeps the calls from being optimised away
-  std::printf("get_joint %.1f\n", median_ns_per_call([&] { sink = sink + arm.get_joint()[0]; }));
-  std::printf("get_gripper_position %.1f\n",
+  std::printf("timing get_joint %.1f\n",
+              median_ns_per_call([&] { sink = sink + arm.get_joint()[0]; }));
+  std::printf("timing get_gripper_position %.1f\n",
               median_ns_per_call([&] { sink = sink + arm.get_gripper_position(); }));
-  std::printf("get_control_cycle_sample %.1f\n", median_ns_per_call([&] {
+  std::printf("timing get_control_cycle_sample %.1f\n", median_ns_per_call([&] {
                 sink = sink + static_cast<double>(arm.get_control_cycle_sample().cycle);
               }));
   return 0;
