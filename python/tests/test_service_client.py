@@ -1,0 +1,146 @@
+"""ServiceClient against a real ``kestrel serve`` beside the simulated arm, both started by the
+tool in a private bus and service folder."""
+import os
+import shutil
+import subprocess
+import tempfile
+import threading
+import time
+from pathlib import Path
+
+import pytest
+
+from kestrel.service_client import ServiceClient, ServiceError
+
+INTERFACE = "pysvccan0"
+HOME = [0.0, 0.4, -0.9, 0.0, -0.6, 0.0]
+AWAY = [0.3, 0.8, -1.2, 0.2, -0.5, 0.1]
+
+
+def kestrel_program():
+    """$KESTREL_CLI_PROGRAM, else the tool beside $KESTREL_SIM_PROGRAM or in build/, else PATH."""
+    if os.environ.get("KESTREL_CLI_PROGRAM"):
+        return os.environ["KESTREL_CLI_PROGRAM"]
+    candidates = []
+    if os.environ.get("KESTREL_SIM_PROGRAM"):
+        candidates.append(Path(os.environ["KESTREL_SIM_PROGRAM"]).parent.parent / "cli/kestrel")
+    candidates.append(Path(__file__).resolve().parents[2] / "build/tools/cli/kestrel")
+    for candidate in candidates:
+        if candidate.is_file():
+            return str(candidate)
+    return shutil.which("kestrel")
+
+
+def wait_for(predicate, timeout):
+    deadline = time.monotonic() + timeout
+    while not predicate():
+        if time.monotonic() > deadline:
+            return False
+        time.sleep(0.01)
+    return True
+
+
+@pytest.fixture(scope="module")
+def service():
+    """The socket of a running service; the simulated arm and the service end with the module."""
+    program = kestrel_program()
+    if program is None:
+        pytest.skip("the kestrel tool is not built (set KESTREL_CLI_PROGRAM)")
+    folder = tempfile.mkdtemp(prefix="kestrel-pyservice-")
+    env = dict(os.environ, KESTREL_SIMBUS_DIR=folder, KESTREL_SERVICE_DIR=folder + "/service")
+    env.pop("LD_PRELOAD", None)  # the tool carries its own interposer
+    log = open(os.path.join(folder, "log"), "w")
+    sim = subprocess.Popen([program, "sim", "--serve", "--interface", INTERFACE], env=env,
+                           stdout=log, stderr=log)
+    assert wait_for(lambda: any(Path(folder).glob(INTERFACE + "*")), 5)
+    serve = subprocess.Popen([program, "serve", "--interface", INTERFACE], env=env, stdout=log,
+                             stderr=log)
+    socket_path = folder + "/service/" + INTERFACE + ".sock"
+    assert wait_for(lambda: os.path.exists(socket_path), 10), open(log.name).read()
+    saved = os.environ.get("KESTREL_SERVICE_DIR")
+    os.environ["KESTREL_SERVICE_DIR"] = env["KESTREL_SERVICE_DIR"]
+    yield socket_path
+    if saved is None:
+        del os.environ["KESTREL_SERVICE_DIR"]
+    else:
+        os.environ["KESTREL_SERVICE_DIR"] = saved
+    for process in (serve, sim):
+        process.terminate()
+        assert process.wait(10) == 0, open(log.name).read()
+    log.close()
+    shutil.rmtree(folder)
+
+
+def test_a_motion_by_interface_name_ends_held_at_its_target(service):
+    with ServiceClient(interface=INTERFACE) as arm:
+        assert arm.socket_path == service
+        arm.acquire()
+        assert arm.move_joint_waypoints([HOME], time_sec=1.5) == pytest.approx(1.5, abs=0.01)
+        first = arm.state()["joints"]
+        time.sleep(0.5)
+        held = arm.state()["joints"]
+        assert max(abs(a - b) for a, b in zip(first, HOME)) < 0.01
+        assert max(abs(a - b) for a, b in zip(first, held)) < 0.003
+        q, success = arm.solve_ik(*_pose_of(arm))
+        assert success and max(abs(a - b) for a, b in zip(q, held)) < 0.01
+
+
+def _pose_of(arm):
+    """Position and roll-pitch-yaw of the tool now, by asking the service to solve for it."""
+    import math
+    x, y, z, qx, qy, qz, qw = arm.state()["tool_pose"]
+    roll = math.atan2(2 * (qw * qx + qy * qz), 1 - 2 * (qx * qx + qy * qy))
+    pitch = math.asin(max(-1.0, min(1.0, 2 * (qw * qy - qz * qx))))
+    yaw = math.atan2(2 * (qw * qz + qx * qy), 1 - 2 * (qy * qy + qz * qz))
+    return [x, y, z], [roll, pitch, yaw]
+
+
+@pytest.mark.parametrize("call, error, message", [
+    (lambda arm: arm.set_joint([0.0] * 5, 1.0), ValueError, "q_end size mismatch"),
+    (lambda arm: arm.set_joint(HOME, 0.0), ValueError, "tf must be positive"),
+    (lambda arm: arm.call("fly"), ServiceError, 'unknown operation "fly"'),
+    (lambda arm: arm.run_program(text="- movej: [[0, 0]]"), ServiceError, "program: "),
+])
+def test_errors_arrive_as_the_librarys_types_with_its_messages(service, call, error, message):
+    with ServiceClient(service) as arm:
+        arm.acquire()
+        with pytest.raises(error, match=message.replace("(", r"\(")):
+            call(arm)
+
+
+def test_control_is_one_clients_and_stop_comes_from_anyone(service):
+    with ServiceClient(service) as holder, ServiceClient(service) as watcher:
+        number = holder.acquire()
+        with pytest.raises(ServiceError) as refused:
+            watcher.acquire()
+        assert refused.value.type == "no_control"
+        assert str(refused.value).startswith(f"control is held by client {number} ")
+        outcome = {}
+
+        def move():
+            try:
+                holder.move_joint_waypoints([AWAY], time_sec=3.0)
+            except ServiceError as error:
+                outcome["error"] = str(error)
+
+        mover = threading.Thread(target=move)
+        mover.start()
+        time.sleep(0.8)
+        watcher.stop()
+        mover.join(3)
+        assert outcome.get("error") == "motion stopped"
+
+
+def test_subscribe_streams_the_state_at_the_chosen_rate(service):
+    with ServiceClient(service) as watcher:
+        start = time.monotonic()
+        states = []
+        for state in watcher.subscribe(rate_hz=100):
+            states.append(state)
+            if len(states) == 30:
+                break
+        assert time.monotonic() - start == pytest.approx(0.3, abs=0.12)
+        assert all(len(s["joints"]) == 6 and len(s["tool_pose"]) == 7 for s in states)
+        cycles = [s["cycle"]["cycle"] for s in states]
+        assert cycles == sorted(cycles) and cycles[-1] > cycles[0]
+        assert watcher.ping()["protocol"] == 1  # the connection serves on after the stream
