@@ -85,7 +85,7 @@ int listening_socket(const std::string& path, const std::optional<std::string>& 
 }  // namespace
 
 ServiceServer::ServiceServer(ArmController& arm, ServerOptions options)
-    : arm_(arm), options_(std::move(options)) {
+    : arm_(arm), options_(std::move(options)), state_(arm, options_.facts) {
   listen_fd_ = listening_socket(options_.socket_path, options_.group);
 }
 
@@ -204,7 +204,7 @@ json ServiceServer::handle_session_request(Session& session, const std::string& 
     return json{{"client", session.id}, {"protocol", 1}};
   }
   if (op == "state") {
-    return state_snapshot(arm_, options_.facts, lease_.holder());
+    return state_.snapshot(lease_.holder());
   }
   if (op == "acquire") {
     lease_.acquire(session.id);
@@ -222,9 +222,8 @@ json ServiceServer::handle_session_request(Session& session, const std::string& 
       throw BadRequest("subscribe needs the number field \"rate_hz\"");
     }
     if (!session.stream) {
-      session.stream = std::make_unique<StateStream>(session.channel, [this] {
-        return state_snapshot(arm_, options_.facts, lease_.holder());
-      });
+      session.stream = std::make_unique<StateStream>(
+          session.channel, [this] { return state_.snapshot(lease_.holder()); });
     }
     session.stream->start(rate->get<double>());
     return json::object();

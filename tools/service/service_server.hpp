@@ -13,6 +13,7 @@
 
 #include "control_lease.hpp"
 #include "request_dispatch.hpp"
+#include "state_stream.hpp"
 
 namespace kestrel::service {
 
@@ -49,6 +50,7 @@ class ServiceServer {
   ArmController& arm_;
   ServerOptions options_;
   ControlLease lease_;
+  StateReader state_;
   int listen_fd_ = -1;
   int next_client_ = 1;
   std::mutex sessions_mutex_;

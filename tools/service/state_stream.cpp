@@ -36,20 +36,30 @@ json loop_json(const kestrel::controller::ControlLoopStatistics& s) {
 
 }  // namespace
 
-json state_snapshot(ArmController& arm, const ArmFacts& facts, int control_holder) {
+json StateReader::loop_statistics() {
+  std::lock_guard<std::mutex> lock(loop_mutex_);
+  const auto now = std::chrono::steady_clock::now();
+  if (loop_.is_null() || now - loop_time_ > std::chrono::milliseconds(100)) {
+    loop_ = loop_json(arm_.control_loop_statistics());
+    loop_time_ = now;
+  }
+  return loop_;
+}
+
+json StateReader::snapshot(int control_holder) {
   json state{
-      {"joints", arm.get_joint()},
-      {"velocities", arm.get_joint_velocities()},
-      {"torques", arm.get_joint_torques()},
-      {"tool_pose", arm.get_end_effector_pose()},
-      {"cycle", cycle_json(arm.get_control_cycle_sample())},
-      {"loop", loop_json(arm.control_loop_statistics())},
-      {"motors", {{"running", arm.running()}, {"emergency_stopped", arm.emergency_stopped()}}},
+      {"joints", arm_.get_joint()},
+      {"velocities", arm_.get_joint_velocities()},
+      {"torques", arm_.get_joint_torques()},
+      {"tool_pose", arm_.get_end_effector_pose()},
+      {"cycle", cycle_json(arm_.get_control_cycle_sample())},
+      {"loop", loop_statistics()},
+      {"motors", {{"running", arm_.running()}, {"emergency_stopped", arm_.emergency_stopped()}}},
       {"control_holder", control_holder}};
   // Without a gripper the library's getters print a message on every call: leave them alone.
-  state["gripper"] = facts.gripper ? json{{"position", arm.get_gripper_position()},
-                                          {"distance_m", arm.get_gripper_distance()}}
-                                   : json(nullptr);
+  state["gripper"] = facts_.gripper ? json{{"position", arm_.get_gripper_position()},
+                                           {"distance_m", arm_.get_gripper_distance()}}
+                                    : json(nullptr);
   return state;
 }
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -14,7 +15,22 @@
 
 namespace kestrel::service {
 
-json state_snapshot(ArmController& arm, const ArmFacts& facts, int control_holder);
+// Makes state snapshots of one arm. The loop statistics are summarised from histograms of
+// 60,000 bins, which costs far more than the rest of a snapshot: they are refreshed at most
+// every 100 ms, so that state queries and fast streams stay cheap.
+class StateReader {
+ public:
+  StateReader(ArmController& arm, ArmFacts facts) : arm_(arm), facts_(facts) {}
+  json snapshot(int control_holder);
+
+ private:
+  json loop_statistics();
+  ArmController& arm_;
+  ArmFacts facts_;
+  std::mutex loop_mutex_;
+  json loop_;
+  std::chrono::steady_clock::time_point loop_time_{};
+};
 
 // Streams {"event": "state", "state": {...}} lines to one client until stopped or the client
 // has gone.
