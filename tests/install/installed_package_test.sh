@@ -57,6 +57,21 @@ grep -q "moved in" "$work/run.log" || { cat "$work/run.log"; fail "no move repor
 "$prefix/bin/kestrel-simbus" run -- "$work/reading_state" instcan0 >"$work/state.log" 2>&1 ||
   { cat "$work/state.log"; fail "the pkg-config example failed"; }
 grep -q "control loop:" "$work/state.log" || { cat "$work/state.log"; fail "no state printed"; }
+# The Python package, where python3 finds it for this prefix: help() works out of tree, and an
+# example starts its own simulated arm with the installed tools (when the tree built it).
+if [ -d "$build/python/kestrel" ]; then
+  python=/usr/bin/python3
+  [ -x "$python" ] || python=python3
+  pydir=$(ls -d "$prefix/$libdir"/python3*/dist-packages | head -n 1)
+  [ -f "$pydir/kestrel/__init__.py" ] && [ -f "$pydir/kestrel/_kestrel.pyi" ] ||
+    fail "the Python package was not installed"
+  PYTHONPATH=$pydir "$python" -c "import kestrel; help(kestrel.ArmController)" \
+    >"$work/help.log" 2>&1 || { cat "$work/help.log"; fail "import kestrel failed"; }
+  grep -q "move_joint_waypoints(self" "$work/help.log" || fail "help() lacks the motions"
+  PYTHONPATH=$pydir "$python" "$source/python/examples/joint_moves.py" --sim >"$work/py.log" 2>&1 ||
+    { cat "$work/py.log"; fail "the Python example failed"; }
+  grep -q "moved in" "$work/py.log" || { cat "$work/py.log"; fail "no Python move reported"; }
+fi
 "$prefix/bin/kestrel" status --interface instcan0 >"$work/status.log" 2>&1 ||
   { cat "$work/status.log"; fail "the installed kestrel tool failed"; }
 
@@ -69,5 +84,11 @@ for f in libkestrel.so kestrel_sdk/src/config/robot_kinematics.yaml usr/bin/kest
   cmake/kestrel/kestrelConfig.cmake pkgconfig/kestrel.pc include/kestrel/arm/kestrel.hpp; do
   grep -q "$f" <<<"$contents" || fail "the Debian package lacks $f"
 done
+if [ -d "$build/python/kestrel" ]; then
+  for f in usr/lib/python3/dist-packages/kestrel/__init__.py \
+    "usr/lib/python3/dist-packages/kestrel/_kestrel.cpython"; do
+    grep -q "$f" <<<"$contents" || fail "the Debian package lacks $f"
+  done
+fi
 dpkg-deb -f "$deb" Depends | grep -q "liborocos-kdl" || fail "the package does not depend on KDL"
 echo "installed package: OK ($(basename "$deb"))"
