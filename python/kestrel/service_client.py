@@ -195,6 +195,13 @@ class ServiceClient:
                            q_seed=_floats(q_seed))
         return result["q"], result["success"]
 
+    def solve_ik_nearest(self, pos: Sequence[float], euler: Sequence[float],
+                         q_seed: Sequence[float] = ()) -> Tuple[List[float], bool]:
+        """Every solution inside the joint limits considered, the nearest q_seed returned."""
+        result = self.call("solve_ik_nearest", pos=_floats(pos), euler=_floats(euler),
+                           q_seed=_floats(q_seed))
+        return result["q"], result["success"]
+
     def gravity_compensation(self, on: bool = True) -> None:
         """Floats the arm (on) or holds it where it was left (off)."""
         self.call("gravity_compensation", on=bool(on))

@@ -140,6 +140,19 @@ json run_program(ArmController& arm, const ArmFacts&, const json& r) {
   return json{{"planned_sec", seconds}, {"steps", program.steps.size()}};
 }
 
+json ik_answer(const std::pair<std::vector<double>, bool>& answer) {
+  return json{{"q", answer.first}, {"success", answer.second}};
+}
+
+json solve_ik(ArmController& arm, const ArmFacts&, const json& r) {
+  return ik_answer(arm.solve_ik(vector(r, "pos"), vector(r, "euler"), vector(r, "q_seed", true)));
+}
+
+json solve_ik_nearest(ArmController& arm, const ArmFacts&, const json& r) {
+  return ik_answer(
+      arm.solve_ik_nearest(vector(r, "pos"), vector(r, "euler"), vector(r, "q_seed", true)));
+}
+
 json gravity(ArmController& arm, const ArmFacts& facts, const json& r) {
   if (!boolean(r, "on", true)) {
     arm.stop();  // hold the posture the arm was left in
@@ -160,13 +173,8 @@ const std::map<std::string, ArmOperation>& operations() {
           arm.stop();
           return kDone;
         }}},
-      {"solve_ik",
-       {false, false,
-        [](ArmController& arm, const ArmFacts&, const json& r) {
-          const auto [q, ok] =
-              arm.solve_ik(vector(r, "pos"), vector(r, "euler"), vector(r, "q_seed", true));
-          return json{{"q", q}, {"success", ok}};
-        }}},
+      {"solve_ik", {false, false, solve_ik}},
+      {"solve_ik_nearest", {false, false, solve_ik_nearest}},
       {"set_joint",
        {true, false,
         [](ArmController& arm, const ArmFacts&, const json& r) {
