@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <future>
 
 #include "service/line_channel.hpp"
@@ -138,6 +139,39 @@ TEST_F(ArmService, KeepsTheArmHeldBetweenClientCommandsOnAnOwnerOnlySocket) {
   const auto [status, output] = run({"status"});
   EXPECT_EQ(status, 0) << output;
   EXPECT_THAT(output, HasSubstr("motors: holding; control free"));
+}
+
+TEST_F(ArmService, RunRecordAndGravityGoThroughTheService) {
+  const std::string program = dir + "/program.yaml";
+  std::ofstream(program) << "steps:\n"
+                            "  - movej: {to: [0.0, 0.4, -0.8, 0.0, -0.6, 0.0], time_sec: 2.0}\n"
+                            "  - gripper: open\n";
+  const std::string csv = dir + "/record.csv";
+  const struct {
+    std::vector<std::string> words;
+    std::string says;
+  } commands[] = {
+      {{"run", program}, "program done: 2 steps, 2.000 s of planned motion"},
+      {{"record", "--seconds", "0.5", "--output", csv}, "kestrel record: "},
+      {{"gravity", "--seconds", "0.3"}, "floating: move the arm by hand"},
+  };
+  for (const auto& c : commands) {
+    const auto [status, output] = run(c.words);
+    EXPECT_EQ(status, 0) << output << service->output();
+    EXPECT_THAT(output, HasSubstr("kestrel: using the arm service at " + socket()));
+    EXPECT_THAT(output, HasSubstr(c.says));
+  }
+  std::ifstream rows(csv);
+  std::string header;
+  std::getline(rows, header);
+  EXPECT_THAT(header, ::testing::StartsWith("time_s,kind,"));
+  int count = 0;
+  for (std::string row; std::getline(rows, row);) {
+    ++count;
+  }
+  EXPECT_GT(count, 150);  // 0.5 s at 400 cycles a second, every cycle seen
+  ServiceClient watcher(socket());
+  EXPECT_EQ(watcher.call("state")["control_holder"].get<int>(), 0);  // each let go of control
 }
 
 TEST_F(ArmService, OneClientHoldsControlUntilItReleasesOrDisconnects) {
