@@ -9,12 +9,14 @@
 #include <future>
 
 #include "controller/controller_fixture.hpp"
+#include "support/refusal.hpp"
 
 namespace {
 
 using namespace std::chrono_literals;
 using Access = ArmControllerTestAccess;
 using kestrel::testing::eventually;
+using kestrel::testing::refusal_of;
 using kestrel::testing::segment_distance;
 using kestrel::testing::SimulatedArm;
 using ::testing::HasSubstr;
@@ -497,6 +499,61 @@ TEST_F(MotionTest, MovePReachesEachPoseAndMovesTheGripper) {
   };
   EXPECT_TRUE(eventually([&] { return off_target() < 0.004; }, 3s)) << off_target();
   EXPECT_GT(arm->get_gripper_position(), 0.8);
+}
+
+// Ten reachable poses that solve_ik cannot find from the home posture (it returns nothing, or a
+// posture whose tool misses by centimetres): solve_ik_nearest finds each, and move_p reaches
+// one of them from home on the branch nearest it (through all ten, one after another, the arm
+// takes two minutes: too long for the suite).
+TEST_F(MotionTest, FarPosesAreSolvedFromAnySeedAndMovePReachesThem) {
+  const std::vector<double> home = {0.0, 0.4, -0.9, 0.0, -0.6, 0.0};
+  const std::vector<std::vector<double>> poses = {
+      {-0.011955, 0.523432, 0.246618, -1.594815, 0.476354, -1.250207},
+      {-0.112211, 0.255893, 0.735223, 0.215773, 0.777765, 2.182222},
+      {-0.219080, -0.234030, 0.333457, -0.578235, -0.142807, -3.089727},
+      {0.332850, 0.266414, 0.277928, -1.504685, 0.271018, -1.400363},
+      {-0.234299, -0.278353, 0.412741, 0.321886, 0.775157, -0.311819},
+      {-0.105846, -0.149496, 0.439966, -2.771319, -0.064776, 2.420383},
+      {0.165766, 0.205956, 0.059474, -1.510109, 0.572075, -2.573378},
+      {-0.538059, -0.133467, 0.414211, -2.031368, 0.597368, 1.360083},
+      {0.263798, 0.383646, 0.264411, -0.942522, 0.796540, -1.604835},
+      {-0.396930, -0.287942, 0.357359, -1.859015, 0.773680, 1.979998},
+  };
+  auto& model = *Access::impl(*arm).kinematics;
+  const auto tool_miss = [&](const std::vector<double>& q, const std::vector<double>& pose) {
+    const auto fk = model.forwardKinematics_kdl(q);
+    return std::hypot(fk[0] - pose[0], fk[1] - pose[1], fk[2] - pose[2]);
+  };
+  for (size_t k = 0; k < poses.size(); ++k) {
+    const std::vector<double> pos(poses[k].begin(), poses[k].begin() + 3);
+    const std::vector<double> euler(poses[k].begin() + 3, poses[k].end());
+    const auto [seeded, seeded_ok] = arm->solve_ik(pos, euler, home);
+    EXPECT_TRUE(!seeded_ok || tool_miss(seeded, poses[k]) > 0.01) << "pose " << k;
+    const auto [nearest, ok] = arm->solve_ik_nearest(pos, euler, home);
+    ASSERT_TRUE(ok) << "pose " << k;
+    EXPECT_LT(tool_miss(nearest, poses[k]), 1e-6) << "pose " << k;
+  }
+  EXPECT_EQ(refusal_of([&] {
+              arm->solve_ik_nearest({0.3, 0.0}, {0, 0, 0});
+            }),
+            "target_pos and target_euler must both have exactly 3 elements.");
+  EXPECT_EQ(refusal_of([&] {
+              arm->solve_ik_nearest({0.3, 0.0, 0.3}, {0, 0, 0}, {0.0});
+            }),
+            "q_seed must have exactly 6 elements when provided.");
+
+  arm->move_joint_waypoints({home}, 0.0, 1.0);
+  const std::vector<std::vector<double>> tour = {poses[3]};
+  EXPECT_GT(arm->move_p(tour, 0.0, 1.0), 0.0);
+  const auto reached = arm->get_end_effector_pose();
+  const auto& last = tour.back();
+  EXPECT_TRUE(eventually(
+      [&] {
+        const auto p = arm->get_end_effector_pose();
+        return std::hypot(p[0] - last[0], p[1] - last[1], p[2] - last[2]) < 0.004;
+      },
+      3s))
+      << reached[0] << ", " << reached[1] << ", " << reached[2];
 }
 
 TEST_F(MotionTest, SetEndEffectorPoseMovesThereAndSolveIkAgrees) {

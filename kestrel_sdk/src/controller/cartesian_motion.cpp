@@ -347,17 +347,26 @@ std::vector<ArmController::Impl::Sample> ArmController::Impl::plan_cartesian_lin
           target.M.GetRPY(r, p, y);
           const std::vector<double> seed(previous.data.data(), previous.data.data() + kJoints);
           const std::vector<double> position = {target.p.x(), target.p.y(), target.p.z()};
-          // The seeded solve keeps the branch; where it finds nothing (near a singularity), the
-          // solution nearest the previous sample does, and the jump check below judges it.
-          if ((kinematics->solve_ik_kdl(position, {r, p, y}, seed, answer) ||
-               kinematics->solve_ik_nearest(position, {r, p, y}, seed, answer)) &&
-              answer.size() == kJoints) {
+          auto take = [&](const std::vector<double>& q) {
             for (int j = 0; j < kJoints; ++j) {
-              joints(j) = answer[j];
+              joints(j) = q[j];
             }
             track(target, joints);
             fk.JntToCart(joints, reached);
             e = KDL::diff(reached, target);
+          };
+          auto off = [&] {
+            return length(e.vel) > position_tolerance_m ||
+                   length(e.rot) > orientation_tolerance_rad;
+          };
+          // The seeded solve keeps the branch; where it finds nothing near the path (close to a
+          // singularity), the solution nearest the previous sample does, and the jump check
+          // below judges it.
+          if (kinematics->solve_ik_kdl(position, {r, p, y}, seed, answer)) {
+            take(answer);
+          }
+          if (off() && kinematics->solve_ik_nearest(position, {r, p, y}, seed, answer)) {
+            take(answer);
           }
         }
         const double elapsed = static_cast<double>(samples.size()) * period;
@@ -617,22 +626,35 @@ double ArmController::Impl::publish_cartesian_waypoint_trajectory_command(
       std::vector<double> answer;
       const std::vector<double> position = {pose[0], pose[1], pose[2]};
       const std::vector<double> euler = {pose[3], pose[4], pose[5]};
-      if (!kinematics->solve_ik_kdl(position, euler, seed, answer)) {
-        // A pose far from the posture before it: every solution, the nearest taken.
-        if (!kinematics->solve_ik_nearest(position, euler, seed, answer)) {
+      auto miss = [&] {
+        const auto reached = kinematics->forwardKinematics_kdl(answer);
+        const KDL::Frame f(
+            KDL::Rotation::Quaternion(reached[3], reached[4], reached[5], reached[6]),
+            KDL::Vector(reached[0], reached[1], reached[2]));
+        return KDL::diff(f, pose_frame(pose));
+      };
+      auto off = [&](const KDL::Twist& e) {
+        return length(e.vel) > position_tolerance_m || length(e.rot) > orientation_tolerance_rad;
+      };
+      const bool seeded = kinematics->solve_ik_kdl(position, euler, seed, answer);
+      KDL::Twist e = seeded ? miss() : KDL::Twist();
+      if (!seeded || off(e)) {
+        // A pose far from the posture before it (the seeded answer, if any, missed it): every
+        // solution, the nearest taken.
+        std::vector<double> nearest;
+        if (kinematics->solve_ik_nearest(position, euler, seed, nearest)) {
+          answer = nearest;
+          e = miss();
+          std::cerr << prefix << "pose " << k
+                    << ": no answer near the posture before it; took the solution nearest it"
+                    << std::endl;
+        } else if (!seeded) {
           std::ostringstream msg;
           msg << prefix << "no IK answer for pose " << k << " " << format_pose(pose_frame(pose));
           throw std::runtime_error(msg.str());
         }
-        std::cerr << prefix << "pose " << k
-                  << ": no answer near the posture before it; took the solution nearest it"
-                  << std::endl;
       }
-      const auto reached = kinematics->forwardKinematics_kdl(answer);
-      KDL::Frame f(KDL::Rotation::Quaternion(reached[3], reached[4], reached[5], reached[6]),
-                   KDL::Vector(reached[0], reached[1], reached[2]));
-      const KDL::Twist e = KDL::diff(f, pose_frame(pose));
-      if (length(e.vel) > position_tolerance_m || length(e.rot) > orientation_tolerance_rad) {
+      if (off(e)) {
         std::ostringstream msg;
         msg << prefix << "IK answer for pose " << k << " misses it by " << length(e.vel)
             << " m and " << length(e.rot) << " rad";
