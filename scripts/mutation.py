@@ -116,11 +116,17 @@ def selected_tests(fault, programs):
     return names
 
 
-def ctest_regex(names):
-    # CTest's regular expressions know ^ $ | ( ) and backslash escapes; test names carry '.'.
+def ctest_regexes(names, longest=15000):
+    """CTest -R expressions that together select exactly `names`. CTest's regular expressions
+    know ^ $ | ( ) and backslash escapes, and refuse to compile a very long one: split."""
     special = set(".[]()*+?^$|\\")
     escaped = ["".join("\\" + c if c in special else c for c in n) for n in names]
-    return "^(" + "|".join(escaped) + ")$"
+    groups = [[]]
+    for name in escaped:
+        if groups[-1] and sum(len(n) + 1 for n in groups[-1]) + len(name) > longest:
+            groups.append([])
+        groups[-1].append(name)
+    return ["^(" + "|".join(group) + ")$" for group in groups]
 
 
 def run_limited(seconds, command):
@@ -244,7 +250,7 @@ def main(argv):
         names = []
         for fault in chosen(faults, args[2:]):
             names.extend(n for n in selected_tests(fault, programs) if n not in names)
-        print(ctest_regex(names))
+        print("\n".join(ctest_regexes(names)))
     elif command == "report":
         sys.stdout.write(report(faults, args[1], args[2]))
     else:
