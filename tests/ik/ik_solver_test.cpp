@@ -358,6 +358,12 @@ TEST_F(IkConfig, AnalyticModeSolvesFromAnySeedAndKeepsTheOtherStrategiesBehind) 
   const auto r = solve("ik_solver: {mode: analytic}\n", beyond_pos, beyond_euler, kNearStretched);
   EXPECT_THAT(r.out, ::testing::HasSubstr("ok=0 fallback=0")) << r.describe();
   EXPECT_THAT(r.err, ::testing::HasSubstr("solve_ik_kdl failed: ret="));
+  // Weights for another arm are a configuration error of the call, not a silent default.
+  const auto wrong =
+      solve("ik_solver: {mode: analytic, nearest_joint_weights: [1, 2]}\n", pos, euler, seed);
+  EXPECT_NE(wrong.exit_code, 0);
+  EXPECT_THAT(wrong.err, ::testing::HasSubstr("ik_solver.nearest_joint_weights must have 6 "
+                                              "values, one per joint"));
 }
 
 }  // namespace

@@ -49,6 +49,10 @@ ka::IkSolutionSet RobotKinematics::ik_solution_set(const char* caller,
   std::vector<double> w = weights;
   if (w.empty()) {
     w = ka::ik_solver_config().nearest_joint_weights;
+    if (!w.empty() && w.size() != static_cast<size_t>(num_joints_)) {
+      throw std::runtime_error("ik_solver.nearest_joint_weights must have " +
+                               std::to_string(num_joints_) + " values, one per joint");
+    }
   }
   if (w.empty()) {
     w.assign(static_cast<size_t>(num_joints_), 1.0);
