@@ -22,6 +22,7 @@ struct Fetch {
   std::vector<int> status;     // six entries; shorter lists report 1 (enabled) for the rest
   bool gripper_answered = true;
   int gripper_status = 1;
+  int64_t late_ns = 0;  // a loop held up: the fetch comes this much after its period
 };
 
 struct Case {
@@ -46,6 +47,11 @@ Fetch silent(std::vector<bool> answered, bool gripper = true) {
 Fetch status(std::vector<int> codes) {
   Fetch f;
   f.status = std::move(codes);
+  return f;
+}
+
+Fetch late(Fetch f, int64_t ns) {
+  f.late_ns = ns;
   return f;
 }
 
@@ -82,6 +88,10 @@ const Case kCases[] = {
      concat(concat(repeat(kJoint3Silent, 9), {all_answer()}), repeat(kJoint3Silent, 9)),
      "",
      {}},
+    {"AHeldUpLoopAsksThreeTimesBeforeSilence",
+     concat({late(kJoint3Silent, 200000000)}, repeat(kJoint3Silent, 2)),
+     "motor silent stop: joint=3 no feedback for 215.0 ms",
+     {}},
     {"EveryArmMotorSilentPointsAtTheBus",
      repeat(kAllSilent, 10),
      "motor silent stop: joints=1,2,3,4,5,6 no feedback for 50.0 ms (no arm motor answers: is "
@@ -111,6 +121,7 @@ TEST_P(MotorSupervisionTest, Fetches) {
   Reading gripper{};
   int64_t now = 1000000000;
   const auto fetch = [&](const Fetch& f) {
+    now += f.late_ns;
     for (size_t i = 0; i < arm.size(); ++i) {
       if (i >= f.answered.size() || f.answered[i]) {
         ++arm[i].feedback_count;
