@@ -123,6 +123,7 @@ TEST(GlobalIkSearch, AgreesWithTheClosedForm) {
     const auto exact = m.solve_ik_all(pose.pos, pose.euler, {}, Method::closed_form);
     const auto searched = m.solve_ik_all(pose.pos, pose.euler, {}, Method::global_search);
     expect_valid(m, searched, pose, "trial " + std::to_string(trial));
+    EXPECT_LE(searched.size(), exact.size()) << "trial " << trial << ": a solution twice";
     for (const auto& s : searched) {
       EXPECT_TRUE(contains(exact, s, 1e-5)) << "trial " << trial << ": a solution not in the set";
     }
