@@ -195,6 +195,8 @@ TEST_F(PlannerTest, PublicPlanChecksItsArgumentsInOrder) {
   EXPECT_EQ(message(start, {{0.0}}, {0.5}, 1.0, 0.5),
             "speed_percent and time_sec are mutually exclusive; set only one");
   EXPECT_EQ(message(start, {{0.0}}, {0.5}, 0.0, 1.5), "speed_percent must be in (0, 1]");
+  EXPECT_EQ(message(start, {{0.0}}, {0.5}, 0.0, 1.0),  // full speed passes the speed check
+            "each waypoint must have exactly 6 joint values");
   EXPECT_EQ(message(start, {{0.0}}, {0.5}, 1.0, 0.0),
             "each waypoint must have exactly 6 joint values");
 }
@@ -342,10 +344,12 @@ TEST_F(PlannerTest, LinePathStaysOnItsLinesAndRoundsCornersWithinTheRadius) {
   const Eigen::Vector3d p0(pose[0], pose[1], pose[2]);
   const auto rpy = impl().kinematics->rotation_matrix_to_euler(
       Eigen::Quaterniond(pose[6], pose[3], pose[4], pose[5]).toRotationMatrix());
-  // A 6 cm square back towards the base (the working posture reaches far out).
+  // Four lines back towards the base (the working posture reaches far out), turning by 90
+  // degrees, then sharply (56 degrees inside: the arc must shrink to keep within the radius),
+  // then gently.
   const std::vector<Eigen::Vector3d> corners = {p0 + Eigen::Vector3d(-0.06, 0, 0),
                                                 p0 + Eigen::Vector3d(-0.06, 0.06, 0),
-                                                p0 + Eigen::Vector3d(0, 0.06, 0), p0};
+                                                p0 + Eigen::Vector3d(0, 0.02, 0), p0};
   std::vector<std::vector<double>> poses;
   for (const auto& c : corners) {
     poses.push_back({c.x(), c.y(), c.z(), rpy.x(), rpy.y(), rpy.z()});
