@@ -88,6 +88,11 @@ TEST_F(LoopTest, OutOfRangeTargetsAreClampedToTheUrdfLimits) {
   EXPECT_TRUE(
       eventually([&] { return std::abs(arm->get_joint()[5] - impl.joint_upper[5]) < 0.02; }, 3s))
       << arm->get_joint()[5];
+  // A raw target beyond the limit is clamped in the loop too: the joint stays where it is.
+  const auto q = arm->get_joint();
+  arm->set_joint_raw({q[0], q[1], q[2], q[3], q[4], 100.0}, {0, 0, 0, 0, 0, 0});
+  std::this_thread::sleep_for(500ms);
+  EXPECT_LT(std::abs(arm->get_joint()[5] - impl.joint_upper[5]), 0.02) << arm->get_joint()[5];
 }
 
 TEST_F(LoopTest, BadArgumentsChangeNothing) {
@@ -264,6 +269,12 @@ TEST_F(LoopTest, SustainedVelocityExcessStopsTheArm) {
   // The commanded velocity passes the 5.2 rad/s stop level 0.69 s into the ramp: no stop before.
   EXPECT_GE(Clock::now() - played, 650ms);
   EXPECT_TRUE(motors_end_disabled(sim));
+  // Switched off by the stop itself, not only by their own communication time-out 50 ms later.
+  size_t disables = 0;
+  for (const auto& entry : sim.motors().received_frames()) {
+    disables += entry.command.kind == kestrel::sim::CommandKind::kDisable;
+  }
+  EXPECT_GE(disables, 6u);
   const auto [out, err] = finish();
   // The eight stop cycles are counted over all three quantities and the line names the largest
   // ratio of the last one: on a loaded machine a late feedback frame can make that a jerk spike.

@@ -164,6 +164,8 @@ TEST_F(StopAndRecord, CycleSampleCarriesCommandFeedForwardAndFeedback) {
   double largest_velocity_command = 0.0;
   uint64_t last_cycle = arm->get_control_cycle_sample().cycle;
   int cycles_seen = 0;
+  int moving = 0;        // cycles where joint 2 or 5 (motors mounted reversed) is commanded to move
+  int against_sign = 0;  // of those, the ones where it is measured moving the other way
   const auto until = Clock::now() + 1500ms;
   while (Clock::now() < until) {
     const auto c = arm->get_control_cycle_sample();
@@ -173,12 +175,20 @@ TEST_F(StopAndRecord, CycleSampleCarriesCommandFeedForwardAndFeedback) {
       EXPECT_EQ(c.command_kind, 2);
       largest_velocity_command =
           std::max(largest_velocity_command, std::abs(c.commanded_velocity[2]));
+      for (int j : {1, 4}) {
+        if (std::abs(c.commanded_velocity[j]) > 0.2) {
+          ++moving;
+          against_sign += c.commanded_velocity[j] * c.measured_velocity[j] < 0.0;
+        }
+      }
     }
     std::this_thread::sleep_for(2500us);
   }
   EXPECT_GT(cycles_seen, 300);  // 1.5 s at 400 Hz, polled from another thread
   // Joint 3 travels about 0.1-0.4 rad in 1 s: its peak septic velocity is 2.19 x the mean.
   EXPECT_GT(largest_velocity_command, 0.1);
+  EXPECT_GT(moving, 50);
+  EXPECT_EQ(against_sign, 0) << "measured velocities carry the motor signs";
   const auto c = arm->get_control_cycle_sample();
   for (int j = 0; j < 6; ++j) {
     EXPECT_NEAR(c.commanded_position[j], target[j], 1e-9) << j;
