@@ -154,9 +154,13 @@ def run_limited(seconds, command):
 def failed_tests(log_path):
     """The tests CTest lists as failed at the end of its output."""
     names = []
+    listing = False
     with open(log_path, encoding="utf-8", errors="replace") as f:
         for line in f:
-            found = re.match(r"^\s*\d+ - (\S+) \(", line)
+            if line.startswith("The following tests FAILED"):
+                listing = True
+                continue
+            found = re.match(r"^\s+\d+ - (\S+)", line) if listing else None
             if found and found.group(1) not in names:
                 names.append(found.group(1))
     return names
