@@ -118,6 +118,19 @@ TEST(SolveIk, RoundTripsFromNearbySeedsStayOnTheBranch) {
   EXPECT_GE(solved, trials * 99 / 100);
 }
 
+// KDL converges to the posture beyond joint 3's upper limit (0.58 rad) that the target came from;
+// the answer is clamped onto the limit, never returned beyond it.
+TEST(SolveIk, KdlAnswerBeyondALimitIsClampedOntoIt) {
+  const Joints beyond = {0.2, 0.3, 0.8, 0.1, -0.5, 0.2};
+  const auto [pos, euler] = pose_of(beyond);
+  Joints seed = beyond;
+  seed[0] += 0.01;
+  Joints out;
+  ASSERT_TRUE(model().solve_ik_kdl(pos, euler, seed, out));
+  EXPECT_EQ(out[2], model().joint_upper_limits()[2]);
+  EXPECT_NEAR(out[0], beyond[0], 1e-4);  // KDL stops within its eps of 1e-5
+}
+
 TEST(SolveIk, TargetJustBeyondReachIsAcceptedWithinTolerance) {
   const auto [pos, euler] = beyond_reach(0.0015);
   Joints out;
