@@ -1,7 +1,6 @@
 // The Kestrel facade and its two motor groups against simulated motors on the userspace bus.
 #include "kestrel/arm/kestrel.hpp"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <array>
@@ -21,23 +20,34 @@
 namespace kestrel::can::socket {
 namespace {
 
-using kestrel::testing::refusal_of;
-
 namespace dm = damiao_motor;
 using namespace std::chrono_literals;
 using kestrel::testing::capture_stderr;
-using Clock = std::chrono::steady_clock;
+using kestrel::testing::refusal_of;
 using T = dm::MotorType;
 using Bytes = std::vector<uint8_t>;
+using Ids = std::vector<uint32_t>;
 
 const std::vector<T> kArmTypes = {T::DM_V8_T28,  T::DM_V8_T28,  T::DM_V8_T28,
                                   T::DM_V30_T10, T::DM_V30_T10, T::DM_V30_T10};
 const std::vector<unsigned> kArmIds = {1, 2, 3, 4, 5, 6};
 const std::vector<unsigned> kArmFeedbackIds = {0x11, 0x12, 0x13, 0x14, 0x15, 0x16};
+const std::string kOutOfRange =
+    "Error: Distance out of range! Must be between 0 and 0.085 meters.\n";
+constexpr double kQStep = 25.0 / 65535.0;  // one position code
 
-// Received frames of the simulator's log as (identifier, first byte / command) in order.
-std::vector<uint32_t> received_ids(const sim::SimulatedMotorBus& motors) {
-  std::vector<uint32_t> ids;
+// Bytes written as hexadecimal pairs, "8A 3C ...".
+Bytes hex(const std::string& text) {
+  Bytes bytes;
+  for (size_t i = 0; i + 1 < text.size(); i += 3) {
+    bytes.push_back(static_cast<uint8_t>(std::stoi(text.substr(i, 2), nullptr, 16)));
+  }
+  return bytes;
+}
+
+// Identifiers of the frames the simulator received, in order.
+Ids received_ids(const sim::SimulatedMotorBus& motors) {
+  Ids ids;
   for (const auto& entry : motors.received_frames()) {
     ids.push_back(entry.frame.id);
   }
@@ -55,11 +65,16 @@ class FacadeTest : public ::testing::TestWithParam<bool> {
     motors->start();
   }
 
-  // Waits until the simulator has received `frames` frames since the last clear, then takes in
-  // the replies. Waiting on the frames (not on a quiet gap) keeps the tests exact under load.
-  void settle(size_t frames) {
-    ASSERT_TRUE(motors->wait_for_received(frames, 5s)) << "simulated motors heard too little";
-    arm.recv_all(20000);
+  // Runs `commands`, waits until the simulator has received `frames` frames since the last
+  // clear, then takes in the replies. Waiting on the frames (not on a quiet gap) keeps the tests
+  // exact under load.
+  void send_and_settle(const std::function<void()>& commands, size_t frames) {
+    motors->clear_frame_log();
+    capture_stderr([&] {
+      commands();
+      ASSERT_TRUE(motors->wait_for_received(frames, 5s)) << "simulated motors heard too little";
+      arm.recv_all(20000);
+    });
   }
 
   void init_all() {
@@ -72,42 +87,38 @@ class FacadeTest : public ::testing::TestWithParam<bool> {
   Kestrel arm{"can0", GetParam()};
 };
 
-TEST_P(FacadeTest, ForwardsToArmThenGripperAndNothingBeforeInit) {
+TEST_P(FacadeTest, CommandsGoToArmThenGripperAndRepliesToTheMotorAsked) {
   arm.enable_all();  // no motor exists yet
   arm.recv_all(2000);
   EXPECT_TRUE(motors->received_frames().empty());
 
   init_all();
-  capture_stderr([&] {
-    arm.enable_all();
-    settle(7);
-  });
-  EXPECT_EQ(received_ids(*motors), (std::vector<uint32_t>{1, 2, 3, 4, 5, 6, 7}));
-  for (size_t i = 0; i < 7; ++i) {
-    EXPECT_TRUE(motors->motor_state(i).enabled) << i;
+  // A quiet bus: recv_all returns soon after its time-out, not before.
+  for (int timeout_us : {2000, 20000}) {
+    const auto t0 = std::chrono::steady_clock::now();
+    arm.recv_all(timeout_us);
+    const auto us =
+        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - t0)
+            .count();
+    EXPECT_GE(us, timeout_us);
+    EXPECT_LT(us, timeout_us + 15000);
   }
-}
-
-TEST_P(FacadeTest, RecvAllDispatchesFeedbackAndReplyToTheRightMotor) {
-  init_all();
-  capture_stderr([&] {
-    arm.refresh_all();
-    settle(7);
-  });
+  send_and_settle([&] { arm.enable_all(); }, 7);
+  EXPECT_EQ(received_ids(*motors), (Ids{1, 2, 3, 4, 5, 6, 7}));
   const auto joints = arm.get_arm().get_motors();
   ASSERT_EQ(joints.size(), 6u);
   const double posture[6] = {0.1, -0.2, 0.3, -0.4, 0.5, -0.6};
   for (int i = 0; i < 6; ++i) {
-    EXPECT_NEAR(joints[i].get_position(), posture[i], 25.0 / 65535.0) << i;
+    EXPECT_TRUE(motors->motor_state(i).enabled) << i;
+    EXPECT_NEAR(joints[i].get_position(), posture[i], kQStep) << i;
   }
-  EXPECT_NEAR(arm.get_gripper().get_motor()->get_position(), -0.3, 25.0 / 65535.0);
+  EXPECT_TRUE(motors->motor_state(6).enabled);
+  EXPECT_NEAR(arm.get_gripper().get_motor()->get_position(), -0.3, kQStep);
 
   // Register replies land in the motor that was asked, through the bus-wide registry.
   motors->set_register(4, 4, 7.25);  // joint 5's ACC
   arm.set_callback_mode_all(dm::CallbackMode::PARAM);
-  motors->clear_frame_log();
-  arm.query_acc_all();
-  settle(7);
+  send_and_settle([&] { arm.query_acc_all(); }, 7);
   arm.set_callback_mode_all(dm::CallbackMode::STATE);
   EXPECT_EQ(arm.get_arm().get_motors()[4].get_param(4), 7.25);
   EXPECT_GT(arm.get_arm().get_motors()[3].get_param(4), 0.0);
@@ -120,39 +131,22 @@ TEST_P(FacadeTest, AReplacedGripperMotorLeavesTheFacadeWithItsDevice) {
   // The new motor listens on 0x18; the old device (0x17) must not stay registered with a motor
   // that no longer exists, nor the gripper group twice.
   arm.init_gripper_motor(T::DM_V30_T10, 7, 0x18);
-  capture_stderr([&] {
-    arm.enable_all();
-    settle(7);
-  });
-  EXPECT_EQ(received_ids(*motors), (std::vector<uint32_t>{1, 2, 3, 4, 5, 6, 7}));
-  motors->clear_frame_log();
-  capture_stderr([&] {
-    arm.refresh_all();  // motor 7 answers on 0x17: nobody's feedback any more
-    settle(7);
-  });
+  send_and_settle([&] { arm.enable_all(); }, 7);
+  EXPECT_EQ(received_ids(*motors), (Ids{1, 2, 3, 4, 5, 6, 7}));
+  send_and_settle([&] { arm.refresh_all(); }, 7);  // motor 7 answers on 0x17: nobody's feedback
   EXPECT_EQ(arm.get_gripper().get_motor()->get_position(), 0.0);
 }
 
-TEST_P(FacadeTest, RecvAllOnAQuietBusReturnsAfterItsTimeout) {
-  init_all();
-  for (int timeout_us : {2000, 20000}) {
-    const auto t0 = Clock::now();
-    arm.recv_all(timeout_us);
-    const auto us = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - t0);
-    EXPECT_GE(us.count(), timeout_us);
-    EXPECT_LT(us.count(), timeout_us + 15000) << "returns soon after a quiet timeout";
-  }
-}
-
-TEST_P(FacadeTest, ValueVectorsArePairedPerGroupFromIndexZero) {
+TEST_P(FacadeTest, ValueVectorsArePairedPerGroupAndEachRegistrationIsForwarded) {
   init_all();
   const std::vector<float> acc = {1.5f, 2.5f, 3.5f, 4.5f, 5.5f, 6.5f};
-  capture_stderr([&] {
-    arm.set_acc_all(acc);
-    arm.set_timeout_all(1000);
-    arm.switch_all_motors_mode(dm::POS_VEL_MODE);
-    settle(7 + 7 + 7);
-  });
+  send_and_settle(
+      [&] {
+        arm.set_acc_all(acc);
+        arm.set_timeout_all(1000);
+        arm.switch_all_motors_mode(dm::POS_VEL_MODE);
+      },
+      7 + 7 + 7);
   for (int i = 0; i < 6; ++i) {
     EXPECT_EQ(motors->motor_state(i).registers.value(4), acc[i]) << i;
     EXPECT_EQ(motors->motor_state(i).mode, 2u);
@@ -160,19 +154,16 @@ TEST_P(FacadeTest, ValueVectorsArePairedPerGroupFromIndexZero) {
   // The gripper group takes element 0 of the arm-sized vector.
   EXPECT_EQ(motors->motor_state(6).registers.value(4), acc[0]);
   EXPECT_EQ(motors->motor_state(6).registers.value(9), 1000.0);
-}
 
-TEST_P(FacadeTest, RegisteringAGroupTwiceDoublesEveryForwardedCommand) {
-  init_all();
   arm.register_dm_device_collection(arm.get_gripper());
-  capture_stderr([&] {
-    arm.disable_all();
-    settle(8);
-  });
-  EXPECT_EQ(received_ids(*motors), (std::vector<uint32_t>{1, 2, 3, 4, 5, 6, 7, 7}));
+  send_and_settle([&] { arm.disable_all(); }, 8);
+  EXPECT_EQ(received_ids(*motors), (Ids{1, 2, 3, 4, 5, 6, 7, 7}));
 }
 
-TEST_P(FacadeTest, GripperCommandsBeforeAndAfterInit) {
+// Without a motor the gripper's commands are silent no-ops and its encoders refuse; a NaN would
+// reach the motor as the bottom of the position range (-12.5 rad), an infinity as one end:
+// refused by name, before the motor exists and after, with nothing printed or sent.
+TEST_P(FacadeTest, GripperCommandsRefusalsAndTargets) {
   auto& gripper = arm.get_gripper();
   EXPECT_EQ(capture_stderr([&] {
               gripper.open(8.0, 0.1);
@@ -182,74 +173,33 @@ TEST_P(FacadeTest, GripperCommandsBeforeAndAfterInit) {
               gripper.set_tau(0.1);
             }),
             "");
-  EXPECT_TRUE(motors->received_frames().empty());
   EXPECT_EQ(refusal_of<std::logic_error>([&] { gripper.encode_distance(0.04, 8.0, 0.1); }),
             "GripperComponent::encode_distance: the gripper has no motor");
   EXPECT_EQ(refusal_of<std::logic_error>([&] { gripper.encode_tau(0.1); }),
             "GripperComponent::encode_tau: the gripper has no motor");
 
-  arm.init_gripper_motor(T::DM_V30_T10, 7, 0x17);
-  struct Case {
-    std::function<void()> command;
-    double q;
-    double kp;
-    double tau;
-  };
-  const Case cases[] = {
-      {[&] { gripper.open(8.0, 0.1); }, -1.235463, 8.0, 0.0},
-      {[&] { gripper.close(8.0, 0.1); }, 0.0, 8.0, 0.0},
-      {[&] { gripper.set_position(0.5, 8.0, 0.1); }, -0.6177315, 8.0, 0.0},
-      {[&] { gripper.set_distance(0.085, 12.0, 0.2); }, -1.235598154197257, 12.0, 0.0},
-      {[&] { gripper.set_tau(0.75); }, 0.0, 0.0, 0.75},
-  };
-  for (const auto& c : cases) {
-    motors->clear_frame_log();
-    c.command();
-    ASSERT_TRUE(motors->wait_for_received(1, 1s));
-    const auto state = motors->motor_state(6);
-    ASSERT_TRUE(state.last_mit.has_value());
-    EXPECT_NEAR(state.last_mit->q, c.q, 25.0 / 65535.0);
-    EXPECT_NEAR(state.last_mit->kp, c.kp, 500.0 / 4095.0);
-    EXPECT_NEAR(state.last_mit->tau, c.tau, 20.0 / 4095.0);
-    EXPECT_NEAR(state.last_mit->dq, 0.0, 60.0 / 4095.0);
-  }
-  arm.recv_all(2000);
-}
-
-TEST_P(FacadeTest, OutOfRangeDistanceStillCommandsMinusOneRadian) {
-  arm.init_gripper_motor(T::DM_V30_T10, 7, 0x17);
-  for (double d : {0.0851, -0.001}) {
-    motors->clear_frame_log();
-    EXPECT_EQ(capture_stderr([&] { arm.get_gripper().set_distance(d, 8.0, 0.1); }),
-              "Error: Distance out of range! Must be between 0 and 0.085 meters.\n");
-    ASSERT_TRUE(motors->wait_for_received(1, 1s));
-    EXPECT_NEAR(motors->motor_state(6).last_mit->q, -1.0, 25.0 / 65535.0);
-  }
-}
-
-// A NaN would reach the motor as the bottom of the position range (-12.5 rad), an infinity as one
-// end: refused by name, before the motor exists and after, with nothing printed or sent.
-TEST_P(FacadeTest, NonFiniteGripperArgumentsAreRefused) {
-  auto& gripper = arm.get_gripper();
   const double nan = std::nan("");
   const double inf = INFINITY;
+  const std::string set_distance = "GripperComponent::set_distance: ";
+  const std::string set_position = "GripperComponent::set_position: ";
+  const std::string to_angle = "GripperComponent::distance_to_motor_angle: ";
   const struct {
     const char* name;
     std::function<void()> call;
-    const char* message;
-  } rows[] = {
+    std::string message;
+  } refusals[] = {
       {"NaN opening", [&] { gripper.set_distance(nan, 8.0, 0.1); },
-       "GripperComponent::set_distance: distance must be finite, got nan"},
+       set_distance + "distance must be finite, got nan"},
       {"infinite opening", [&] { gripper.set_distance(inf, 8.0, 0.1); },
-       "GripperComponent::set_distance: distance must be finite, got inf"},
+       set_distance + "distance must be finite, got inf"},
       {"NaN kd with an opening", [&] { gripper.set_distance(0.05, 8.0, nan); },
-       "GripperComponent::set_distance: kd must be finite, got nan"},
+       set_distance + "kd must be finite, got nan"},
       {"NaN position", [&] { gripper.set_position(nan, 8.0, 0.1); },
-       "GripperComponent::set_position: position must be finite, got nan"},
+       set_position + "position must be finite, got nan"},
       {"-inf position", [&] { gripper.set_position(-inf, 8.0, 0.1); },
-       "GripperComponent::set_position: position must be finite, got -inf"},
+       set_position + "position must be finite, got -inf"},
       {"infinite kp with a position", [&] { gripper.set_position(0.5, inf, 0.1); },
-       "GripperComponent::set_position: kp must be finite, got inf"},
+       set_position + "kp must be finite, got inf"},
       {"NaN kp opening", [&] { gripper.open(nan, 0.1); },
        "GripperComponent::open: kp must be finite, got nan"},
       {"infinite kd closing", [&] { gripper.close(8.0, inf); },
@@ -257,86 +207,104 @@ TEST_P(FacadeTest, NonFiniteGripperArgumentsAreRefused) {
       {"NaN torque", [&] { gripper.set_tau(nan); },
        "GripperComponent::set_tau: tau must be finite, got nan"},
       {"infinite opening, encoded", [&] { gripper.encode_distance(inf, 8.0, 0.1); },
-       "GripperComponent::set_distance: distance must be finite, got inf"},
+       set_distance + "distance must be finite, got inf"},
       {"NaN kp with an opening, encoded", [&] { gripper.encode_distance(0.05, nan, 0.1); },
-       "GripperComponent::set_distance: kp must be finite, got nan"},
+       set_distance + "kp must be finite, got nan"},
       {"-inf torque, encoded", [&] { gripper.encode_tau(-inf); },
        "GripperComponent::set_tau: tau must be finite, got -inf"},
       {"NaN opening to an angle", [&] { GripperComponent::distance_to_motor_angle(nan); },
-       "GripperComponent::distance_to_motor_angle: distance must be finite, got nan"},
+       to_angle + "distance must be finite, got nan"},
       {"-inf opening to an angle", [&] { GripperComponent::distance_to_motor_angle(-inf); },
-       "GripperComponent::distance_to_motor_angle: distance must be finite, got -inf"},
+       to_angle + "distance must be finite, got -inf"},
   };
   for (bool with_motor : {false, true}) {
     if (with_motor) {
       arm.init_gripper_motor(T::DM_V30_T10, 7, 0x17);
     }
-    for (const auto& row : rows) {
+    for (const auto& row : refusals) {
+      SCOPED_TRACE(std::string(row.name) + (with_motor ? ", with motor" : ""));
       std::string message;
-      EXPECT_EQ(capture_stderr([&] { message = refusal_of(row.call); }), "") << row.name;
-      EXPECT_EQ(message, row.message) << row.name << (with_motor ? ", with motor" : "");
+      EXPECT_EQ(capture_stderr([&] { message = refusal_of(row.call); }), "");
+      EXPECT_EQ(message, row.message);
     }
   }
-  EXPECT_FALSE(motors->wait_for_received(1, 200ms)) << "a refused command sends nothing";
+  EXPECT_FALSE(motors->wait_for_received(1, 200ms)) << "nothing is sent without a motor or "
+                                                       "for a refused command";
+
+  // An opening outside 0..85 mm is reported and still commands -1 rad.
+  const struct {
+    const char* name;
+    std::function<void()> command;
+    double q, kp, tau;
+    std::string log;
+  } commands[] = {
+      {"open", [&] { gripper.open(8.0, 0.1); }, -1.235463, 8.0, 0.0, ""},
+      {"close", [&] { gripper.close(8.0, 0.1); }, 0.0, 8.0, 0.0, ""},
+      {"half way", [&] { gripper.set_position(0.5, 8.0, 0.1); }, -0.6177315, 8.0, 0.0, ""},
+      {"85 mm", [&] { gripper.set_distance(0.085, 12.0, 0.2); }, -1.235598154197257, 12.0, 0.0, ""},
+      {"85.1 mm", [&] { gripper.set_distance(0.0851, 8.0, 0.1); }, -1.0, 8.0, 0.0, kOutOfRange},
+      {"-1 mm", [&] { gripper.set_distance(-0.001, 8.0, 0.1); }, -1.0, 8.0, 0.0, kOutOfRange},
+      {"torque", [&] { gripper.set_tau(0.75); }, 0.0, 0.0, 0.75, ""},
+  };
+  for (const auto& c : commands) {
+    SCOPED_TRACE(c.name);
+    motors->clear_frame_log();
+    EXPECT_EQ(capture_stderr(c.command), c.log);
+    ASSERT_TRUE(motors->wait_for_received(1, 1s));
+    const auto state = motors->motor_state(6);
+    ASSERT_TRUE(state.last_mit.has_value());
+    EXPECT_NEAR(state.last_mit->q, c.q, kQStep);
+    EXPECT_NEAR(state.last_mit->kp, c.kp, 500.0 / 4095.0);
+    EXPECT_NEAR(state.last_mit->tau, c.tau, 20.0 / 4095.0);
+    EXPECT_NEAR(state.last_mit->dq, 0.0, 60.0 / 4095.0);
+  }
+  arm.recv_all(2000);
 }
 
-// The frames encoded apart from sending are the commands' own bytes, and send_encoded puts them
+// The frames encoded apart from sending carry the commands' bytes, and send_encoded puts them
 // on the wire as they stand, in the socket's frame kind.
 TEST_P(FacadeTest, EncodedFramesAreTheCommandsBytesOnTheWire) {
   init_all();
   auto& joints = arm.get_arm();
   auto& gripper = arm.get_gripper();
-  const dm::Motor& first = joints.dm_devices()[0]->get_motor();
-  const dm::Motor& last = joints.dm_devices()[5]->get_motor();
-  const dm::Motor& grip = *gripper.get_motor();
-  using E = dm::CanPacketEncoder;
+  const dm::MITParam mit{50.0, 1.0, 1.0, 0.5, 2.0}, clamped{600.0, 10.0, -20.0, -100.0, 100.0};
+  const dm::POS_VELParam pos_vel_1{10.0f, -1.5f}, pos_vel_6{-1.0f, 2.0f};
   const struct {
     const char* name;
     std::function<dm::EncodedFrame()> encode;
-    dm::CANPacket expected;
+    uint32_t id;
+    Bytes data;
     std::string log;
   } rows[] = {
-      {"MIT, joint 1",
-       [&] {
-         return joints.encode_mit_one(0, {50.0, 1.0, 1.0, 0.5, 2.0});
-       },
-       E::create_mit_control_command(first, {50.0, 1.0, 1.0, 0.5, 2.0}), ""},
-      {"MIT clamped, joint 6",
-       [&] {
-         return joints.encode_mit_one(5, {600.0, 10.0, -20.0, -100.0, 100.0});
-       },
-       E::create_mit_control_command(last, {600.0, 10.0, -20.0, -100.0, 100.0}), ""},
-      {"position-velocity, joint 1",
-       [&] {
-         return joints.encode_pos_vel_one(0, {10.0f, -1.5f});
-       },
-       E::create_pos_vel_control_command(first, {10.0f, -1.5f}), ""},
-      {"position-velocity, joint 6",
-       [&] {
-         return joints.encode_pos_vel_one(5, {-1.0f, 2.0f});
-       },
-       E::create_pos_vel_control_command(last, {-1.0f, 2.0f}), ""},
-      {"gripper fully open", [&] { return gripper.encode_distance(0.085, 12.0, 0.2); },
-       E::create_mit_control_command(grip, {12.0, 0.2, -1.235598154197257, 0.0, 0.0}), ""},
-      {"gripper out of range", [&] { return gripper.encode_distance(0.0851, 8.0, 0.1); },
-       E::create_mit_control_command(grip, {8.0, 0.1, -1.0, 0.0, 0.0}),
-       "Error: Distance out of range! Must be between 0 and 0.085 meters.\n"},
-      {"gripper torque", [&] { return gripper.encode_tau(-0.75); },
-       E::create_mit_control_command(grip, {0.0, 0.0, 0.0, 0.0, -0.75}), ""},
+      {"MIT, joint 1", [&] { return joints.encode_mit_one(0, mit); }, 1,
+       hex("8A 3C 87 F1 99 33 38 91"), ""},
+      {"MIT clamped, joint 6", [&] { return joints.encode_mit_one(5, clamped); }, 6,
+       hex("00 00 00 0F FF FF FF FF"), ""},
+      {"position-velocity, joint 1", [&] { return joints.encode_pos_vel_one(0, pos_vel_1); }, 0x101,
+       hex("00 00 20 41 00 00 C0 BF"), ""},
+      {"position-velocity, joint 6", [&] { return joints.encode_pos_vel_one(5, pos_vel_6); }, 0x106,
+       hex("00 00 80 BF 00 00 00 40"), ""},
+      {"gripper fully open", [&] { return gripper.encode_distance(0.085, 12.0, 0.2); }, 7,
+       hex("73 58 7F F0 62 0A 37 FF"), ""},
+      {"gripper out of range", [&] { return gripper.encode_distance(0.0851, 8.0, 0.1); }, 7,
+       hex("75 C2 7F F0 41 05 17 FF"), kOutOfRange},
+      {"gripper torque", [&] { return gripper.encode_tau(-0.75); }, 7,
+       hex("7F FF 7F F0 00 00 07 65"), ""},
   };
   for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
     motors->clear_frame_log();
     dm::EncodedFrame frame;
-    EXPECT_EQ(capture_stderr([&] { frame = row.encode(); }), row.log) << row.name;
-    EXPECT_EQ(frame.can_id, row.expected.can_id) << row.name;
-    EXPECT_EQ(Bytes(frame.data.begin(), frame.data.end()), row.expected.data) << row.name;
-    EXPECT_TRUE(joints.send_encoded(frame)) << row.name;
-    ASSERT_TRUE(motors->wait_for_received(1, 1s)) << row.name;
+    EXPECT_EQ(capture_stderr([&] { frame = row.encode(); }), row.log);
+    EXPECT_EQ(frame.can_id, row.id);
+    EXPECT_EQ(Bytes(frame.data.begin(), frame.data.end()), row.data);
+    EXPECT_TRUE(joints.send_encoded(frame));
+    ASSERT_TRUE(motors->wait_for_received(1, 1s));
     const sim::Frame wire = motors->received_frames().front().frame;
-    EXPECT_EQ(wire.id, row.expected.can_id) << row.name;
-    EXPECT_EQ(wire.fd, GetParam()) << row.name;
-    EXPECT_EQ(wire.len, 8) << row.name;
-    EXPECT_EQ(Bytes(wire.data.begin(), wire.data.begin() + 8), row.expected.data) << row.name;
+    EXPECT_EQ(wire.id, row.id);
+    EXPECT_EQ(wire.fd, GetParam());
+    EXPECT_EQ(wire.len, 8);
+    EXPECT_EQ(Bytes(wire.data.begin(), wire.data.begin() + 8), row.data);
   }
   capture_stderr([&] { arm.recv_all(2000); });
 }
@@ -346,10 +314,7 @@ TEST_P(FacadeTest, EncodedFramesAreTheCommandsBytesOnTheWire) {
 // lines, the status table's entries) none of it touches the heap.
 TEST_P(FacadeTest, ASteadyControlCycleAllocatesNothing) {
   init_all();
-  capture_stderr([&] {
-    arm.enable_all();
-    settle(7);
-  });
+  send_and_settle([&] { arm.enable_all(); }, 7);
   auto& joints = arm.get_arm();
   auto& gripper = arm.get_gripper();
   const float hold[6] = {0.1f, -0.2f, 0.3f, -0.4f, 0.5f, -0.6f};
@@ -362,6 +327,7 @@ TEST_P(FacadeTest, ASteadyControlCycleAllocatesNothing) {
       {"position-velocity joints, limp gripper", dm::POS_VEL_MODE, true},
   };
   for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
     std::array<dm::EncodedFrame, 7> frames;
     double position_sum = 0.0;
     auto cycle = [&] {
@@ -399,40 +365,33 @@ TEST_P(FacadeTest, ASteadyControlCycleAllocatesNothing) {
       }
       allocations = count.count();
     });
-    EXPECT_EQ(allocations, 0u) << row.name;
-    EXPECT_TRUE(std::isfinite(position_sum)) << row.name;
+    EXPECT_EQ(allocations, 0u);
+    EXPECT_TRUE(std::isfinite(position_sum));
     for (int i = 0; i < 6; ++i) {
-      EXPECT_NE(joints.dm_devices()[i]->get_motor().get_t_mos(), -1) << row.name << ", joint " << i;
+      EXPECT_NE(joints.dm_devices()[i]->get_motor().get_t_mos(), -1) << "joint " << i;
     }
-    EXPECT_NE(gripper.get_motor()->get_t_mos(), -1) << row.name << ", gripper";
+    EXPECT_NE(gripper.get_motor()->get_t_mos(), -1) << "gripper";
   }
 }
 
 INSTANTIATE_TEST_SUITE_P(ClassicAndFd, FacadeTest, ::testing::Values(false, true),
                          [](const auto& info) { return info.param ? "Fd" : "Classic"; });
 
-TEST(FacadeConstruction, MissingInterfaceThrowsTheSocketError) {
-  simbus::ScopedSimbus bus{{"can0"}};
-  try {
-    Kestrel arm("can9", false);
-    FAIL() << "constructed on a missing interface";
-  } catch (const canbus::CANSocketException& e) {
-    EXPECT_STREQ(e.what(), "Socket error: Failed to initialize socket for interface: can9");
-  }
-}
-
 // A short id vector would be read past its end, an unknown type would scale every frame from
 // memory past the limit table, and a second call would move the motors the devices refer to.
-TEST(ArmComponentInit, RefusesInputsItCannotUseAndCreatesNothing) {
+// A replaced gripper motor's old device refers to the motor just destroyed: as device 0 it would
+// take every command.
+TEST(ComponentInit, RefusesInputsItCannotUseAndReplacesTheGripperDevice) {
   simbus::ScopedSimbus bus{{"can0"}};
+  EXPECT_EQ(refusal_of<canbus::CANSocketException>([] { Kestrel arm("can9", false); }),
+            "Socket error: Failed to initialize socket for interface: can9");
   canbus::CANSocket socket("can0", false);
   ArmComponent joints(socket);
   const std::string op = "ArmComponent::init_motor_devices: ";
   const struct {
     const char* name;
     std::vector<T> types;
-    std::vector<unsigned> send_ids;
-    std::vector<unsigned> recv_ids;
+    std::vector<unsigned> send_ids, recv_ids;
     std::string message;
   } rows[] = {
       {"one send id short",
@@ -448,46 +407,45 @@ TEST(ArmComponentInit, RefusesInputsItCannotUseAndCreatesNothing) {
        op + "invalid motor type 13 for motor 2"},
   };
   for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
     EXPECT_EQ(refusal_of(
                   [&] { joints.init_motor_devices(row.types, row.send_ids, row.recv_ids, false); }),
-              row.message)
-        << row.name;
-    EXPECT_TRUE(joints.get_dm_devices().empty()) << row.name;
+              row.message);
+    EXPECT_TRUE(joints.get_dm_devices().empty());
   }
   joints.init_motor_devices(kArmTypes, kArmIds, kArmFeedbackIds, false);
   EXPECT_EQ(refusal_of<std::logic_error>(
                 [&] { joints.init_motor_devices(kArmTypes, kArmIds, kArmFeedbackIds, false); }),
             op + "the arm's motors already exist");
   EXPECT_EQ(joints.get_dm_devices().size(), 6u);
-}
 
-TEST(GripperInit, ReplacingTheMotorLeavesOnlyTheNewDevice) {
-  simbus::ScopedSimbus bus{{"can0"}};
-  canbus::CANSocket socket("can0", false);
   GripperComponent gripper(socket);
   gripper.init_motor_device(T::DM_V30_T10, 7, 0x17, false);
   gripper.init_motor_device(T::DM_V30_T10, 8, 0x18, false);
-  // The old device refers to the motor just destroyed: as device 0 it would take every command.
   const auto devices = gripper.get_dm_devices();
   ASSERT_EQ(devices.size(), 1u);
   EXPECT_EQ(&devices[0]->get_motor(), gripper.get_motor());
 }
 
-// Linkage values against references computed independently (exact fused multiply-adds
-// emulated with rational arithmetic), to the last bit.
-TEST(GripperLinkage, DistanceToMotorAngleToTheLastBit) {
+// References computed independently, to the last bit: each std::fma evaluated as one exactly
+// rounded operation in rational arithmetic, every other step rounded to double. At 2, 30 and
+// 60 mm a plain multiply-then-add gives another last bit; outside 0..85 mm the answer is -1.
+TEST(GripperLinkage, DistanceToMotorAngleToTheLastBitAndBack) {
   const std::pair<double, double> references[] = {
-      {0.0, -0.00019983474059870332}, {0.01, -0.1978588209146992}, {0.0425, -0.6822889509948515},
-      {0.07, -1.0307842463707704},    {0.085, -1.235598154197257},
+      {0.0, -0.00019983474059870332},
+      {0.002, -0.04268005719896539},
+      {0.01, -0.1978588209146992},
+      {0.03, -0.5140347005162533},
+      {0.0425, -0.6822889509948515},
+      {0.06, -0.9037797178064333},
+      {0.07, -1.0307842463707704},
+      {0.085, -1.235598154197257},
+      {0.0851, -1.0},
+      {-1e-9, -1.0},
   };
   for (const auto& [d, q] : references) {
     EXPECT_EQ(GripperComponent::distance_to_motor_angle(d), q) << d;
   }
-  EXPECT_EQ(GripperComponent::distance_to_motor_angle(0.0851), -1.0);
-  EXPECT_EQ(GripperComponent::distance_to_motor_angle(-1e-9), -1.0);
-}
-
-TEST(GripperLinkage, InverseLinkageRecoversTheOpening) {
   for (double d = 0.0; d <= 0.085; d += 0.0005) {
     EXPECT_NEAR(
         GripperComponent::motor_angle_to_distance(GripperComponent::distance_to_motor_angle(d)), d,
