@@ -13,6 +13,7 @@
 #include <tuple>
 
 #include "simbus/simbus_testing.hpp"
+#include "support/refusal.hpp"
 #include "support/simbus_can.hpp"
 #include "support/stderr_capture.hpp"
 
@@ -20,12 +21,13 @@ namespace kestrel::canbus {
 namespace {
 
 using namespace std::chrono_literals;
+using kestrel::testing::capture_stderr;
+using kestrel::testing::refusal_of;
 using simbus::rawcan::classic_frame;
 using simbus::rawcan::Fd;
 using simbus::rawcan::fd_frame;
 using simbus::rawcan::open_can;
 using simbus::rawcan::read_within;
-using simbus::rawcan::stays_silent;
 using std::chrono::steady_clock;
 
 constexpr const char* kLongName = "a23456789012345";
@@ -43,10 +45,7 @@ int open_descriptors() {
 // The in-process hub holds the far end of every connection and closes it once it has seen the
 // other end go; a leaked descriptor never comes back to the count.
 bool descriptors_return_to(int count) {
-  for (int i = 0; i < 200; ++i) {
-    if (open_descriptors() == count) {
-      return true;
-    }
+  for (int i = 0; i < 200 && open_descriptors() != count; ++i) {
     std::this_thread::sleep_for(5ms);
   }
   return open_descriptors() == count;
@@ -56,87 +55,102 @@ bool is_open(int fd) {
   return ::fcntl(fd, F_GETFD) != -1;
 }
 
-std::string failure_of(const std::string& name, bool canfd) {
-  try {
-    CANSocket socket(name, canfd);
-  } catch (const CANSocketException& error) {
-    return error.what();
-  }
-  return "no exception";
-}
-
 class CANSocketOnSimbus : public ::testing::Test {
  protected:
   simbus::ScopedSimbus bus_{{"can0", kLongName}};
 };
 
-TEST_F(CANSocketOnSimbus, OpensClassicAndFdSocketsOnAServedInterface) {
-  CANSocket classic("can0", false);
-  EXPECT_TRUE(classic.get_is_initialized());
-  EXPECT_GE(classic.get_socket_fd(), 0);
-  EXPECT_FALSE(classic.is_canfd_enabled());
-  EXPECT_EQ(classic.get_interface_name(), "can0");
+// An FD socket writes and reads both kinds; a classic frame stays 16 bytes on it. Frames of
+// exactly 8 and 64 bytes fill their kind and go out.
+TEST_F(CANSocketOnSimbus, OpensAndExchangesFramesOfBothKinds) {
+  Fd peer = open_can("can0", true);
+  const can_frame out = classic_frame(0x123, {1, 2, 3, 4, 5, 6, 7, 8});
+  canfd_frame got{};
+  {
+    CANSocket classic("can0", false);
+    EXPECT_TRUE(classic.get_is_initialized());
+    EXPECT_GE(classic.get_socket_fd(), 0);
+    EXPECT_FALSE(classic.is_canfd_enabled());
+    EXPECT_EQ(classic.get_interface_name(), "can0");
+    ASSERT_TRUE(classic.write_can_frame(out));
+    ASSERT_EQ(read_within(peer.get(), &got, sizeof(got), 2000), CAN_MTU);
+    EXPECT_EQ(std::memcmp(&got, &out, CAN_MTU), 0);
+    const can_frame back = classic_frame(0x321, {9, 8, 7});
+    ASSERT_EQ(::write(peer.get(), &back, CAN_MTU), CAN_MTU);
+    can_frame got_classic{};
+    ASSERT_TRUE(classic.is_data_available(2000000));
+    ASSERT_TRUE(classic.read_can_frame(got_classic));
+    EXPECT_EQ(std::memcmp(&got_classic, &back, CAN_MTU), 0);
+  }
   CANSocket fd("can0", true);
   EXPECT_TRUE(fd.is_canfd_enabled());
   int enabled = 0;
   socklen_t length = sizeof(enabled);
   ASSERT_EQ(::getsockopt(fd.get_socket_fd(), SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &enabled, &length), 0);
   EXPECT_EQ(enabled, 1);
-
-  Fd peer = open_can("can0");
-  const can_frame out = classic_frame(0x123, {1, 2, 3, 4, 5, 6, 7, 8});
-  ASSERT_TRUE(classic.write_can_frame(out));
-  can_frame got{};
+  const canfd_frame big = fd_frame(0x20, 64, CANFD_BRS, 0x40);
+  ASSERT_TRUE(fd.write_can_frame(out));
+  ASSERT_TRUE(fd.write_canfd_frame(big));
   ASSERT_EQ(read_within(peer.get(), &got, sizeof(got), 2000), CAN_MTU);
   EXPECT_EQ(std::memcmp(&got, &out, CAN_MTU), 0);
+  ASSERT_EQ(read_within(peer.get(), &got, sizeof(got), 2000), CANFD_MTU);
+  EXPECT_EQ(got.len, 64);
+  EXPECT_EQ(std::memcmp(got.data, big.data, 64), 0);
 
-  const can_frame back = classic_frame(0x321, {9, 8, 7});
-  ASSERT_EQ(::write(peer.get(), &back, CAN_MTU), CAN_MTU);
-  ASSERT_TRUE(classic.is_data_available(2000000));
-  ASSERT_TRUE(classic.read_can_frame(got));
-  EXPECT_EQ(std::memcmp(&got, &back, CAN_MTU), 0);
+  ASSERT_EQ(::write(peer.get(), &big, CANFD_MTU), CANFD_MTU);
+  ASSERT_EQ(::write(peer.get(), &out, CAN_MTU), CAN_MTU);
+  ASSERT_TRUE(fd.is_data_available(2000000));
+  ASSERT_TRUE(fd.read_canfd_frame(got));
+  EXPECT_EQ(got.can_id, 0x20u);
+  EXPECT_EQ(got.flags, CANFD_BRS | CANFD_FDF);
+  ASSERT_TRUE(fd.is_data_available(2000000));
+  EXPECT_EQ(fd.read_raw_frame(&got, sizeof(got)), CAN_MTU);  // classic stays 16 bytes
+  EXPECT_EQ(got.can_id, 0x123u);
 }
 
-TEST_F(CANSocketOnSimbus, MissingInterfaceThrowsWithoutAHint) {
-  const int before = open_descriptors();
-  std::string what;
-  const std::string printed =
-      kestrel::testing::capture_stderr([&] { what = failure_of("nosuch0", false); });
-  EXPECT_EQ(what, "Socket error: Failed to initialize socket for interface: nosuch0");
-  EXPECT_EQ(printed, "");
-  EXPECT_TRUE(descriptors_return_to(before)) << open_descriptors() << " vs " << before;
-}
-
-TEST_F(CANSocketOnSimbus, DownInterfacePrintsTheHintOnceAndThrowsWithoutLeaking) {
-  bus_.set_up("can0", false);
-  const int before = open_descriptors();
-  std::string what;
-  const std::string printed =
-      kestrel::testing::capture_stderr([&] { what = failure_of("can0", true); });
-  EXPECT_EQ(what, "Socket error: Failed to initialize socket for interface: can0");
-  EXPECT_EQ(printed,
-            "CAN interface \"can0\" is DOWN. Did you run: sudo ip link set can0 up type can "
-            "bitrate 1000000 ?\n");
-  EXPECT_TRUE(descriptors_return_to(before)) << open_descriptors() << " vs " << before;
-
-  bus_.set_up("can0", true);
-  EXPECT_NO_THROW(CANSocket("can0", true));
-}
-
-TEST_F(CANSocketOnSimbus, NamesLongerThanFifteenCharactersAreCut) {
+// A missing interface fails quietly; a DOWN one prints the hint once. The name is cut to 15
+// characters for the kernel but kept as given everywhere else. No descriptor leaks.
+TEST_F(CANSocketOnSimbus, ConstructionFailsWithTheHintOnlyForADownInterface) {
   const std::string longer = std::string(kLongName) + "XYZ";
+  auto hint = [](const std::string& name) {
+    return "CAN interface \"" + name + "\" is DOWN. Did you run: sudo ip link set " + name +
+           " up type can bitrate 1000000 ?\n";
+  };
+  const struct {
+    const char* name;
+    std::string interface;
+    bool canfd;
+    const char* down;  // the interface taken DOWN first, if any
+    std::string printed;
+  } rows[] = {
+      {"missing interface", "nosuch0", false, nullptr, ""},
+      {"DOWN interface, FD", "can0", true, "can0", hint("can0")},
+      {"DOWN interface with a long name", longer, false, kLongName, hint(longer)},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    if (row.down != nullptr) {
+      bus_.set_up(row.down, false);
+    }
+    const int before = open_descriptors();
+    std::string what;
+    EXPECT_EQ(capture_stderr([&] {
+                what = refusal_of<CANSocketException>([&] { CANSocket(row.interface, row.canfd); });
+              }),
+              row.printed);
+    EXPECT_EQ(what, "Socket error: Failed to initialize socket for interface: " + row.interface);
+    EXPECT_TRUE(descriptors_return_to(before)) << open_descriptors() << " vs " << before;
+    if (row.down != nullptr) {
+      bus_.set_up(row.down, true);
+      EXPECT_NO_THROW(CANSocket(row.interface, row.canfd));
+    }
+  }
   CANSocket socket(longer, false);
-  EXPECT_EQ(socket.get_interface_name(), longer);  // kept as given
+  EXPECT_EQ(socket.get_interface_name(), longer);
   Fd peer = open_can(kLongName);
   ASSERT_TRUE(socket.write_can_frame(classic_frame(0x7, {7})));
   can_frame got{};
   EXPECT_EQ(read_within(peer.get(), &got, sizeof(got), 2000), CAN_MTU);
-
-  bus_.set_up(kLongName, false);
-  const std::string printed = kestrel::testing::capture_stderr(
-      [&] { EXPECT_THROW(CANSocket(longer, false), CANSocketException); });
-  EXPECT_EQ(printed, "CAN interface \"" + longer + "\" is DOWN. Did you run: sudo ip link set " +
-                         longer + " up type can bitrate 1000000 ?\n");
 }
 
 TEST_F(CANSocketOnSimbus, IsDataAvailablePollsOrWaitsAsLongAsAsked) {
@@ -171,13 +185,20 @@ TEST_F(CANSocketOnSimbus, IsDataAvailablePollsOrWaitsAsLongAsAsked) {
   EXPECT_LT(steady_clock::now() - start, 50ms);
 }
 
-TEST_F(CANSocketOnSimbus, CleanupTwiceClosesOnce) {
+// After cleanup the socket still counts as initialised but every call fails; a second cleanup
+// must not close the newcomer that reused the number.
+TEST_F(CANSocketOnSimbus, CleanupClosesOnceAndLaterCallsFail) {
   CANSocket socket("can0", false);
   const int number = socket.get_socket_fd();
   socket.cleanup();
   EXPECT_EQ(socket.get_socket_fd(), -1);
   EXPECT_FALSE(is_open(number));
-  // The number is reused; a second cleanup must not close the newcomer.
+  EXPECT_FALSE(socket.write_can_frame(classic_frame(0x3, {})));
+  EXPECT_EQ(errno, EBADF);
+  EXPECT_TRUE(socket.get_is_initialized());
+  can_frame frame{};
+  EXPECT_FALSE(socket.read_can_frame(frame));
+  EXPECT_FALSE(socket.is_data_available(0));
   Fd newcomer(::open("/dev/null", O_RDONLY));
   ASSERT_EQ(newcomer.get(), number);
   socket.cleanup();
@@ -201,17 +222,6 @@ TEST_F(CANSocketOnSimbus, DescriptorZeroIsNeverClosed) {
   ASSERT_EQ(::dup2(saved_stdin.get(), 0), 0);
 }
 
-TEST_F(CANSocketOnSimbus, WritesAfterCleanupFailButTheSocketStaysInitialized) {
-  CANSocket socket("can0", false);
-  socket.cleanup();
-  EXPECT_FALSE(socket.write_can_frame(classic_frame(0x3, {})));
-  EXPECT_EQ(errno, EBADF);
-  EXPECT_TRUE(socket.get_is_initialized());
-  can_frame frame{};
-  EXPECT_FALSE(socket.read_can_frame(frame));
-  EXPECT_FALSE(socket.is_data_available(0));
-}
-
 // Each row writes twice on a socket opened on an interface of the given MTU: the result, errno
 // as write() left it, the counts by cause, and what CAN FD on that interface is told.
 TEST_F(CANSocketOnSimbus, FailedWritesAreCountedByCauseAndFdNeedsAnFdInterface) {
@@ -224,6 +234,19 @@ TEST_F(CANSocketOnSimbus, FailedWritesAreCountedByCauseAndFdNeedsAnFdInterface) 
   using Write = std::function<bool(CANSocket&)>;
   const Write classic = [&](CANSocket& s) { return s.write_can_frame(small); };
   const Write fd = [&](CANSocket& s) { return s.write_canfd_frame(big); };
+  const Write one_byte = [](CANSocket& s) { return s.write_raw_frame("x", 1) == 1; };
+  const Write raw_fd = [&](CANSocket& s) {
+    return s.write_raw_frame(&big, CANFD_MTU) == CANFD_MTU;
+  };
+  const Write after_cleanup = [&](CANSocket& s) {
+    s.cleanup();
+    return s.write_can_frame(small);
+  };
+  // refused, interface down, other; the queue-full count stays 0 here
+  using Counts = std::tuple<uint64_t, uint64_t, uint64_t, uint64_t, int>;
+  auto counts = [](uint64_t refused, uint64_t down, uint64_t other, int last_errno) {
+    return Counts(refused, 0, down, other, last_errno);
+  };
   const struct {
     const char* name;
     bool canfd;
@@ -231,38 +254,20 @@ TEST_F(CANSocketOnSimbus, FailedWritesAreCountedByCauseAndFdNeedsAnFdInterface) 
     bool up;
     Write write;
     int error;  // 0: both writes go out
-    SendFailureCounts counts;
+    Counts counts;
   } rows[] = {
-      {"FD frame, classic socket", false, CANFD_MTU, true, fd, EINVAL, {2, 0, 0, 0, EINVAL}},
-      {"1-byte raw write",
-       false,
-       CANFD_MTU,
-       true,
-       [](CANSocket& s) { return s.write_raw_frame("x", 1) == 1; },
-       EINVAL,
-       {2, 0, 0, 0, EINVAL}},
-      {"FD frame, classic interface", true, CAN_MTU, true, fd, EINVAL, {2, 0, 0, 0, EINVAL}},
-      {"raw FD frame, classic interface",
-       true,
-       CAN_MTU,
-       true,
-       [&](CANSocket& s) { return s.write_raw_frame(&big, CANFD_MTU) == CANFD_MTU; },
-       EINVAL,
-       {2, 0, 0, 0, EINVAL}},
-      {"classic frame, FD socket, classic interface", true, CAN_MTU, true, classic, 0, {}},
-      {"FD frame, FD interface", true, CANFD_MTU, true, fd, 0, {}},
-      {"interface down", true, CANFD_MTU, false, fd, ENETDOWN, {0, 0, 2, 0, ENETDOWN}},
-      {"FD frame, classic interface down", true, CAN_MTU, false, fd, EINVAL, {2, 0, 0, 0, EINVAL}},
-      {"after cleanup",
-       false,
-       CANFD_MTU,
-       true,
-       [&](CANSocket& s) {
-         s.cleanup();
-         return s.write_can_frame(small);
-       },
-       EBADF,
-       {0, 0, 0, 2, EBADF}},
+      {"FD frame, classic socket", false, CANFD_MTU, true, fd, EINVAL, counts(2, 0, 0, EINVAL)},
+      {"1-byte raw write", false, CANFD_MTU, true, one_byte, EINVAL, counts(2, 0, 0, EINVAL)},
+      {"FD frame, classic interface", true, CAN_MTU, true, fd, EINVAL, counts(2, 0, 0, EINVAL)},
+      {"raw FD frame, classic interface", true, CAN_MTU, true, raw_fd, EINVAL,
+       counts(2, 0, 0, EINVAL)},
+      {"classic frame, FD socket, classic interface", true, CAN_MTU, true, classic, 0,
+       counts(0, 0, 0, 0)},
+      {"FD frame, FD interface", true, CANFD_MTU, true, fd, 0, counts(0, 0, 0, 0)},
+      {"interface down", true, CANFD_MTU, false, fd, ENETDOWN, counts(0, 2, 0, ENETDOWN)},
+      {"FD frame, classic interface down", true, CAN_MTU, false, fd, EINVAL,
+       counts(2, 0, 0, EINVAL)},
+      {"after cleanup", false, CANFD_MTU, true, after_cleanup, EBADF, counts(0, 0, 2, EBADF)},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
@@ -283,39 +288,13 @@ TEST_F(CANSocketOnSimbus, FailedWritesAreCountedByCauseAndFdNeedsAnFdInterface) 
     }
     const SendFailureCounts c = socket.send_failures();
     EXPECT_EQ(std::make_tuple(c.refused, c.queue_full, c.interface_down, c.other, c.last_errno),
-              std::make_tuple(row.counts.refused, row.counts.queue_full, row.counts.interface_down,
-                              row.counts.other, row.counts.last_errno));
+              row.counts);
   }
   EXPECT_EQ(canfd_mtu_refusal("can0", CAN_MTU), refusal);
   EXPECT_EQ(describe_send_failures({2, 1, 0, 0, ENOBUFS}),
             "3 (refused 2, queue full 1, interface down 0, other 0; last No buffer space "
             "available (ENOBUFS))");
   EXPECT_EQ(describe_send_failures({}), "0");
-}
-
-TEST_F(CANSocketOnSimbus, FdSocketExchangesBothFrameKinds) {
-  CANSocket socket("can0", true);
-  Fd peer = open_can("can0", true);
-  const can_frame small = classic_frame(0x10, {1, 2});
-  const canfd_frame big = fd_frame(0x20, 48, CANFD_BRS, 0x40);
-  ASSERT_TRUE(socket.write_can_frame(small));
-  ASSERT_TRUE(socket.write_canfd_frame(big));
-  canfd_frame got{};
-  ASSERT_EQ(read_within(peer.get(), &got, sizeof(got), 2000), CAN_MTU);
-  EXPECT_EQ(std::memcmp(&got, &small, CAN_MTU), 0);
-  ASSERT_EQ(read_within(peer.get(), &got, sizeof(got), 2000), CANFD_MTU);
-  EXPECT_EQ(got.len, 48);
-  EXPECT_EQ(std::memcmp(got.data, big.data, 48), 0);
-
-  ASSERT_EQ(::write(peer.get(), &big, CANFD_MTU), CANFD_MTU);
-  ASSERT_EQ(::write(peer.get(), &small, CAN_MTU), CAN_MTU);
-  ASSERT_TRUE(socket.is_data_available(2000000));
-  ASSERT_TRUE(socket.read_canfd_frame(got));
-  EXPECT_EQ(got.can_id, 0x20u);
-  EXPECT_EQ(got.flags, CANFD_BRS | CANFD_FDF);
-  ASSERT_TRUE(socket.is_data_available(2000000));
-  EXPECT_EQ(socket.read_raw_frame(&got, sizeof(got)), CAN_MTU);  // classic stays 16 bytes
-  EXPECT_EQ(got.can_id, 0x10u);
 }
 
 // The kernel answers such frames with EINVAL only after the call; the socket refuses them by name.
@@ -345,15 +324,9 @@ TEST_F(CANSocketOnSimbus, FramesLongerThanTheirKindAreRefusedBeforeWriting) {
        "write_raw_frame: length 255 exceeds the 64 bytes of a CAN FD frame"},
   };
   for (const auto& row : rows) {
-    std::string message = "no exception";
-    try {
-      row.call();
-    } catch (const std::invalid_argument& e) {
-      message = e.what();
-    }
-    EXPECT_EQ(message, row.message) << row.name;
+    EXPECT_EQ(refusal_of(row.call), row.message) << row.name;
   }
-  EXPECT_TRUE(stays_silent(peer.get(), 100));
+  EXPECT_TRUE(simbus::rawcan::stays_silent(peer.get(), 100));
 }
 
 }  // namespace
