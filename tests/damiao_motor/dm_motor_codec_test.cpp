@@ -1,5 +1,5 @@
-// Byte-exact tests of the DM protocol codec. Reference vectors were computed independently of
-// this code (by hand and in a separate script), not by running the encoder.
+// Byte-exact tests of the DM protocol codec and the motor model. Reference vectors were computed
+// independently of this code (by hand and in a separate script), not by running the encoder.
 #include "kestrel/damiao_motor/dm_motor_codec.hpp"
 
 #include <gtest/gtest.h>
@@ -10,145 +10,163 @@
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 
+#include "kestrel/damiao_motor/dm_motor_control.hpp"
 #include "support/refusal.hpp"
 #include "support/stderr_capture.hpp"
 
 namespace dm = kestrel::damiao_motor;
 using Bytes = std::vector<uint8_t>;
+using E = dm::CanPacketEncoder;
+using D = dm::CanPacketDecoder;
 
 namespace {
 
+using kestrel::testing::capture_stderr;
 using kestrel::testing::refusal_of;
-
-dm::Motor motor(dm::MotorType type, unsigned send_id, unsigned recv_id) {
-  return dm::Motor(type, send_id, recv_id);
-}
 
 const double kNaN = std::numeric_limits<double>::quiet_NaN();
 const double kInf = std::numeric_limits<double>::infinity();
 const float kNaNf = std::numeric_limits<float>::quiet_NaN();
 const float kInff = std::numeric_limits<float>::infinity();
 
+// Bytes written as hexadecimal pairs, "8A 3C ...".
+Bytes hex(const std::string& text) {
+  Bytes bytes;
+  for (size_t i = 0; i + 1 < text.size(); i += 3) {
+    bytes.push_back(static_cast<uint8_t>(std::stoi(text.substr(i, 2), nullptr, 16)));
+  }
+  return bytes;
+}
+
+dm::CANPacket payload(const Bytes& data) {
+  return {0, data};
+}
+
 }  // namespace
 
-TEST(DoubleToUint, ScalesByTruncationAndClampsBothEnds) {
-  EXPECT_EQ(dm::CanPacketEncoder::double_to_uint(0.0, -12.5, 12.5, 16), 32767u);
-  EXPECT_EQ(dm::CanPacketEncoder::double_to_uint(12.5, -12.5, 12.5, 16), 65535u);
-  EXPECT_EQ(dm::CanPacketEncoder::double_to_uint(100.0, -12.5, 12.5, 16), 65535u);
-  EXPECT_EQ(dm::CanPacketEncoder::double_to_uint(-100.0, -12.5, 12.5, 16), 0u);
-  EXPECT_EQ(dm::CanPacketEncoder::double_to_uint(-12.5, -12.5, 12.5, 16), 0u);
-  // 0.1 of the kp range is 409.5 steps: truncated, not rounded.
-  EXPECT_EQ(dm::CanPacketEncoder::double_to_uint(50.0, 0.0, 500.0, 12), 409u);
-  EXPECT_EQ(dm::CanPacketEncoder::double_to_uint(600.0, 0.0, 500.0, 12), 4095u);
-}
-
-TEST(DoubleToUint, NaNAndInfinityFallToTheEnds) {
-  EXPECT_EQ(dm::CanPacketEncoder::double_to_uint(kNaN, -12.5, 12.5, 16), 0u);
-  EXPECT_EQ(dm::CanPacketEncoder::limit_min_max(kNaN, -1.0, 1.0), -1.0);
-  EXPECT_EQ(dm::CanPacketEncoder::double_to_uint(INFINITY, -30.0, 30.0, 12), 4095u);
-  EXPECT_EQ(dm::CanPacketEncoder::double_to_uint(-INFINITY, -30.0, 30.0, 12), 0u);
-}
-
-TEST(UintToDouble, IsOneFusedMultiplyAdd) {
+// Scaling truncates (0.1 of the kp range is 409.5 steps) and clamps; NaN falls to the bottom.
+TEST(FixedPoint, EncodesByTruncationClampingBothEndsAndDecodesWithOneFusedMultiplyAdd) {
+  const struct {
+    const char* name;
+    double x, min, max;
+    int bits;
+    unsigned expected;
+  } encodes[] = {
+      {"middle", 0.0, -12.5, 12.5, 16, 32767},        {"top", 12.5, -12.5, 12.5, 16, 65535},
+      {"above", 100.0, -12.5, 12.5, 16, 65535},       {"below", -100.0, -12.5, 12.5, 16, 0},
+      {"bottom", -12.5, -12.5, 12.5, 16, 0},          {"truncated", 50.0, 0.0, 500.0, 12, 409},
+      {"12 bits above", 600.0, 0.0, 500.0, 12, 4095}, {"NaN", kNaN, -12.5, 12.5, 16, 0},
+      {"infinity", kInf, -30.0, 30.0, 12, 4095},      {"-infinity", -kInf, -30.0, 30.0, 12, 0},
+  };
+  for (const auto& row : encodes) {
+    EXPECT_EQ(E::double_to_uint(row.x, row.min, row.max, row.bits), row.expected) << row.name;
+  }
+  EXPECT_EQ(E::limit_min_max(kNaN, -1.0, 1.0), -1.0);
   // The middle code of a 16-bit field is not zero: the scale has an odd number of steps.
-  EXPECT_EQ(dm::CanPacketDecoder::uint_to_double(32767, -12.5, 12.5, 16), -0.0001907377737087046);
-  EXPECT_EQ(dm::CanPacketDecoder::uint_to_double(32768, -12.5, 12.5, 16), 0.0001907377737087046);
-  EXPECT_EQ(dm::CanPacketDecoder::uint_to_double(2048, -8.0, 8.0, 12), 0.0019536019536019467);
-  EXPECT_EQ(dm::CanPacketDecoder::uint_to_double(0, -30.0, 30.0, 12), -30.0);
-  EXPECT_EQ(dm::CanPacketDecoder::uint_to_double(4095, -30.0, 30.0, 12), 30.0);
+  const struct {
+    uint16_t u;
+    double min, max;
+    int bits;
+    double expected;
+  } decodes[] = {
+      {32767, -12.5, 12.5, 16, -0.0001907377737087046},
+      {32768, -12.5, 12.5, 16, 0.0001907377737087046},
+      {2048, -8.0, 8.0, 12, 0.0019536019536019467},
+      {0, -30.0, 30.0, 12, -30.0},
+      {4095, -30.0, 30.0, 12, 30.0},
+  };
+  for (const auto& row : decodes) {
+    EXPECT_EQ(D::uint_to_double(row.u, row.min, row.max, row.bits), row.expected) << row.u;
+  }
 }
 
-TEST(UintToDouble, QuantisationRoundTripLosesLessThanOneStep) {
+TEST(FixedPoint, QuantisationRoundTripLosesLessThanOneStep) {
   std::mt19937 rng(7);
   std::uniform_real_distribution<double> dist(-12.5, 12.5);
   const double step = 25.0 / 65535.0;
   for (int i = 0; i < 20000; ++i) {
     const double x = dist(rng);
-    const unsigned u = dm::CanPacketEncoder::double_to_uint(x, -12.5, 12.5, 16);
-    const double back =
-        dm::CanPacketDecoder::uint_to_double(static_cast<uint16_t>(u), -12.5, 12.5, 16);
+    const unsigned u = E::double_to_uint(x, -12.5, 12.5, 16);
+    const double back = D::uint_to_double(static_cast<uint16_t>(u), -12.5, 12.5, 16);
     ASSERT_LE(back, x + 1e-12) << x;  // truncation never overshoots
     ASSERT_GT(back, x - step - 1e-12) << x;
   }
 }
 
-TEST(Encoder, OneByteCommandsGoToTheCommandId) {
-  const auto m = motor(dm::MotorType::DM_V8_T28, 0x01, 0x11);
-  const Bytes ff7 = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
-  auto with = [&](uint8_t last) {
-    Bytes b = ff7;
-    b.push_back(last);
-    return b;
+// One-byte commands go to the command id, position-velocity to id + 0x100 as two little-endian
+// floats, MIT fields most significant nibble first (clamped beyond their range: kp 600 is 4095).
+// Register frames go to 0x7FF with the motor's id in the payload; refresh carries only its low
+// byte, and only the low 8 bits of the mode and of the register id are kept.
+TEST(Encoder, FramesByteExact) {
+  const dm::Motor m(dm::MotorType::DM_V8_T28, 0x01, 0x11);
+  const dm::Motor joint(dm::MotorType::DM_V8_T28, 0x02, 0x12);
+  const dm::Motor wrist(dm::MotorType::DM_V30_T10, 0x105, 0x115);
+  const dm::MITParam mit{50.0, 1.0, 1.0, 0.5, 2.0}, clamped{600.0, 10.0, -20.0, -100.0, 100.0};
+  const dm::POS_VELParam pos_vel{10.0f, -1.5f};
+  const auto type = wrist.get_motor_type();
+  const struct {
+    const char* name;
+    dm::CANPacket packet;
+    uint32_t id;
+    std::string data;
+  } rows[] = {
+      {"enable", E::create_enable_command(m), 0x001, "FF FF FF FF FF FF FF FC"},
+      {"disable", E::create_disable_command(m), 0x001, "FF FF FF FF FF FF FF FD"},
+      {"set zero", E::create_set_zero_command(m), 0x001, "FF FF FF FF FF FF FF FE"},
+      {"clear error", E::create_clrErr_command(m), 0x001, "FF FF FF FF FF FF FF FB"},
+      {"MIT", E::create_mit_control_command(joint, mit), 0x002, "8A 3C 87 F1 99 33 38 91"},
+      {"MIT clamped", payload(E::pack_mit_control_data(type, clamped)), 0,
+       "00 00 00 0F FF FF FF FF"},
+      {"MIT zero", payload(E::pack_mit_control_data(type, {})), 0, "7F FF 7F F0 00 00 07 FF"},
+      {"position-velocity", E::create_pos_vel_control_command(m, pos_vel), 0x101,
+       "00 00 20 41 00 00 C0 BF"},
+      {"refresh", E::create_refresh_command(wrist), 0x7FF, "05 00 CC 00 00 00 00 00"},
+      {"query", E::create_query_param_command(wrist, 4), 0x7FF, "05 01 33 04 00 00 00 00"},
+      {"integer write", E::create_write_param_command(wrist, 9, 1000u), 0x7FF,
+       "05 01 55 09 E8 03 00 00"},
+      {"float write", E::create_write_param_command(wrist, 4, 10.0f), 0x7FF,
+       "05 01 55 04 00 00 20 41"},
+      {"mode", E::create_param_write_RID_command(wrist, 2), 0x7FF, "05 01 55 0A 02 00 00 00"},
+      {"mode, wide values", payload(E::pack_switch_control_mode_data(0x12345, 0x1FF)), 0,
+       "45 23 55 0A FF 00 00 00"},
+      {"query, wide register", payload(E::pack_query_param_data(0x01, 0x11B)), 0,
+       "01 00 33 1B 00 00 00 00"},
   };
-  auto p = dm::CanPacketEncoder::create_enable_command(m);
-  EXPECT_EQ(p.can_id, 0x001u);
-  EXPECT_EQ(p.data, with(0xFC));
-  EXPECT_EQ(dm::CanPacketEncoder::create_disable_command(m).data, with(0xFD));
-  EXPECT_EQ(dm::CanPacketEncoder::create_set_zero_command(m).data, with(0xFE));
-  EXPECT_EQ(dm::CanPacketEncoder::create_clrErr_command(m).data, with(0xFB));
-  EXPECT_EQ(dm::CanPacketEncoder::create_clrErr_command(m).can_id, 0x001u);
-}
-
-TEST(Encoder, MitPayloadPacksFieldsMostSignificantNibbleFirst) {
-  const auto joint = motor(dm::MotorType::DM_V8_T28, 0x02, 0x12);
-  auto p = dm::CanPacketEncoder::create_mit_control_command(joint, {50.0, 1.0, 1.0, 0.5, 2.0});
-  EXPECT_EQ(p.can_id, 0x002u);
-  EXPECT_EQ(p.data, (Bytes{0x8A, 0x3C, 0x87, 0xF1, 0x99, 0x33, 0x38, 0x91}));
-
-  const auto wrist = motor(dm::MotorType::DM_V30_T10, 0x05, 0x15);
-  // Every field beyond its range is clamped: kp 600 encodes as 4095.
-  EXPECT_EQ(dm::CanPacketEncoder::pack_mit_control_data(wrist.get_motor_type(),
-                                                        {600.0, 10.0, -20.0, -100.0, 100.0}),
-            (Bytes{0x00, 0x00, 0x00, 0x0F, 0xFF, 0xFF, 0xFF, 0xFF}));
-  EXPECT_EQ(dm::CanPacketEncoder::pack_mit_control_data(wrist.get_motor_type(), {}),
-            (Bytes{0x7F, 0xFF, 0x7F, 0xF0, 0x00, 0x00, 0x07, 0xFF}));
+  for (const auto& row : rows) {
+    EXPECT_EQ(row.packet.can_id, row.id) << row.name;
+    EXPECT_EQ(row.packet.data, hex(row.data)) << row.name;
+  }
 }
 
 // The fixed-point fields would turn NaN into the bottom of the range (a real target of -p_max),
-// the float fields would carry it to the motor: every command encoder refuses it.
+// the float fields would carry it to the motor: every command encoder refuses it. An unknown
+// motor type would scale from memory past the limit table.
 TEST(Encoder, NonFiniteFieldsAndUnknownMotorTypesAreRefused) {
-  using E = dm::CanPacketEncoder;
-  const auto m = motor(dm::MotorType::DM_V30_T10, 0x05, 0x15);
+  const dm::Motor m(dm::MotorType::DM_V30_T10, 0x05, 0x15);
+  const auto type = m.get_motor_type();
+  const dm::MITParam nan_kp{kNaN, 1.0, 0.0, 0.0, 0.0}, inf_kd{10.0, kInf, 0.0, 0.0, 0.0},
+      nan_q{0, 0, kNaN, 0, 0}, ninf_dq{0.0, 0.0, 0.5, -kInf, 0.0}, inf_tau{0, 0, 0, 0, kInf};
+  const dm::POS_VELParam nan_pos{kNaNf, 1.0f}, ninf_vel{0.5f, -kInff};
   const struct {
     const char* name;
     std::function<void()> call;
     const char* message;
   } rows[] = {
-      {"MIT kp NaN",
-       [&] {
-         E::create_mit_control_command(m, {kNaN, 1.0, 0.0, 0.0, 0.0});
-       },
+      {"MIT kp NaN", [&] { E::create_mit_control_command(m, nan_kp); },
        "MIT command: kp must be finite, got nan"},
-      {"MIT kd infinite",
-       [&] {
-         E::create_mit_control_command(m, {10.0, kInf, 0.0, 0.0, 0.0});
-       },
+      {"MIT kd infinite", [&] { E::create_mit_control_command(m, inf_kd); },
        "MIT command: kd must be finite, got inf"},
-      {"MIT q NaN",
-       [&] {
-         E::pack_mit_control_data(m.get_motor_type(), {0, 0, kNaN, 0, 0});
-       },
+      {"MIT q NaN", [&] { E::pack_mit_control_data(type, nan_q); },
        "MIT command: q must be finite, got nan"},
-      {"MIT dq -inf",
-       [&] {
-         E::create_mit_control_command(m, {0.0, 0.0, 0.5, -kInf, 0.0});
-       },
+      {"MIT dq -inf", [&] { E::create_mit_control_command(m, ninf_dq); },
        "MIT command: dq must be finite, got -inf"},
-      {"MIT tau infinite",
-       [&] {
-         E::create_mit_control_command(m, {0.0, 0.0, 0.0, 0.0, kInf});
-       },
+      {"MIT tau infinite", [&] { E::create_mit_control_command(m, inf_tau); },
        "MIT command: tau must be finite, got inf"},
-      {"position-velocity q NaN",
-       [&] {
-         E::create_pos_vel_control_command(m, {kNaNf, 1.0f});
-       },
+      {"position-velocity q NaN", [&] { E::create_pos_vel_control_command(m, nan_pos); },
        "position-velocity command: q must be finite, got nan"},
-      {"position-velocity dq -inf",
-       [&] {
-         E::pack_posvel_control_data({}, {0.5f, -kInff});
-       },
+      {"position-velocity dq -inf", [&] { E::pack_posvel_control_data({}, ninf_vel); },
        "position-velocity command: dq must be finite, got -inf"},
       {"float register NaN", [&] { E::create_write_param_command(m, 4, kNaNf); },
        "register write: register 4 value must be finite, got nan"},
@@ -157,125 +175,137 @@ TEST(Encoder, NonFiniteFieldsAndUnknownMotorTypesAreRefused) {
        "Invalid motor type: 13"},
       {"motor of a type past the limit table",
        [&] { dm::Motor(static_cast<dm::MotorType>(200), 1, 0x11); }, "Invalid motor type: 200"},
+      {"limits of the type one past the table",
+       [&] { dm::Motor::get_limit_param(static_cast<dm::MotorType>(13)); },
+       "Invalid motor type: 13"},
+      {"limits of type 255", [&] { dm::Motor::get_limit_param(static_cast<dm::MotorType>(255)); },
+       "Invalid motor type: 255"},
   };
   for (const auto& row : rows) {
     EXPECT_EQ(refusal_of(row.call), row.message) << row.name;
   }
 }
 
-TEST(Encoder, PositionVelocityIsTwoLittleEndianFloatsAtIdPlus0x100) {
-  const auto m = motor(dm::MotorType::DM_V8_T28, 0x01, 0x11);
-  auto p = dm::CanPacketEncoder::create_pos_vel_control_command(m, {10.0f, -1.5f});
-  EXPECT_EQ(p.can_id, 0x101u);
-  EXPECT_EQ(p.data, (Bytes{0x00, 0x00, 0x20, 0x41, 0x00, 0x00, 0xC0, 0xBF}));
-}
-
-TEST(Encoder, ParameterFramesAddressTheMotorInThePayload) {
-  const auto m = motor(dm::MotorType::DM_V30_T10, 0x105, 0x115);
-  auto refresh = dm::CanPacketEncoder::create_refresh_command(m);
-  EXPECT_EQ(refresh.can_id, 0x7FFu);
-  // The refresh request carries only the low byte of the id.
-  EXPECT_EQ(refresh.data, (Bytes{0x05, 0x00, 0xCC, 0x00, 0x00, 0x00, 0x00, 0x00}));
-  auto query = dm::CanPacketEncoder::create_query_param_command(m, 4);
-  EXPECT_EQ(query.can_id, 0x7FFu);
-  EXPECT_EQ(query.data, (Bytes{0x05, 0x01, 0x33, 0x04, 0x00, 0x00, 0x00, 0x00}));
-  EXPECT_EQ(dm::CanPacketEncoder::create_write_param_command(m, 9, 1000u).data,
-            (Bytes{0x05, 0x01, 0x55, 0x09, 0xE8, 0x03, 0x00, 0x00}));
-  EXPECT_EQ(dm::CanPacketEncoder::create_write_param_command(m, 4, 10.0f).data,
-            (Bytes{0x05, 0x01, 0x55, 0x04, 0x00, 0x00, 0x20, 0x41}));
-  auto mode = dm::CanPacketEncoder::create_param_write_RID_command(m, 2);
-  EXPECT_EQ(mode.can_id, 0x7FFu);
-  EXPECT_EQ(mode.data, (Bytes{0x05, 0x01, 0x55, 0x0A, 0x02, 0x00, 0x00, 0x00}));
-  // Only the low 8 bits of the mode and of the register id are kept.
-  EXPECT_EQ(dm::CanPacketEncoder::pack_switch_control_mode_data(0x12345, 0x1FF),
-            (Bytes{0x45, 0x23, 0x55, 0x0A, 0xFF, 0x00, 0x00, 0x00}));
-  EXPECT_EQ(dm::CanPacketEncoder::pack_query_param_data(0x01, 0x11B),
-            (Bytes{0x01, 0x00, 0x33, 0x1B, 0x00, 0x00, 0x00, 0x00}));
-}
-
+// Feedback: status nibble and id, then 16-bit position, 12-bit velocity and torque, unsigned
+// MOS and rotor temperatures; bytes beyond the eighth are ignored.
 TEST(Decoder, FeedbackFieldsAndScales) {
-  const auto m = motor(dm::MotorType::DM_V8_T28, 0x01, 0x11);
-  const auto s = dm::CanPacketDecoder::parse_motor_state_data(
-      m, {0x11, 0x80, 0x00, 0x80, 0x08, 0x00, 0x1F, 0x1D});
-  ASSERT_TRUE(s.valid);
-  EXPECT_EQ(s.feedback_id, 1);
-  EXPECT_EQ(s.error_code, 1);
-  EXPECT_EQ(s.position, 0.0001907377737087046);
-  EXPECT_EQ(s.velocity, 0.0019536019536019467);
-  EXPECT_EQ(s.torque, 0.006837606837606813);
-  EXPECT_EQ(s.t_mos, 31);
-  EXPECT_EQ(s.t_rotor, 29);
-
-  const auto extremes = dm::CanPacketDecoder::parse_motor_state_data(
-      m, {0xD3, 0xFF, 0xFF, 0x00, 0x0F, 0xFF, 0xFF, 0x00, 0xAA});
-  ASSERT_TRUE(extremes.valid);  // bytes beyond the eighth are ignored
-  EXPECT_EQ(extremes.error_code, 13);
-  EXPECT_EQ(extremes.feedback_id, 3);
-  EXPECT_EQ(extremes.position, 12.5);
-  EXPECT_EQ(extremes.velocity, -8.0);
-  EXPECT_EQ(extremes.torque, 28.0);
-  EXPECT_EQ(extremes.t_mos, 255);  // unsigned, no offset
-}
-
-TEST(Decoder, ShortFeedbackWarnsAndIsInvalid) {
-  const auto m = motor(dm::MotorType::DM_V8_T28, 0x01, 0x11);
+  const dm::Motor m(dm::MotorType::DM_V8_T28, 0x01, 0x11);
+  const struct {
+    const char* name;
+    std::string data;
+    int id, error;
+    double position, velocity, torque;
+    int t_mos, t_rotor;
+  } rows[] = {
+      {"middle of every range", "11 80 00 80 08 00 1F 1D", 1, 1, 0.0001907377737087046,
+       0.0019536019536019467, 0.006837606837606813, 31, 29},
+      {"extremes, nine bytes", "D3 FF FF 00 0F FF FF 00 AA", 3, 13, 12.5, -8.0, 28.0, 255, 0},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const auto s = D::parse_motor_state_data(m, hex(row.data));
+    ASSERT_TRUE(s.valid);
+    EXPECT_EQ(s.feedback_id, row.id);
+    EXPECT_EQ(s.error_code, row.error);
+    EXPECT_EQ(s.position, row.position);
+    EXPECT_EQ(s.velocity, row.velocity);
+    EXPECT_EQ(s.torque, row.torque);
+    EXPECT_EQ(s.t_mos, row.t_mos);
+    EXPECT_EQ(s.t_rotor, row.t_rotor);
+  }
   dm::StateResult s;
   s.valid = true;
-  const std::string err = kestrel::testing::capture_stderr([&] {
-    s = dm::CanPacketDecoder::parse_motor_state_data(m, {1, 2, 3, 4, 5, 6, 7});
-  });
-  EXPECT_EQ(err, "Warning: Skipping motor state data less than 8 bytes\n");
+  EXPECT_EQ(capture_stderr([&] {
+              s = D::parse_motor_state_data(m, {1, 2, 3, 4, 5, 6, 7});
+            }),
+            "Warning: Skipping motor state data less than 8 bytes\n");
   EXPECT_FALSE(s.valid);
   EXPECT_EQ(s.position, 0.0);
   EXPECT_EQ(s.error_code, 0);
 }
 
+// Registers 7-10, 13-16, 35 and 36 hold integers (all 32 bits, even when the bytes are those of
+// a float), the others floats. A short reply is dropped silently, one that is neither a read
+// (0x33) nor a write (0x55) answer with a warning.
 TEST(Decoder, ParameterRepliesByRegisterKind) {
-  auto r = dm::CanPacketDecoder::parse_motor_param_data({0x01, 0x00, 0x33, 0x09, 0xE8, 0x03, 0, 0});
-  EXPECT_TRUE(r.valid);
-  EXPECT_EQ(r.rid, 9);
-  EXPECT_EQ(r.value, 1000.0);  // integer register
-  EXPECT_EQ(r.command, 0x33);
-  r = dm::CanPacketDecoder::parse_motor_param_data(
-      {0x01, 0x00, 0x33, 0x04, 0x00, 0x00, 0x20, 0x41});
-  EXPECT_EQ(r.rid, 4);
-  EXPECT_EQ(r.value, 10.0);  // float register
-  r = dm::CanPacketDecoder::parse_motor_param_data(
-      {0x01, 0x00, 0x55, 0x1B, 0x6D, 0xE7, 0xFB, 0x3D});
-  EXPECT_EQ(r.command, 0x55);
-  EXPECT_EQ(r.value, static_cast<double>(0.123f));
-  // An integer register holding the bytes of a float is read as the integer, all 32 bits.
-  r = dm::CanPacketDecoder::parse_motor_param_data(
-      {0x01, 0x00, 0x33, 0x24, 0xFF, 0xFF, 0xFF, 0xFF});
-  EXPECT_EQ(r.value, 4294967295.0);
-}
-
-TEST(Decoder, MalformedParameterReplies) {
-  dm::ParamResult r;
-  std::string err = kestrel::testing::capture_stderr([&] {
-    r = dm::CanPacketDecoder::parse_motor_param_data({1, 0, 0x33, 4, 0, 0, 0});
-  });
-  EXPECT_EQ(err, "") << "a short reply is dropped silently";
-  EXPECT_FALSE(r.valid);
-  EXPECT_EQ(r.rid, 0);
-  EXPECT_TRUE(std::isnan(r.value));
-  err = kestrel::testing::capture_stderr([&] {
-    r = dm::CanPacketDecoder::parse_motor_param_data({1, 0, 0xCC, 4, 0, 0, 0, 0});
-  });
-  EXPECT_EQ(err, "WARNING: INVALID PARAM DATA\n");
-  EXPECT_FALSE(r.valid);
-  EXPECT_EQ(r.command, 0);
-  EXPECT_TRUE(std::isnan(r.value));
-}
-
-TEST(Decoder, IntegerRegisterSet) {
   std::vector<int> integer_registers;
   for (int rid = -5; rid < 300; ++rid) {
-    if (dm::CanPacketDecoder::is_in_ranges(rid)) {
+    if (D::is_in_ranges(rid)) {
       integer_registers.push_back(rid);
     }
   }
   EXPECT_EQ(integer_registers, (std::vector<int>{7, 8, 9, 10, 13, 14, 15, 16, 35, 36}));
-  EXPECT_EQ(dm::CanPacketDecoder::uint8s_to_uint32(0x78, 0x56, 0x34, 0x12), 0x12345678u);
-  EXPECT_EQ(dm::CanPacketDecoder::uint8s_to_float({0x00, 0x00, 0xC0, 0xBF}), -1.5f);
+  EXPECT_EQ(D::uint8s_to_uint32(0x78, 0x56, 0x34, 0x12), 0x12345678u);
+  EXPECT_EQ(D::uint8s_to_float({0x00, 0x00, 0xC0, 0xBF}), -1.5f);
+  const struct {
+    const char* name;
+    std::string data;
+    bool valid;
+    int rid, command;
+    double value;  // NaN: not a number
+    std::string log;
+  } rows[] = {
+      {"integer register", "01 00 33 09 E8 03 00 00", true, 9, 0x33, 1000.0, ""},
+      {"float register", "01 00 33 04 00 00 20 41", true, 4, 0x33, 10.0, ""},
+      {"write answer", "01 00 55 1B 6D E7 FB 3D", true, 27, 0x55, static_cast<double>(0.123f), ""},
+      {"integer with float bytes", "01 00 33 24 FF FF FF FF", true, 36, 0x33, 4294967295.0, ""},
+      {"short", "01 00 33 04 00 00 00", false, 0, 0, kNaN, ""},
+      {"neither read nor write", "01 00 CC 04 00 00 00 00", false, 0, 0, kNaN,
+       "WARNING: INVALID PARAM DATA\n"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    dm::ParamResult r;
+    EXPECT_EQ(capture_stderr([&] { r = D::parse_motor_param_data(hex(row.data)); }), row.log);
+    EXPECT_EQ(r.valid, row.valid);
+    EXPECT_EQ(r.rid, row.rid);
+    EXPECT_EQ(r.command, row.command);
+    if (std::isnan(row.value)) {
+      EXPECT_TRUE(std::isnan(r.value));
+    } else {
+      EXPECT_EQ(r.value, row.value);
+    }
+  }
+}
+
+TEST(Motor, RegistersAndStateAsStored) {
+  dm::Motor m(dm::MotorType::DM_V30_T10, 0x07, 0x17);
+  for (int rid = 0; rid < 80; ++rid) {
+    ASSERT_EQ(m.get_param(rid), -1.0) << rid;  // unread
+  }
+  m.set_temp_param(4, 2.5);
+  m.set_temp_param(4, 3.25);
+  EXPECT_EQ(m.get_param(4), 3.25);
+  EXPECT_EQ(m.get_param(5), -1.0);
+  EXPECT_EQ(m.get_params().size(), 1u);
+
+  EXPECT_FALSE(m.is_enabled());
+  EXPECT_EQ(m.get_position(), 0.0);
+  m.update_state(1.5, -2.0, 3.0, 40, 41, 1, 1);
+  EXPECT_EQ(std::make_tuple(m.get_position(), m.get_velocity(), m.get_torque(), m.get_t_mos(),
+                            m.get_t_rotor(), m.get_feedback_id(), m.get_error_code()),
+            std::make_tuple(1.5, -2.0, 3.0, 40, 41, 1, 1));
+  m.set_state_error_code(13);
+  m.set_state_tmos(50);
+  m.set_state_trotor(51);
+  m.set_state_feedback_id(2);
+  // Single-field setters leave the rest alone.
+  EXPECT_EQ(std::make_tuple(m.get_position(), m.get_velocity(), m.get_torque(), m.get_t_mos(),
+                            m.get_t_rotor(), m.get_feedback_id(), m.get_error_code()),
+            std::make_tuple(1.5, -2.0, 3.0, 50, 51, 2, 13));
+  m.set_enabled(true);
+  EXPECT_TRUE(m.is_enabled());
+}
+
+TEST(Motor, LimitTable) {
+  const struct {
+    int type;
+    double p_max, v_max, t_max;
+  } rows[] = {{3, 12.5, 8.0, 28.0}, {8, 12.5, 25.0, 200.0}, {12, 12.5, 45.0, 10.0}};
+  for (const auto& row : rows) {
+    const auto limits = dm::Motor::get_limit_param(static_cast<dm::MotorType>(row.type));
+    EXPECT_EQ(limits.p_max, row.p_max) << row.type;
+    EXPECT_EQ(limits.v_max, row.v_max) << row.type;
+    EXPECT_EQ(limits.t_max, row.t_max) << row.type;
+  }
 }
