@@ -8,6 +8,7 @@
 #include <numeric>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 
 #include "support/stderr_capture.hpp"
 
@@ -38,26 +39,21 @@ unsigned fresh_recv_id() {
 
 }  // namespace
 
-TEST(DMCANDeviceFrames, ClassicFrameLayout) {
+// A classic frame carries its payload as given; an FD frame adds bit-rate switching and zero
+// padding.
+TEST(DMCANDeviceFrames, FrameLayouts) {
   const can_frame f = classic(0x123, {1, 2, 3, 4, 5, 6, 7, 8});
   EXPECT_EQ(f.can_id, 0x123u);
   EXPECT_EQ(f.can_dlc, 8);
   EXPECT_EQ(std::memcmp(f.data, "\x01\x02\x03\x04\x05\x06\x07\x08", 8), 0);
-  EXPECT_EQ(dm::DMCANDevice::get_data_from_frame(f), (Bytes{1, 2, 3, 4, 5, 6, 7, 8}));
   EXPECT_EQ(dm::DMCANDevice::get_data_from_frame(classic(1, {})), Bytes{});
-}
-
-TEST(DMCANDeviceFrames, FdFrameCarriesBitRateSwitchAndZeroPadding) {
-  const canfd_frame f = fd(0x7FF, {9, 8, 7, 6, 5, 4, 3, 2});
-  EXPECT_EQ(f.can_id, 0x7FFu);
-  EXPECT_EQ(f.len, 8);
-  EXPECT_EQ(f.flags, CANFD_BRS);
-  EXPECT_EQ(f.__res0, 0);
-  EXPECT_EQ(f.__res1, 0);
+  const canfd_frame g = fd(0x7FF, {9, 8, 7, 6, 5, 4, 3, 2});
+  EXPECT_EQ(std::make_tuple(g.can_id, g.len, g.flags, g.__res0, g.__res1),
+            std::make_tuple(0x7FFu, uint8_t{8}, uint8_t{CANFD_BRS}, uint8_t{0}, uint8_t{0}));
   for (int i = 8; i < 64; ++i) {
-    ASSERT_EQ(f.data[i], 0) << i;
+    ASSERT_EQ(g.data[i], 0) << i;
   }
-  EXPECT_EQ(dm::DMCANDevice::get_data_from_frame(f), (Bytes{9, 8, 7, 6, 5, 4, 3, 2}));
+  EXPECT_EQ(dm::DMCANDevice::get_data_from_frame(g), (Bytes{9, 8, 7, 6, 5, 4, 3, 2}));
 }
 
 // A payload longer than the frame would be copied past the frame's data buffer.
@@ -104,35 +100,58 @@ TEST(DMCANDeviceIdentity, TakesIdentifiersFromTheMotor) {
   EXPECT_EQ(&device.get_motor(), &m);
 }
 
-TEST(DMCANDeviceCallbacks, FrameKindMustMatchTheDevice) {
-  const unsigned id = fresh_recv_id();
-  dm::Motor m(dm::MotorType::DM_V8_T28, 0x01, id);
-  dm::DMCANDevice fd_device(m, 0x7FF, true);
-  EXPECT_EQ(capture_stderr([&] { fd_device.callback(classic(id, feedback(1))); }),
-            "WARNING: WRONG CALLBACK FUNCTION\n");
-  dm::DMCANDevice classic_device(m, 0x7FF, false);
-  EXPECT_EQ(capture_stderr([&] { classic_device.callback(fd(id, feedback(1))); }),
-            "WARNING: CANFD MODE NOT ENABLED\n");
-  EXPECT_EQ(m.get_t_mos(), 0) << "refused frames change nothing";
-  EXPECT_EQ(capture_stderr([&] { fd_device.callback(fd(id + 1, feedback(1))); }),
-            "WARNING: CANFD FRAME ID DOES NOT MATCH MOTOR ID\n");
-  EXPECT_EQ(m.get_t_mos(), 0);
-}
-
-TEST(DMCANDeviceCallbacks, ShortFeedbackClassicSilentFdWarns) {
-  const unsigned id = fresh_recv_id();
-  dm::Motor m(dm::MotorType::DM_V8_T28, 0x01, id);
-  dm::DMCANDevice classic_device(m, 0x7FF, false);
-  EXPECT_EQ(capture_stderr([&] {
-              classic_device.callback(classic(id, {0x11, 1, 2, 3, 4, 5}));
-            }),
-            "");
-  dm::DMCANDevice fd_device(m, 0x7FF, true);
-  EXPECT_EQ(capture_stderr([&] {
-              fd_device.callback(fd(id, {0x11, 1, 2, 3, 4, 5}));
-            }),
-            "Warning: Skipping motor state data less than 8 bytes\n");
-  EXPECT_EQ(m.get_t_mos(), 0);
+// Frames the device cannot use are reported (or, for a short classic frame, dropped) and change
+// nothing; in parameter mode only read replies are stored, in IGNORE mode nothing is.
+TEST(DMCANDeviceCallbacks, FramesTheDeviceCannotUseChangeNothing) {
+  using dm::CallbackMode;
+  const Bytes acc_read = {0x01, 0x00, 0x33, 0x04, 0x00, 0x00, 0x20, 0x41};
+  const Bytes acc_written = {0x01, 0x00, 0x55, 0x04, 0x00, 0x00, 0x20, 0x41};
+  const Bytes short_feedback = {0x11, 1, 2, 3, 4, 5};
+  const struct {
+    const char* name;
+    bool fd_device, fd_frame;
+    CallbackMode mode;
+    unsigned id_offset;
+    Bytes data;
+    std::string log;
+  } rows[] = {
+      {"classic frame, FD device", true, false, CallbackMode::STATE, 0, feedback(1),
+       "WARNING: WRONG CALLBACK FUNCTION\n"},
+      {"FD frame, classic device", false, true, CallbackMode::STATE, 0, feedback(1),
+       "WARNING: CANFD MODE NOT ENABLED\n"},
+      {"FD frame of another id", true, true, CallbackMode::STATE, 1, feedback(1),
+       "WARNING: CANFD FRAME ID DOES NOT MATCH MOTOR ID\n"},
+      {"short classic feedback", false, false, CallbackMode::STATE, 0, short_feedback, ""},
+      {"short FD feedback", true, true, CallbackMode::STATE, 0, short_feedback,
+       "Warning: Skipping motor state data less than 8 bytes\n"},
+      {"feedback read as a register reply", false, false, CallbackMode::PARAM, 0, feedback(1),
+       "WARNING: INVALID PARAM DATA\n"},
+      {"write acknowledgement", false, false, CallbackMode::PARAM, 0, acc_written, ""},
+      {"feedback ignored", false, false, CallbackMode::IGNORE, 0, feedback(1), ""},
+      {"register reply ignored", false, false, CallbackMode::IGNORE, 0, acc_read, ""},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const unsigned id = fresh_recv_id();
+    dm::Motor m(dm::MotorType::DM_V8_T28, 0x01, id);
+    dm::DMCANDevice device(m, 0x7FF, row.fd_device);
+    device.set_callback_mode(row.mode);
+    EXPECT_EQ(capture_stderr([&] {
+                if (row.fd_frame) {
+                  device.callback(fd(id + row.id_offset, row.data));
+                } else {
+                  device.callback(classic(id + row.id_offset, row.data));
+                }
+              }),
+              row.log);
+    EXPECT_EQ(m.get_t_mos(), 0);
+    EXPECT_EQ(m.get_param(4), -1.0);
+  }
+  dm::Motor m(dm::MotorType::DM_V8_T28, 0x01, 0x11);
+  dm::DMCANDevice device(m, 0x7FF, false);
+  device.set_callback_mode(CallbackMode::PARAM);
+  device.callback(classic(0x11, {0x01, 0x00, 0x33, 0x05, 0x00, 0x00, 0x20, 0x41}));
+  EXPECT_EQ(m.get_param(5), 10.0) << "a read reply is stored";
 }
 
 TEST(DMCANDeviceCallbacks, FeedbackUpdatesTheMotor) {
@@ -154,30 +173,6 @@ TEST(DMCANDeviceCallbacks, FeedbackUpdatesTheMotor) {
     EXPECT_NEAR(m.get_position(), 0.00019, 1e-5);
     EXPECT_FALSE(m.is_enabled()) << "feedback never touches the host-side enabled flag";
   }
-}
-
-TEST(DMCANDeviceCallbacks, ParameterModeStoresReadRepliesOnly) {
-  const unsigned id = fresh_recv_id();
-  dm::Motor m(dm::MotorType::DM_V8_T28, 0x01, id);
-  dm::DMCANDevice device(m, 0x7FF, false);
-  device.set_callback_mode(dm::CallbackMode::PARAM);
-  device.callback(classic(id, {0x01, 0x00, 0x33, 0x05, 0x00, 0x00, 0x20, 0x41}));
-  EXPECT_EQ(m.get_param(5), 10.0);
-  device.callback(classic(id, {0x01, 0x00, 0x55, 0x04, 0x00, 0x00, 0x20, 0x41}));
-  EXPECT_EQ(m.get_param(4), -1.0) << "write acknowledgements are not stored";
-  // Feedback read as a parameter reply is refused by the decoder.
-  EXPECT_EQ(capture_stderr([&] { device.callback(classic(id, feedback(1))); }),
-            "WARNING: INVALID PARAM DATA\n");
-  EXPECT_EQ(m.get_t_mos(), 0);
-
-  device.set_callback_mode(dm::CallbackMode::IGNORE);
-  EXPECT_EQ(capture_stderr([&] {
-              device.callback(classic(id, feedback(1)));
-              device.callback(classic(id, {0x01, 0x00, 0x33, 0x04, 0x00, 0x00, 0x20, 0x41}));
-            }),
-            "");
-  EXPECT_EQ(m.get_param(4), -1.0);
-  EXPECT_EQ(m.get_t_mos(), 0);
 }
 
 TEST(DMCANDeviceStatusLines, FirstFeedbackThenOnlyChanges) {
@@ -209,23 +204,14 @@ TEST(DMCANDeviceStatusLines, FirstFeedbackPrintsEvenWhenDisabled) {
 }
 
 TEST(DMStatusText, EveryCode) {
-  const char* expected[16] = {"Disabled",
-                              "Enabled",
-                              "Unknown/Reserved",
-                              "Unknown/Reserved",
-                              "Unknown/Reserved",
-                              "Unknown/Reserved",
-                              "Unknown/Reserved",
-                              "Unknown/Reserved",
-                              "Over-voltage",
-                              "Under-voltage",
-                              "Over-current",
-                              "MOS over-temperature",
-                              "Coil over-temperature",
-                              "Communication lost",
-                              "Overload",
-                              "Unknown/Reserved"};
+  std::vector<std::string> expected(16, "Unknown/Reserved");
+  const char* named[] = {
+      "Over-voltage",          "Under-voltage",      "Over-current", "MOS over-temperature",
+      "Coil over-temperature", "Communication lost", "Overload"};
+  expected[0] = "Disabled";
+  expected[1] = "Enabled";
+  std::copy(std::begin(named), std::end(named), expected.begin() + 8);
   for (int code = 0; code < 16; ++code) {
-    EXPECT_STREQ(dm::dm_status_text(code), expected[code]) << code;
+    EXPECT_EQ(dm::dm_status_text(code), expected[code]) << code;
   }
 }
