@@ -160,92 +160,73 @@ TEST_P(FacadeTest, ValueVectorsArePairedPerGroupAndEachRegistrationIsForwarded) 
   EXPECT_EQ(received_ids(*motors), (Ids{1, 2, 3, 4, 5, 6, 7, 7}));
 }
 
-// Without a motor the gripper's commands are silent no-ops and its encoders refuse; a NaN would
+// Without a motor the gripper's commands are silent no-ops and its encoders refuse. A NaN would
 // reach the motor as the bottom of the position range (-12.5 rad), an infinity as one end:
-// refused by name, before the motor exists and after, with nothing printed or sent.
+// refused by name, before the motor exists and after, with nothing printed or sent. An opening
+// outside 0..85 mm is reported and still commands -1 rad.
 TEST_P(FacadeTest, GripperCommandsRefusalsAndTargets) {
-  auto& gripper = arm.get_gripper();
-  EXPECT_EQ(capture_stderr([&] {
-              gripper.open(8.0, 0.1);
-              gripper.close(8.0, 0.1);
-              gripper.set_position(0.5, 8.0, 0.1);
-              gripper.set_distance(0.2, 8.0, 0.1);  // out of range, but no device: silent
-              gripper.set_tau(0.1);
-            }),
-            "");
-  EXPECT_EQ(refusal_of<std::logic_error>([&] { gripper.encode_distance(0.04, 8.0, 0.1); }),
-            "GripperComponent::encode_distance: the gripper has no motor");
-  EXPECT_EQ(refusal_of<std::logic_error>([&] { gripper.encode_tau(0.1); }),
-            "GripperComponent::encode_tau: the gripper has no motor");
-
-  const double nan = std::nan("");
-  const double inf = INFINITY;
-  const std::string set_distance = "GripperComponent::set_distance: ";
-  const std::string set_position = "GripperComponent::set_position: ";
-  const std::string to_angle = "GripperComponent::distance_to_motor_angle: ";
-  const struct {
-    const char* name;
-    std::function<void()> call;
-    std::string message;
-  } refusals[] = {
-      {"NaN opening", [&] { gripper.set_distance(nan, 8.0, 0.1); },
-       set_distance + "distance must be finite, got nan"},
-      {"infinite opening", [&] { gripper.set_distance(inf, 8.0, 0.1); },
-       set_distance + "distance must be finite, got inf"},
-      {"NaN kd with an opening", [&] { gripper.set_distance(0.05, 8.0, nan); },
-       set_distance + "kd must be finite, got nan"},
-      {"NaN position", [&] { gripper.set_position(nan, 8.0, 0.1); },
-       set_position + "position must be finite, got nan"},
-      {"-inf position", [&] { gripper.set_position(-inf, 8.0, 0.1); },
-       set_position + "position must be finite, got -inf"},
-      {"infinite kp with a position", [&] { gripper.set_position(0.5, inf, 0.1); },
-       set_position + "kp must be finite, got inf"},
-      {"NaN kp opening", [&] { gripper.open(nan, 0.1); },
-       "GripperComponent::open: kp must be finite, got nan"},
-      {"infinite kd closing", [&] { gripper.close(8.0, inf); },
-       "GripperComponent::close: kd must be finite, got inf"},
-      {"NaN torque", [&] { gripper.set_tau(nan); },
-       "GripperComponent::set_tau: tau must be finite, got nan"},
-      {"infinite opening, encoded", [&] { gripper.encode_distance(inf, 8.0, 0.1); },
-       set_distance + "distance must be finite, got inf"},
-      {"NaN kp with an opening, encoded", [&] { gripper.encode_distance(0.05, nan, 0.1); },
-       set_distance + "kp must be finite, got nan"},
-      {"-inf torque, encoded", [&] { gripper.encode_tau(-inf); },
-       "GripperComponent::set_tau: tau must be finite, got -inf"},
-      {"NaN opening to an angle", [&] { GripperComponent::distance_to_motor_angle(nan); },
-       to_angle + "distance must be finite, got nan"},
-      {"-inf opening to an angle", [&] { GripperComponent::distance_to_motor_angle(-inf); },
-       to_angle + "distance must be finite, got -inf"},
-  };
-  for (bool with_motor : {false, true}) {
-    if (with_motor) {
-      arm.init_gripper_motor(T::DM_V30_T10, 7, 0x17);
-    }
-    for (const auto& row : refusals) {
-      SCOPED_TRACE(std::string(row.name) + (with_motor ? ", with motor" : ""));
-      std::string message;
-      EXPECT_EQ(capture_stderr([&] { message = refusal_of(row.call); }), "");
-      EXPECT_EQ(message, row.message);
-    }
-  }
-  EXPECT_FALSE(motors->wait_for_received(1, 200ms)) << "nothing is sent without a motor or "
-                                                       "for a refused command";
-
-  // An opening outside 0..85 mm is reported and still commands -1 rad.
+  auto& g = arm.get_gripper();
   const struct {
     const char* name;
     std::function<void()> command;
     double q, kp, tau;
     std::string log;
   } commands[] = {
-      {"open", [&] { gripper.open(8.0, 0.1); }, -1.235463, 8.0, 0.0, ""},
-      {"close", [&] { gripper.close(8.0, 0.1); }, 0.0, 8.0, 0.0, ""},
-      {"half way", [&] { gripper.set_position(0.5, 8.0, 0.1); }, -0.6177315, 8.0, 0.0, ""},
-      {"85 mm", [&] { gripper.set_distance(0.085, 12.0, 0.2); }, -1.235598154197257, 12.0, 0.0, ""},
-      {"85.1 mm", [&] { gripper.set_distance(0.0851, 8.0, 0.1); }, -1.0, 8.0, 0.0, kOutOfRange},
-      {"-1 mm", [&] { gripper.set_distance(-0.001, 8.0, 0.1); }, -1.0, 8.0, 0.0, kOutOfRange},
-      {"torque", [&] { gripper.set_tau(0.75); }, 0.0, 0.0, 0.75, ""},
+      {"open", [&] { g.open(8.0, 0.1); }, -1.235463, 8.0, 0.0, ""},
+      {"close", [&] { g.close(8.0, 0.1); }, 0.0, 8.0, 0.0, ""},
+      {"half way", [&] { g.set_position(0.5, 8.0, 0.1); }, -0.6177315, 8.0, 0.0, ""},
+      {"85 mm", [&] { g.set_distance(0.085, 12.0, 0.2); }, -1.235598154197257, 12.0, 0.0, ""},
+      {"85.1 mm", [&] { g.set_distance(0.0851, 8.0, 0.1); }, -1.0, 8.0, 0.0, kOutOfRange},
+      {"-1 mm", [&] { g.set_distance(-0.001, 8.0, 0.1); }, -1.0, 8.0, 0.0, kOutOfRange},
+      {"torque", [&] { g.set_tau(0.75); }, 0.0, 0.0, 0.75, ""},
   };
+  // Refused: "GripperComponent::<what> must be finite, got <value>".
+  const double nan = std::nan(""), inf = INFINITY;
+  const struct {
+    const char* name;
+    std::function<void()> call;
+    const char* what;
+    const char* value;
+  } refusals[] = {
+      {"NaN opening", [&] { g.set_distance(nan, 8, 0.1); }, "set_distance: distance", "nan"},
+      {"infinite opening", [&] { g.set_distance(inf, 8, 0.1); }, "set_distance: distance", "inf"},
+      {"NaN kd, opening", [&] { g.set_distance(0.05, 8, nan); }, "set_distance: kd", "nan"},
+      {"NaN position", [&] { g.set_position(nan, 8, 0.1); }, "set_position: position", "nan"},
+      {"-inf position", [&] { g.set_position(-inf, 8, 0.1); }, "set_position: position", "-inf"},
+      {"infinite kp, position", [&] { g.set_position(0.5, inf, 0.1); }, "set_position: kp", "inf"},
+      {"NaN kp, open", [&] { g.open(nan, 0.1); }, "open: kp", "nan"},
+      {"infinite kd, close", [&] { g.close(8.0, inf); }, "close: kd", "inf"},
+      {"NaN torque", [&] { g.set_tau(nan); }, "set_tau: tau", "nan"},
+      {"inf opening, encoded", [&] { g.encode_distance(inf, 8, 0.1); }, "set_distance: distance",
+       "inf"},
+      {"NaN kp, encoded", [&] { g.encode_distance(0.05, nan, 0.1); }, "set_distance: kp", "nan"},
+      {"-inf torque, encoded", [&] { g.encode_tau(-inf); }, "set_tau: tau", "-inf"},
+      {"NaN to an angle", [&] { g.distance_to_motor_angle(nan); },
+       "distance_to_motor_angle: distance", "nan"},
+      {"-inf to an angle", [&] { g.distance_to_motor_angle(-inf); },
+       "distance_to_motor_angle: distance", "-inf"},
+  };
+  for (bool with_motor : {false, true}) {
+    if (with_motor) {
+      arm.init_gripper_motor(T::DM_V30_T10, 7, 0x17);
+    } else {
+      for (const auto& c : commands) {
+        EXPECT_EQ(capture_stderr(c.command), "") << c.name << ": no device, silent no-op";
+      }
+      EXPECT_EQ(refusal_of<std::logic_error>([&] { g.encode_distance(0.04, 8.0, 0.1); }),
+                "GripperComponent::encode_distance: the gripper has no motor");
+      EXPECT_EQ(refusal_of<std::logic_error>([&] { g.encode_tau(0.1); }),
+                "GripperComponent::encode_tau: the gripper has no motor");
+    }
+    for (const auto& row : refusals) {
+      SCOPED_TRACE(std::string(row.name) + (with_motor ? ", with motor" : ""));
+      std::string message;
+      EXPECT_EQ(capture_stderr([&] { message = refusal_of(row.call); }), "");
+      EXPECT_EQ(message,
+                std::string("GripperComponent::") + row.what + " must be finite, got " + row.value);
+    }
+  }
+  EXPECT_FALSE(motors->wait_for_received(1, 200ms)) << "nothing sent";
   for (const auto& c : commands) {
     SCOPED_TRACE(c.name);
     motors->clear_frame_log();
@@ -318,16 +299,15 @@ TEST_P(FacadeTest, ASteadyControlCycleAllocatesNothing) {
   auto& joints = arm.get_arm();
   auto& gripper = arm.get_gripper();
   const float hold[6] = {0.1f, -0.2f, 0.3f, -0.4f, 0.5f, -0.6f};
-  const struct {
-    const char* name;
-    dm::ControlMode mode;
-    bool limp_gripper;
-  } rows[] = {
-      {"MIT joints, gripper opening", dm::MIT_MODE, false},
-      {"position-velocity joints, limp gripper", dm::POS_VEL_MODE, true},
+  auto each_motor = [&](const std::function<void(dm::Motor&)>& f) {
+    for (const auto& device : joints.dm_devices()) {
+      f(device->get_motor());
+    }
+    f(gripper.dm_devices()[0]->get_motor());
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
+  for (bool pos_vel : {false, true}) {
+    SCOPED_TRACE(pos_vel ? "position-velocity joints, limp gripper"
+                         : "MIT joints, gripper opening");
     std::array<dm::EncodedFrame, 7> frames;
     double position_sum = 0.0;
     auto cycle = [&] {
@@ -338,27 +318,22 @@ TEST_P(FacadeTest, ASteadyControlCycleAllocatesNothing) {
       }
       position_sum += gripper.get_motor()->get_position();
       for (int j = 0; j < 6; ++j) {
-        frames[j] = row.mode == dm::MIT_MODE
-                        ? joints.encode_mit_one(j, {20.0, 1.0, hold[j], 0.0, 0.0})
-                        : joints.encode_pos_vel_one(j, {hold[j], 1.0f});
+        frames[j] = pos_vel ? joints.encode_pos_vel_one(j, {hold[j], 1.0f})
+                            : joints.encode_mit_one(j, {20.0, 1.0, hold[j], 0.0, 0.0});
       }
-      frames[6] =
-          row.limp_gripper ? gripper.encode_tau(0.0) : gripper.encode_distance(0.04, 8.0, 0.1);
+      frames[6] = pos_vel ? gripper.encode_tau(0.0) : gripper.encode_distance(0.04, 8.0, 0.1);
       for (const auto& frame : frames) {
         joints.send_encoded(frame);
       }
     };
     uint64_t allocations = 0;
     capture_stderr([&] {
-      arm.switch_all_motors_mode(row.mode);
+      arm.switch_all_motors_mode(pos_vel ? dm::POS_VEL_MODE : dm::MIT_MODE);
       for (int i = 0; i < 20; ++i) {
         cycle();
       }
       // Feedback decoded during the counted cycles overwrites these.
-      for (const auto& device : joints.dm_devices()) {
-        device->get_motor().set_state_tmos(-1);
-      }
-      gripper.dm_devices()[0]->get_motor().set_state_tmos(-1);
+      each_motor([](dm::Motor& m) { m.set_state_tmos(-1); });
       kestrel::testing::ScopedAllocationCount count;
       for (int i = 0; i < 300; ++i) {
         cycle();
@@ -367,10 +342,7 @@ TEST_P(FacadeTest, ASteadyControlCycleAllocatesNothing) {
     });
     EXPECT_EQ(allocations, 0u);
     EXPECT_TRUE(std::isfinite(position_sum));
-    for (int i = 0; i < 6; ++i) {
-      EXPECT_NE(joints.dm_devices()[i]->get_motor().get_t_mos(), -1) << "joint " << i;
-    }
-    EXPECT_NE(gripper.get_motor()->get_t_mos(), -1) << "gripper";
+    each_motor([](dm::Motor& m) { EXPECT_NE(m.get_t_mos(), -1) << m.get_recv_id(); });
   }
 }
 
@@ -388,22 +360,18 @@ TEST(ComponentInit, RefusesInputsItCannotUseAndReplacesTheGripperDevice) {
   canbus::CANSocket socket("can0", false);
   ArmComponent joints(socket);
   const std::string op = "ArmComponent::init_motor_devices: ";
+  const std::vector<unsigned> five_ids = {1, 2, 3, 4, 5};
+  const std::vector<T> bad_type = {T::DM_V8_T28, T::DM_V8_T28, static_cast<T>(13)};
   const struct {
     const char* name;
     std::vector<T> types;
     std::vector<unsigned> send_ids, recv_ids;
     std::string message;
   } rows[] = {
-      {"one send id short",
-       kArmTypes,
-       {1, 2, 3, 4, 5},
-       kArmFeedbackIds,
+      {"one send id short", kArmTypes, five_ids, kArmFeedbackIds,
        op + "6 motor types but 5 send ids"},
       {"no receive ids", kArmTypes, kArmIds, {}, op + "6 motor types but 0 receive ids"},
-      {"type past the limit table",
-       {T::DM_V8_T28, T::DM_V8_T28, static_cast<T>(13)},
-       kArmIds,
-       kArmFeedbackIds,
+      {"type past the limit table", bad_type, kArmIds, kArmFeedbackIds,
        op + "invalid motor type 13 for motor 2"},
   };
   for (const auto& row : rows) {
