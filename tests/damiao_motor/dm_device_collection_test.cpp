@@ -194,69 +194,60 @@ TEST_P(GroupTest, CommandsReachTheWireByteExactInDeviceOrder) {
 // a payload past the frame: refused by name, and no frame of the call goes out.
 TEST_P(GroupTest, RefusedCommandsSendNothing) {
   add_motors({1, 2});
-  const double nan = std::nan("");
-  const double inf = INFINITY;
-  const float nanf = std::nanf("");
-  const float inff = INFINITY;
+  const double nan = std::nan(""), inf = INFINITY;
+  const float nanf = std::nanf(""), inff = INFINITY;
+  const CANPacket long_payload{1, Bytes(65)};
   const std::vector<float> three = {1, 2, 3}, good_then_nan = {1.0f, nanf};
-  const std::vector<MITParam> nan_q = {{}, {0, 0, nan, 0, 0}};
-  const std::vector<POS_VELParam> nan_dq = {{}, {0.0f, nanf}};
+  const std::vector<unsigned> four = {1, 2, 3, 4};
+  const std::vector<MITParam> mit3(3), nan_q = {{}, {0, 0, nan, 0, 0}};
+  const std::vector<POS_VELParam> pv3(3), nan_dq = {{}, {0.0f, nanf}};
   const MITParam inf_kp{inf, 1, 0, 0, 0}, inf_tau{0, 0, 0, 0, -inf}, nan_dq_mit{0, 0, 0, nan, 0};
   const POS_VELParam inf_q{inff, 1.0f}, inf_dq{0.0f, -inff};
-  const std::string two = " for a group of 2 motors";
-  const std::string out_of_range = " is out of range" + two;
+  auto many = [](const std::string& what) { return what + " for a group of 2 motors"; };
+  auto index = [](const std::string& what) {
+    return what + " is out of range for a group of 2 motors";
+  };
   auto& g = *group;
   const struct {
     const char* name;
     std::function<void()> call;
     std::string message;
   } rows[] = {
-      {"more MIT commands than motors", [&] { g.mit_control_all(std::vector<MITParam>(3)); },
-       "mit_control_all: 3 commands" + two},
-      {"more position-velocity commands than motors",
-       [&] { g.pos_vel_control_all(std::vector<POS_VELParam>(3)); },
-       "pos_vel_control_all: 3 commands" + two},
-      {"more float register values than motors", [&] { g.write_param_all(4, three); },
-       "write_param_all: 3 values" + two},
-      {"more integer register values than motors",
-       [&] { g.write_param_all(7, std::vector<unsigned>(4, 1u)); },
-       "write_param_all: 4 values" + two},
-      {"more accelerations than motors", [&] { g.set_acc_all(three); },
-       "set_acc_all: 3 values" + two},
-      {"more decelerations than motors", [&] { g.set_dec_all(three); },
-       "set_dec_all: 3 values" + two},
-      {"more KP_APR values than motors", [&] { g.set_kp_apr_all(three); },
-       "set_kp_apr_all: 3 values" + two},
-      {"MIT index past the end", [&] { g.mit_control_one(2, {}); },
-       "mit_control_one: motor index 2" + out_of_range},
-      {"negative position-velocity index", [&] { g.pos_vel_control_one(-1, {}); },
-       "pos_vel_control_one: motor index -1" + out_of_range},
-      {"MIT index past the end, encoded", [&] { g.encode_mit_one(2, {}); },
-       "mit_control_one: motor index 2" + out_of_range},
-      {"negative position-velocity index, encoded", [&] { g.encode_pos_vel_one(-1, {}); },
-       "pos_vel_control_one: motor index -1" + out_of_range},
-      {"refresh index past the end", [&] { g.refresh_one(2); },
-       "refresh_one: motor index 2" + out_of_range},
-      {"query index past the end", [&] { g.query_param_one(7, RID_ACC); },
-       "query_param_one: motor index 7" + out_of_range},
-      {"integer register index past the end", [&] { g.write_param_one(2, 9, 1u); },
-       "write_param_one: motor index 2" + out_of_range},
-      {"negative KP_APR index", [&] { g.set_kp_apr_one(-3, 1.0f); },
-       "set_kp_apr_one: motor index -3" + out_of_range},
-      {"NaN position in the second MIT command", [&] { g.mit_control_all(nan_q); },
+      {"MIT commands", [&] { g.mit_control_all(mit3); }, many("mit_control_all: 3 commands")},
+      {"position-velocity commands", [&] { g.pos_vel_control_all(pv3); },
+       many("pos_vel_control_all: 3 commands")},
+      {"float registers", [&] { g.write_param_all(4, three); }, many("write_param_all: 3 values")},
+      {"integer registers", [&] { g.write_param_all(7, four); }, many("write_param_all: 4 values")},
+      {"accelerations", [&] { g.set_acc_all(three); }, many("set_acc_all: 3 values")},
+      {"decelerations", [&] { g.set_dec_all(three); }, many("set_dec_all: 3 values")},
+      {"KP_APR values", [&] { g.set_kp_apr_all(three); }, many("set_kp_apr_all: 3 values")},
+      {"MIT index", [&] { g.mit_control_one(2, {}); }, index("mit_control_one: motor index 2")},
+      {"position-velocity index", [&] { g.pos_vel_control_one(-1, {}); },
+       index("pos_vel_control_one: motor index -1")},
+      {"MIT index, encoded", [&] { g.encode_mit_one(2, {}); },
+       index("mit_control_one: motor index 2")},
+      {"position-velocity index, encoded", [&] { g.encode_pos_vel_one(-1, {}); },
+       index("pos_vel_control_one: motor index -1")},
+      {"refresh index", [&] { g.refresh_one(2); }, index("refresh_one: motor index 2")},
+      {"query index", [&] { g.query_param_one(7, RID_ACC); },
+       index("query_param_one: motor index 7")},
+      {"register index", [&] { g.write_param_one(2, 9, 1u); },
+       index("write_param_one: motor index 2")},
+      {"KP_APR index", [&] { g.set_kp_apr_one(-3, 1.0f); },
+       index("set_kp_apr_one: motor index -3")},
+      {"NaN q, second MIT command", [&] { g.mit_control_all(nan_q); },
        "mit_control_all: motor 1 q must be finite, got nan"},
       {"infinite kp", [&] { g.mit_control_one(0, inf_kp); },
        "mit_control_one: motor 0 kp must be finite, got inf"},
-      {"infinite feed-forward torque", [&] { g.mit_control_one(1, inf_tau); },
+      {"-inf feed-forward torque", [&] { g.mit_control_one(1, inf_tau); },
        "mit_control_one: motor 1 tau must be finite, got -inf"},
-      {"NaN velocity in the second position-velocity command",
-       [&] { g.pos_vel_control_all(nan_dq); },
+      {"NaN dq, second position-velocity command", [&] { g.pos_vel_control_all(nan_dq); },
        "pos_vel_control_all: motor 1 dq must be finite, got nan"},
       {"infinite position-velocity target", [&] { g.pos_vel_control_one(0, inf_q); },
        "pos_vel_control_one: motor 0 q must be finite, got inf"},
       {"NaN MIT velocity, encoded", [&] { g.encode_mit_one(1, nan_dq_mit); },
        "mit_control_one: motor 1 dq must be finite, got nan"},
-      {"infinite position-velocity velocity, encoded", [&] { g.encode_pos_vel_one(0, inf_dq); },
+      {"-inf position-velocity velocity, encoded", [&] { g.encode_pos_vel_one(0, inf_dq); },
        "pos_vel_control_one: motor 0 dq must be finite, got -inf"},
       {"NaN acceleration after a good one", [&] { g.set_acc_all(good_then_nan); },
        "set_acc_all: motor 1 register 4 value must be finite, got nan"},
@@ -264,10 +255,7 @@ TEST_P(GroupTest, RefusedCommandsSendNothing) {
        "write_param_one: motor 1 register 27 value must be finite, got inf"},
       {"NaN deceleration", [&] { g.set_dec_one(0, nanf); },
        "set_dec_one: motor 0 register 5 value must be finite, got nan"},
-      {"payload longer than any frame",
-       [&] {
-         g.send_command_to_device(nullptr, {1, Bytes(65)});
-       },
+      {"payload longer than any frame", [&] { g.send_command_to_device(nullptr, long_payload); },
        fd() ? "create_canfd_frame: payload of 65 bytes exceeds the 64 bytes of a CAN FD frame"
             : "create_can_frame: payload of 65 bytes exceeds the 8 bytes of a classic CAN frame"},
   };
