@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <chrono>
 #include <functional>
 #include <stdexcept>
@@ -60,52 +61,36 @@ class CANSocketOnSimbus : public ::testing::Test {
   simbus::ScopedSimbus bus_{{"can0", kLongName}};
 };
 
-// An FD socket writes and reads both kinds; a classic frame stays 16 bytes on it. Frames of
-// exactly 8 and 64 bytes fill their kind and go out.
-TEST_F(CANSocketOnSimbus, OpensAndExchangesFramesOfBothKinds) {
+// An FD socket writes and reads both kinds; a classic frame stays 16 bytes on it. A frame of
+// exactly 64 bytes fills its kind and goes out.
+TEST_F(CANSocketOnSimbus, FdSocketExchangesFramesOfBothKinds) {
   Fd peer = open_can("can0", true);
-  const can_frame out = classic_frame(0x123, {1, 2, 3, 4, 5, 6, 7, 8});
-  canfd_frame got{};
-  {
-    CANSocket classic("can0", false);
-    EXPECT_TRUE(classic.get_is_initialized());
-    EXPECT_GE(classic.get_socket_fd(), 0);
-    EXPECT_FALSE(classic.is_canfd_enabled());
-    EXPECT_EQ(classic.get_interface_name(), "can0");
-    ASSERT_TRUE(classic.write_can_frame(out));
-    ASSERT_EQ(read_within(peer.get(), &got, sizeof(got), 2000), CAN_MTU);
-    EXPECT_EQ(std::memcmp(&got, &out, CAN_MTU), 0);
-    const can_frame back = classic_frame(0x321, {9, 8, 7});
-    ASSERT_EQ(::write(peer.get(), &back, CAN_MTU), CAN_MTU);
-    can_frame got_classic{};
-    ASSERT_TRUE(classic.is_data_available(2000000));
-    ASSERT_TRUE(classic.read_can_frame(got_classic));
-    EXPECT_EQ(std::memcmp(&got_classic, &back, CAN_MTU), 0);
-  }
   CANSocket fd("can0", true);
   EXPECT_TRUE(fd.is_canfd_enabled());
   int enabled = 0;
   socklen_t length = sizeof(enabled);
   ASSERT_EQ(::getsockopt(fd.get_socket_fd(), SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &enabled, &length), 0);
   EXPECT_EQ(enabled, 1);
+  const can_frame small = classic_frame(0x10, {1, 2});
   const canfd_frame big = fd_frame(0x20, 64, CANFD_BRS, 0x40);
-  ASSERT_TRUE(fd.write_can_frame(out));
+  ASSERT_TRUE(fd.write_can_frame(small));
   ASSERT_TRUE(fd.write_canfd_frame(big));
+  canfd_frame got{};
   ASSERT_EQ(read_within(peer.get(), &got, sizeof(got), 2000), CAN_MTU);
-  EXPECT_EQ(std::memcmp(&got, &out, CAN_MTU), 0);
+  EXPECT_EQ(std::memcmp(&got, &small, CAN_MTU), 0);
   ASSERT_EQ(read_within(peer.get(), &got, sizeof(got), 2000), CANFD_MTU);
   EXPECT_EQ(got.len, 64);
   EXPECT_EQ(std::memcmp(got.data, big.data, 64), 0);
 
   ASSERT_EQ(::write(peer.get(), &big, CANFD_MTU), CANFD_MTU);
-  ASSERT_EQ(::write(peer.get(), &out, CAN_MTU), CAN_MTU);
+  ASSERT_EQ(::write(peer.get(), &small, CAN_MTU), CAN_MTU);
   ASSERT_TRUE(fd.is_data_available(2000000));
   ASSERT_TRUE(fd.read_canfd_frame(got));
   EXPECT_EQ(got.can_id, 0x20u);
   EXPECT_EQ(got.flags, CANFD_BRS | CANFD_FDF);
   ASSERT_TRUE(fd.is_data_available(2000000));
   EXPECT_EQ(fd.read_raw_frame(&got, sizeof(got)), CAN_MTU);  // classic stays 16 bytes
-  EXPECT_EQ(got.can_id, 0x123u);
+  EXPECT_EQ(got.can_id, 0x10u);
 }
 
 // A missing interface fails quietly; a DOWN one prints the hint once. The name is cut to 15
@@ -127,12 +112,12 @@ TEST_F(CANSocketOnSimbus, ConstructionFailsWithTheHintOnlyForADownInterface) {
       {"DOWN interface, FD", "can0", true, "can0", hint("can0")},
       {"DOWN interface with a long name", longer, false, kLongName, hint(longer)},
   };
+  const int before = open_descriptors();
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     if (row.down != nullptr) {
       bus_.set_up(row.down, false);
     }
-    const int before = open_descriptors();
     std::string what;
     EXPECT_EQ(capture_stderr([&] {
                 what = refusal_of<CANSocketException>([&] { CANSocket(row.interface, row.canfd); });
@@ -153,31 +138,42 @@ TEST_F(CANSocketOnSimbus, ConstructionFailsWithTheHintOnlyForADownInterface) {
   EXPECT_EQ(read_within(peer.get(), &got, sizeof(got), 2000), CAN_MTU);
 }
 
-TEST_F(CANSocketOnSimbus, IsDataAvailablePollsOrWaitsAsLongAsAsked) {
+// A classic socket writes a full 8-byte frame, and is_data_available polls or waits as long as
+// asked, returning when a frame comes.
+TEST_F(CANSocketOnSimbus, ClassicSocketWritesThenWaitsForAndReadsAFrame) {
   CANSocket socket("can0", false);
+  EXPECT_TRUE(socket.get_is_initialized());
+  EXPECT_GE(socket.get_socket_fd(), 0);
+  EXPECT_FALSE(socket.is_canfd_enabled());
+  EXPECT_EQ(socket.get_interface_name(), "can0");
   Fd peer = open_can("can0");
+  const can_frame out = classic_frame(0x123, {1, 2, 3, 4, 5, 6, 7, 8});
+  ASSERT_TRUE(socket.write_can_frame(out));
+  can_frame got{};
+  ASSERT_EQ(read_within(peer.get(), &got, sizeof(got), 2000), CAN_MTU);
+  EXPECT_EQ(std::memcmp(&got, &out, CAN_MTU), 0);
+
   auto start = steady_clock::now();
   EXPECT_FALSE(socket.is_data_available(0));
   EXPECT_LT(steady_clock::now() - start, 20ms);
-
   start = steady_clock::now();
   EXPECT_FALSE(socket.is_data_available(150000));
   const auto waited = steady_clock::now() - start;
   EXPECT_GE(waited, 145ms);
   EXPECT_LT(waited, 1s);
 
+  const can_frame back = classic_frame(0x321, {9, 8, 7});
   std::thread later([&] {
     std::this_thread::sleep_for(30ms);
-    const can_frame frame = classic_frame(0x1, {});
-    EXPECT_EQ(::write(peer.get(), &frame, CAN_MTU), CAN_MTU);
+    EXPECT_EQ(::write(peer.get(), &back, CAN_MTU), CAN_MTU);
   });
   start = steady_clock::now();
-  EXPECT_TRUE(socket.is_data_available(2000000));  // returns when the frame comes
+  EXPECT_TRUE(socket.is_data_available(2000000));
   EXPECT_LT(steady_clock::now() - start, 1s);
   later.join();
   EXPECT_TRUE(socket.is_data_available(0));
-  can_frame got{};
   EXPECT_TRUE(socket.read_can_frame(got));
+  EXPECT_EQ(std::memcmp(&got, &back, CAN_MTU), 0);
   // Nothing left: the 100 µs receive time-out ends the read at once.
   start = steady_clock::now();
   EXPECT_FALSE(socket.read_can_frame(got));
@@ -186,8 +182,8 @@ TEST_F(CANSocketOnSimbus, IsDataAvailablePollsOrWaitsAsLongAsAsked) {
 }
 
 // After cleanup the socket still counts as initialised but every call fails; a second cleanup
-// must not close the newcomer that reused the number.
-TEST_F(CANSocketOnSimbus, CleanupClosesOnceAndLaterCallsFail) {
+// must not close the newcomer that reused the number, and descriptor 0 is never closed at all.
+TEST_F(CANSocketOnSimbus, CleanupClosesItsOwnDescriptorOnceAndLaterCallsFail) {
   CANSocket socket("can0", false);
   const int number = socket.get_socket_fd();
   socket.cleanup();
@@ -203,20 +199,15 @@ TEST_F(CANSocketOnSimbus, CleanupClosesOnceAndLaterCallsFail) {
   ASSERT_EQ(newcomer.get(), number);
   socket.cleanup();
   EXPECT_TRUE(is_open(number));
-}
 
-TEST_F(CANSocketOnSimbus, DescriptorZeroIsNeverClosed) {
   Fd saved_stdin(::dup(0));
-  ASSERT_GE(saved_stdin.get(), 0);
   ::close(0);
   {
-    CANSocket socket("can0", false);
-    EXPECT_EQ(socket.get_socket_fd(), 0);
-    socket.cleanup();
-    EXPECT_EQ(socket.get_socket_fd(), 0);
-    EXPECT_TRUE(is_open(0));
-    // Still the CAN socket: it takes a frame.
-    EXPECT_TRUE(socket.write_can_frame(classic_frame(0x2, {})));
+    CANSocket on_zero("can0", false);
+    EXPECT_EQ(on_zero.get_socket_fd(), 0);
+    on_zero.cleanup();
+    EXPECT_EQ(on_zero.get_socket_fd(), 0);
+    EXPECT_TRUE(on_zero.write_can_frame(classic_frame(0x2, {})));  // still the CAN socket
   }
   EXPECT_TRUE(is_open(0));  // the destructor left it alone too
   ASSERT_EQ(::dup2(saved_stdin.get(), 0), 0);
@@ -242,11 +233,7 @@ TEST_F(CANSocketOnSimbus, FailedWritesAreCountedByCauseAndFdNeedsAnFdInterface) 
     s.cleanup();
     return s.write_can_frame(small);
   };
-  // refused, interface down, other; the queue-full count stays 0 here
-  using Counts = std::tuple<uint64_t, uint64_t, uint64_t, uint64_t, int>;
-  auto counts = [](uint64_t refused, uint64_t down, uint64_t other, int last_errno) {
-    return Counts(refused, 0, down, other, last_errno);
-  };
+  enum Cause { kNone, kRefused, kQueueFull, kDown, kOther };  // where both failures are counted
   const struct {
     const char* name;
     bool canfd;
@@ -254,20 +241,17 @@ TEST_F(CANSocketOnSimbus, FailedWritesAreCountedByCauseAndFdNeedsAnFdInterface) 
     bool up;
     Write write;
     int error;  // 0: both writes go out
-    Counts counts;
+    Cause cause;
   } rows[] = {
-      {"FD frame, classic socket", false, CANFD_MTU, true, fd, EINVAL, counts(2, 0, 0, EINVAL)},
-      {"1-byte raw write", false, CANFD_MTU, true, one_byte, EINVAL, counts(2, 0, 0, EINVAL)},
-      {"FD frame, classic interface", true, CAN_MTU, true, fd, EINVAL, counts(2, 0, 0, EINVAL)},
-      {"raw FD frame, classic interface", true, CAN_MTU, true, raw_fd, EINVAL,
-       counts(2, 0, 0, EINVAL)},
-      {"classic frame, FD socket, classic interface", true, CAN_MTU, true, classic, 0,
-       counts(0, 0, 0, 0)},
-      {"FD frame, FD interface", true, CANFD_MTU, true, fd, 0, counts(0, 0, 0, 0)},
-      {"interface down", true, CANFD_MTU, false, fd, ENETDOWN, counts(0, 2, 0, ENETDOWN)},
-      {"FD frame, classic interface down", true, CAN_MTU, false, fd, EINVAL,
-       counts(2, 0, 0, EINVAL)},
-      {"after cleanup", false, CANFD_MTU, true, after_cleanup, EBADF, counts(0, 0, 2, EBADF)},
+      {"FD frame, classic socket", false, CANFD_MTU, true, fd, EINVAL, kRefused},
+      {"1-byte raw write", false, CANFD_MTU, true, one_byte, EINVAL, kRefused},
+      {"FD frame, classic interface", true, CAN_MTU, true, fd, EINVAL, kRefused},
+      {"raw FD frame, classic interface", true, CAN_MTU, true, raw_fd, EINVAL, kRefused},
+      {"classic frame, FD socket, classic interface", true, CAN_MTU, true, classic, 0, kNone},
+      {"FD frame, FD interface", true, CANFD_MTU, true, fd, 0, kNone},
+      {"interface down", true, CANFD_MTU, false, fd, ENETDOWN, kDown},
+      {"FD frame, classic interface down", true, CAN_MTU, false, fd, EINVAL, kRefused},
+      {"after cleanup", false, CANFD_MTU, true, after_cleanup, EBADF, kOther},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
@@ -287,8 +271,12 @@ TEST_F(CANSocketOnSimbus, FailedWritesAreCountedByCauseAndFdNeedsAnFdInterface) 
       }
     }
     const SendFailureCounts c = socket.send_failures();
-    EXPECT_EQ(std::make_tuple(c.refused, c.queue_full, c.interface_down, c.other, c.last_errno),
-              row.counts);
+    const std::array<uint64_t, 5> by_cause = {0, c.refused, c.queue_full, c.interface_down,
+                                              c.other};
+    for (int cause = kRefused; cause <= kOther; ++cause) {
+      EXPECT_EQ(by_cause[cause], cause == row.cause ? 2u : 0u) << cause;
+    }
+    EXPECT_EQ(c.last_errno, row.error);
   }
   EXPECT_EQ(canfd_mtu_refusal("can0", CAN_MTU), refusal);
   EXPECT_EQ(describe_send_failures({2, 1, 0, 0, ENOBUFS}),
