@@ -27,20 +27,41 @@ class CANDeviceCollectionTest : public ::testing::Test {
   CANDeviceCollection registry{socket};
 };
 
-TEST_F(CANDeviceCollectionTest, IteratesInAscendingReceiveIdentifier) {
-  for (uint32_t id : {0x15u, 0x11u, 0x13u}) {
-    registry.add_device(std::make_shared<RecordingDevice>(id));
+// Devices are iterated in ascending receive id; a frame reaches the device whose receive id
+// equals its whole can_id (extended, remote and error flags included), classic or FD.
+TEST_F(CANDeviceCollectionTest, IteratesInReceiveIdOrderAndDispatchesOnTheWholeIdentifier) {
+  std::vector<std::shared_ptr<RecordingDevice>> devices;
+  for (uint32_t id : {0x15u, 0x12u, 0x13u}) {
+    devices.push_back(std::make_shared<RecordingDevice>(id));
+    registry.add_device(devices.back());
   }
   std::vector<uint32_t> order;
   for (const auto& entry : registry.get_devices()) {
     order.push_back(entry.first);
     EXPECT_EQ(entry.second->get_recv_id(), entry.first);
   }
-  EXPECT_EQ(order, (std::vector<uint32_t>{0x11, 0x13, 0x15}));
+  EXPECT_EQ(order, (std::vector<uint32_t>{0x12, 0x13, 0x15}));
   EXPECT_EQ(&registry.get_socket(), &socket);
+
+  can_frame frame{};
+  for (uint32_t id :
+       {0x12u, 0x12u | CAN_EFF_FLAG, 0x12u | CAN_RTR_FLAG, 0x12u | CAN_ERR_FLAG, 0x7FFu}) {
+    frame.can_id = id;
+    registry.dispatch_frame_callback(frame);
+  }
+  canfd_frame fd{};
+  fd.can_id = 0x12;
+  registry.dispatch_frame_callback(fd);
+  EXPECT_EQ(devices[1]->classic_ids, (std::vector<uint32_t>{0x12}));
+  EXPECT_EQ(devices[1]->fd_ids, (std::vector<uint32_t>{0x12}));
+  for (size_t i : {0, 2}) {
+    EXPECT_TRUE(devices[i]->classic_ids.empty() && devices[i]->fd_ids.empty()) << i;
+  }
 }
 
-TEST_F(CANDeviceCollectionTest, SameIdentifierReplacesAndRemovalIsByKey) {
+// A device under an identifier already taken replaces the old one (released); removal goes by
+// the device's receive identifier; missing keys and null devices are ignored.
+TEST_F(CANDeviceCollectionTest, SameIdentifierReplacesRemovalIsByKeyAndDevicesAreReleased) {
   auto first = std::make_shared<RecordingDevice>(0x11);
   auto second = std::make_shared<RecordingDevice>(0x11);
   registry.add_device(first);
@@ -48,51 +69,18 @@ TEST_F(CANDeviceCollectionTest, SameIdentifierReplacesAndRemovalIsByKey) {
   ASSERT_EQ(registry.get_devices().size(), 1u);
   EXPECT_EQ(registry.get_devices().at(0x11), second);
   EXPECT_EQ(first.use_count(), 1) << "the replaced device is released";
-
-  // Removing the replaced device removes whatever is registered under its identifier.
   registry.remove_device(first);
   EXPECT_TRUE(registry.get_devices().empty());
-  registry.remove_device(first);  // a missing key is ignored
+  registry.remove_device(first);
   registry.add_device(nullptr);
   registry.remove_device(nullptr);
   EXPECT_TRUE(registry.get_devices().empty());
-}
-
-TEST_F(CANDeviceCollectionTest, DispatchUsesTheWholeIdentifier) {
-  auto motor = std::make_shared<RecordingDevice>(0x12);
-  auto other = std::make_shared<RecordingDevice>(0x13);
-  registry.add_device(motor);
-  registry.add_device(other);
-
-  can_frame frame{};
-  frame.can_id = 0x12;
-  registry.dispatch_frame_callback(frame);
-  frame.can_id = 0x12 | CAN_EFF_FLAG;  // extended frame with the same low bits
-  registry.dispatch_frame_callback(frame);
-  frame.can_id = 0x12 | CAN_RTR_FLAG;
-  registry.dispatch_frame_callback(frame);
-  frame.can_id = 0x12 | CAN_ERR_FLAG;
-  registry.dispatch_frame_callback(frame);
-  frame.can_id = 0x7FF;  // nobody's
-  registry.dispatch_frame_callback(frame);
-  canfd_frame fd{};
-  fd.can_id = 0x12;
-  registry.dispatch_frame_callback(fd);
-
-  EXPECT_EQ(motor->classic_ids, (std::vector<uint32_t>{0x12}));
-  EXPECT_EQ(motor->fd_ids, (std::vector<uint32_t>{0x12}));
-  EXPECT_TRUE(other->classic_ids.empty());
-  EXPECT_TRUE(other->fd_ids.empty());
-}
-
-TEST_F(CANDeviceCollectionTest, DestructionReleasesDevices) {
-  auto device = std::make_shared<RecordingDevice>(0x11);
   {
     CANDeviceCollection scoped(socket);
-    scoped.add_device(device);
-    EXPECT_EQ(device.use_count(), 2);
+    scoped.add_device(first);
+    EXPECT_EQ(first.use_count(), 2);
   }
-  EXPECT_EQ(device.use_count(), 1);
+  EXPECT_EQ(first.use_count(), 1) << "destruction releases devices";
 }
 
 }  // namespace
