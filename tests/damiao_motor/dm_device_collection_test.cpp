@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <deque>
 #include <functional>
@@ -22,40 +23,18 @@ using kestrel::testing::refusal_of;
 
 using Bytes = std::vector<uint8_t>;
 
-struct WireFrame {
-  uint32_t id;
-  Bytes data;
-  bool operator==(const WireFrame& o) const { return id == o.id && data == o.data; }
-};
-using Frames = std::vector<WireFrame>;
+// Frames as candump prints them: "7FF#01 00 33 04 00 00 00 00".
+using Frames = std::vector<std::string>;
 
-std::ostream& operator<<(std::ostream& os, const WireFrame& f) {
-  os << std::hex << "0x" << f.id << " [";
-  for (uint8_t b : f.data) {
-    os << " " << static_cast<int>(b);
-  }
-  return os << " ]" << std::dec;
-}
-
-// A frame whose payload is written as hexadecimal pairs, "FF FF ...".
-WireFrame frame(uint32_t id, const std::string& text) {
-  Bytes bytes;
-  for (size_t i = 0; i + 1 < text.size(); i += 3) {
-    bytes.push_back(static_cast<uint8_t>(std::stoi(text.substr(i, 2), nullptr, 16)));
-  }
-  return {id, bytes};
-}
-
-// The same frame sent to motors 1..count, `%` in the text standing for the motor's id.
-Frames each(int count, uint32_t id, const std::string& text) {
+// The frame `pattern` once per motor 1..count, each `%` replaced by the motor's number.
+Frames each(int count, const std::string& pattern) {
   Frames frames;
   for (int m = 1; m <= count; ++m) {
-    std::string t = text;
-    const size_t at = t.find('%');
-    if (at != std::string::npos) {
-      t.replace(at, 1, "0" + std::to_string(m));
+    std::string text = pattern;
+    for (char& c : text) {
+      c = c == '%' ? static_cast<char>('0' + m) : c;
     }
-    frames.push_back(frame(id == 0 ? m : id, t));
+    frames.push_back(text);
   }
   return frames;
 }
@@ -90,7 +69,12 @@ class GroupTest : public ::testing::TestWithParam<bool> {
       EXPECT_EQ(n, fd() ? CANFD_MTU : CAN_MTU);
       EXPECT_EQ(fd(), n == CANFD_MTU && (raw.flags & CANFD_BRS));
       const size_t length = n == CANFD_MTU ? raw.len : reinterpret_cast<can_frame&>(raw).can_dlc;
-      frames.push_back({raw.can_id, Bytes(raw.data, raw.data + length)});
+      char text[4 + 3 * CANFD_MAX_DLEN] = {};
+      int at = std::snprintf(text, sizeof(text), "%03X#", raw.can_id);
+      for (size_t i = 0; i < length; ++i) {
+        at += std::snprintf(text + at, sizeof(text) - at, i == 0 ? "%02X" : " %02X", raw.data[i]);
+      }
+      frames.push_back(text);
     }
     return frames;
   }
@@ -109,18 +93,18 @@ TEST_P(GroupTest, CommandsReachTheWireByteExactInDeviceOrder) {
   const std::vector<MITParam> mit_3 = {{0, 0, -12.5, 0, 0}, {}, {0, 0, 12.5, 0, 0}};
   const std::vector<MITParam> mit_1 = {{0, 0, 12.5, 0, 0}};
   const std::vector<POS_VELParam> pos_vel = {{1.0f, 0.5f}, {-1.0f, 2.0f}};
+  const std::vector<float> acc = {1.0f, 2.0f, 3.0f};
   const std::vector<unsigned> integers = {10, 11, 12, 13, 14, 15};
-  const std::vector<unsigned> one_two = {1, 2}, arm = {1, 2, 3, 4, 5, 6};
-  const std::string w = "00 55 ";  // register write, after the low id byte
+  const std::vector<unsigned> one_two = {1, 2}, three = {3, 1, 2}, six = {1, 2, 3, 4, 5, 6};
+  const std::vector<unsigned> eight = {1, 2, 3, 4, 5, 6, 7, 8};
   const struct {
     const char* name;
     std::vector<unsigned> send_ids;
     std::function<void(DMDeviceCollection&)> commands;
     Frames expected;
   } rows[] = {
-      {"enable", one_two, [](auto& g) { g.enable_all(); }, each(2, 0, "FF FF FF FF FF FF FF FC")},
-      {"one-byte commands and refreshes",
-       {1, 2, 3},
+      {"enable", one_two, [](auto& g) { g.enable_all(); }, each(2, "00%#FF FF FF FF FF FF FF FC")},
+      {"one-byte commands and refreshes", three,
        [](auto& g) {
          g.disable_all();
          g.set_zero_all();
@@ -128,9 +112,9 @@ TEST_P(GroupTest, CommandsReachTheWireByteExactInDeviceOrder) {
          g.refresh_all();
          g.refresh_one(1);
        },
-       each(3, 0, "FF FF FF FF FF FF FF FD") + each(3, 0, "FF FF FF FF FF FF FF FE") +
-           each(3, 0, "FF FF FF FF FF FF FF FB") + each(3, 0x7FF, "% 00 CC 00 00 00 00 00") +
-           Frames{frame(0x7FF, "02 00 CC 00 00 00 00 00")}},
+       each(3, "00%#FF FF FF FF FF FF FF FD") + each(3, "00%#FF FF FF FF FF FF FF FE") +
+           each(3, "00%#FF FF FF FF FF FF FF FB") + each(3, "7FF#0% 00 CC 00 00 00 00 00") +
+           Frames{"7FF#02 00 CC 00 00 00 00 00"}},
       {"register queries and writes", one_two,
        [](auto& g) {
          g.query_acc_all();
@@ -142,40 +126,29 @@ TEST_P(GroupTest, CommandsReachTheWireByteExactInDeviceOrder) {
          g.write_param_one(0, 9, 1000u);
          g.switch_all_motors_mode(POS_VEL_MODE);
        },
-       each(2, 0x7FF, "% 00 33 04 00 00 00 00") + each(2, 0x7FF, "% 00 33 05 00 00 00 00") +
-           each(2, 0x7FF, "% 00 33 1B 00 00 00 00") +
-           Frames{frame(0x7FF, "02 00 33 0A 00 00 00 00"),
-                  frame(0x7FF, "01 " + w + "05 00 00 20 41"),
-                  frame(0x7FF, "02 " + w + "1B 00 00 C0 BF"),
-                  frame(0x7FF, "01 " + w + "09 E8 03 00 00")} +
-           each(2, 0x7FF, "% " + w + "0A 02 00 00 00")},
-      {"created out of order",
-       {3, 1, 2},
-       [&](auto& g) { g.mit_control_all(mit_3); },
-       Frames{frame(1, "00 00 7F F0 00 00 07 FF"), frame(2, "7F FF 7F F0 00 00 07 FF"),
-              frame(3, "FF FF 7F F0 00 00 07 FF")}},
-      {"short vectors", arm,
+       each(2, "7FF#0% 00 33 04 00 00 00 00") + each(2, "7FF#0% 00 33 05 00 00 00 00") +
+           each(2, "7FF#0% 00 33 1B 00 00 00 00") +
+           Frames{"7FF#02 00 33 0A 00 00 00 00", "7FF#01 00 55 05 00 00 20 41",
+                  "7FF#02 00 55 1B 00 00 C0 BF", "7FF#01 00 55 09 E8 03 00 00"} +
+           each(2, "7FF#0% 00 55 0A 02 00 00 00")},
+      {"created out of order", three, [&](auto& g) { g.mit_control_all(mit_3); },
+       Frames{"001#00 00 7F F0 00 00 07 FF", "002#7F FF 7F F0 00 00 07 FF",
+              "003#FF FF 7F F0 00 00 07 FF"}},
+      {"short vectors", six,
        [&](auto& g) {
-         g.set_acc_all({1.0f, 2.0f, 3.0f});
+         g.set_acc_all(acc);
          g.write_param_all(7, integers);
          g.mit_control_all(mit_1);
          g.pos_vel_control_all(pos_vel);
        },
-       Frames{frame(0x7FF, "01 " + w + "04 00 00 80 3F"),
-              frame(0x7FF, "02 " + w + "04 00 00 00 40"),
-              frame(0x7FF, "03 " + w + "04 00 00 40 40")} +
-           Frames{frame(0x7FF, "01 " + w + "07 0A 00 00 00"),
-                  frame(0x7FF, "02 " + w + "07 0B 00 00 00"),
-                  frame(0x7FF, "03 " + w + "07 0C 00 00 00"),
-                  frame(0x7FF, "04 " + w + "07 0D 00 00 00"),
-                  frame(0x7FF, "05 " + w + "07 0E 00 00 00"),
-                  frame(0x7FF, "06 " + w + "07 0F 00 00 00"), frame(1, "FF FF 7F F0 00 00 07 FF"),
-                  frame(0x101, "00 00 80 3F 00 00 00 3F"),
-                  frame(0x102, "00 00 80 BF 00 00 00 40")}},
-      {"time-out for eight motors",
-       {1, 2, 3, 4, 5, 6, 7, 8},
-       [](auto& g) { g.set_timeout_all(1000); },
-       each(7, 0x7FF, "% " + w + "09 E8 03 00 00")},
+       Frames{"7FF#01 00 55 04 00 00 80 3F", "7FF#02 00 55 04 00 00 00 40",
+              "7FF#03 00 55 04 00 00 40 40", "7FF#01 00 55 07 0A 00 00 00",
+              "7FF#02 00 55 07 0B 00 00 00", "7FF#03 00 55 07 0C 00 00 00",
+              "7FF#04 00 55 07 0D 00 00 00", "7FF#05 00 55 07 0E 00 00 00",
+              "7FF#06 00 55 07 0F 00 00 00", "001#FF FF 7F F0 00 00 07 FF",
+              "101#00 00 80 3F 00 00 00 3F", "102#00 00 80 BF 00 00 00 40"}},
+      {"time-out for eight motors", eight, [](auto& g) { g.set_timeout_all(1000); },
+       each(7, "7FF#0% 00 55 09 E8 03 00 00")},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
@@ -279,7 +252,7 @@ TEST_P(GroupTest, OnlyDmDevicesAreCommandedInTheSocketsFrameKind) {
   group->get_device_collection().add_device(std::make_shared<Foreign>());
   EXPECT_EQ(group->get_dm_devices().size(), 1u);
   group->enable_all();
-  EXPECT_EQ(drain(), Frames{frame(5, "FF FF FF FF FF FF FF FC")});
+  EXPECT_EQ(drain(), Frames{"005#FF FF FF FF FF FF FF FC"});
   group->set_callback_mode_all(CallbackMode::PARAM);
   EXPECT_EQ(group->get_dm_devices()[0]->get_callback_mode(), CallbackMode::PARAM);
   EXPECT_TRUE(simbus::rawcan::stays_silent(listener.get(), 50)) << "changing modes sends nothing";
