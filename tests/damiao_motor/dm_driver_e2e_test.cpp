@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cmath>
+#include <functional>
 #include <thread>
 
 #include "kestrel/canbus/can_socket.hpp"
@@ -18,6 +19,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using kestrel::testing::capture_stderr;
+using G = DMDeviceCollection;
 
 // The arm's six joint motors on the host side, in the simulator's order.
 std::vector<sim::MotorConfig> joint_configs() {
@@ -61,6 +63,16 @@ class DriverE2E : public ::testing::TestWithParam<bool> {
     }
   }
 
+  // Runs each step, draining the replies after it; returns what was printed meanwhile.
+  std::string exchange(const std::vector<std::function<void(G&)>>& steps) {
+    return capture_stderr([&] {
+      for (const auto& step : steps) {
+        step(group);
+        drain();
+      }
+    });
+  }
+
   // Host-side motor i after the last drain (group order = ascending feedback id = joint order).
   Motor host(int i) { return group.get_motors().at(i); }
 
@@ -72,10 +84,7 @@ class DriverE2E : public ::testing::TestWithParam<bool> {
 };
 
 TEST_P(DriverE2E, FeedbackReportsPostureStatusFaultsAndCommunicationLoss) {
-  std::string log = capture_stderr([&] {
-    group.enable_all();
-    drain();
-  });
+  std::string log = exchange({&G::enable_all});
   const double expected[6] = {0.1, -0.2, 0.3, -0.4, 0.5, -0.6};
   for (int i = 0; i < 6; ++i) {
     EXPECT_TRUE(motors->motor_state(i).enabled) << i;
@@ -91,22 +100,14 @@ TEST_P(DriverE2E, FeedbackReportsPostureStatusFaultsAndCommunicationLoss) {
               std::string::npos)
         << log;
   }
-  capture_stderr([&] {
-    group.disable_all();
-    drain();
-  });
+  exchange({&G::disable_all});
   for (int i = 0; i < 6; ++i) {
     EXPECT_EQ(host(i).get_error_code(), 0) << i;
     EXPECT_FALSE(motors->motor_state(i).enabled);
   }
 
-  log = capture_stderr([&] {
-    group.enable_all();
-    drain();
-    motors->inject_fault(4, 8);  // joint 5 over-voltage
-    group.refresh_all();
-    drain();
-  });
+  // Joint 5 over-voltage.
+  log = exchange({&G::enable_all, [&](G&) { motors->inject_fault(4, 8); }, &G::refresh_all});
   EXPECT_EQ(host(4).get_error_code(), 8);
   // The status table is process-wide, so the code it changes from depends on earlier tests.
   EXPECT_THAT(log, ::testing::ContainsRegex(
@@ -114,17 +115,8 @@ TEST_P(DriverE2E, FeedbackReportsPostureStatusFaultsAndCommunicationLoss) {
                        R"(\(Over-voltage\) t_mos=[0-9]+ t_rotor=[0-9]+)"));
 
   // A 2 ms communication timeout: the motors give up once the host stops talking.
-  log = capture_stderr([&] {
-    group.clrErr_all();
-    drain();
-    group.set_timeout_all(40);
-    drain();
-    group.enable_all();
-    drain();
-    std::this_thread::sleep_for(20ms);
-    group.refresh_all();
-    drain();
-  });
+  log = exchange({&G::clrErr_all, [](G& g) { g.set_timeout_all(40); }, &G::enable_all,
+                  [](G&) { std::this_thread::sleep_for(20ms); }, &G::refresh_all});
   EXPECT_EQ(host(0).get_error_code(), 13);
   EXPECT_THAT(log, ::testing::ContainsRegex(R"(recv_id=0x11 feedback_id=1 ERR: 0x[0-9a-f] -> 0xd )"
                                             R"(\(Communication lost\))"));
@@ -133,20 +125,10 @@ TEST_P(DriverE2E, FeedbackReportsPostureStatusFaultsAndCommunicationLoss) {
 TEST_P(DriverE2E, RegistersAreWrittenReadBackAndModeSwitchedExceptOnASilentMotor) {
   group.set_callback_mode_all(CallbackMode::PARAM);
   const std::vector<float> acc = {1.5f, 2.5f, 3.5f, 4.5f, 5.5f, 6.5f};
-  capture_stderr([&] {
-    group.set_acc_all(acc);
-    drain();
-    group.set_timeout_all(1000);
-    drain();
-    group.switch_all_motors_mode(POS_VEL_MODE);
-    drain();
-    group.query_acc_all();
-    drain();
-    group.query_param_all(RID_TIMEOUT);
-    drain();
-    group.query_param_all(RID_CTRL_MODE);
-    drain();
-  });
+  exchange({[&](G& g) { g.set_acc_all(acc); }, [](G& g) { g.set_timeout_all(1000); },
+            [](G& g) { g.switch_all_motors_mode(POS_VEL_MODE); }, &G::query_acc_all,
+            [](G& g) { g.query_param_all(RID_TIMEOUT); },
+            [](G& g) { g.query_param_all(RID_CTRL_MODE); }});
   for (int i = 0; i < 6; ++i) {
     EXPECT_EQ(host(i).get_param(RID_ACC), acc[i]) << i;
     EXPECT_EQ(host(i).get_param(RID_TIMEOUT), 1000.0) << i;
@@ -156,10 +138,7 @@ TEST_P(DriverE2E, RegistersAreWrittenReadBackAndModeSwitchedExceptOnASilentMotor
   EXPECT_EQ(host(0).get_param(RID_DEC), -1.0) << "a register not queried stays unread";
 
   motors->set_silent(2, true);
-  capture_stderr([&] {
-    group.query_dec_all();
-    drain();
-  });
+  exchange({&G::query_dec_all});
   for (int i = 0; i < 6; ++i) {
     EXPECT_EQ(host(i).get_param(RID_DEC) > 0.0, i != 2) << i << " (2 is silent: unread)";
   }
