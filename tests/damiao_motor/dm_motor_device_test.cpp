@@ -10,10 +10,12 @@
 #include <string>
 #include <tuple>
 
+#include "support/refusal.hpp"
 #include "support/stderr_capture.hpp"
 
 namespace dm = kestrel::damiao_motor;
 using kestrel::testing::capture_stderr;
+using kestrel::testing::refusal_of;
 using Bytes = std::vector<uint8_t>;
 
 namespace {
@@ -40,11 +42,11 @@ unsigned fresh_recv_id() {
 }  // namespace
 
 // A classic frame carries its payload as given; an FD frame adds bit-rate switching and zero
-// padding.
-TEST(DMCANDeviceFrames, FrameLayouts) {
+// padding. A payload longer than the frame would be copied past the frame's data buffer. A
+// device takes its identifiers from its motor.
+TEST(DMCANDeviceFrames, LayoutsAndPayloadLimits) {
   const can_frame f = classic(0x123, {1, 2, 3, 4, 5, 6, 7, 8});
-  EXPECT_EQ(f.can_id, 0x123u);
-  EXPECT_EQ(f.can_dlc, 8);
+  EXPECT_EQ(std::make_tuple(f.can_id, f.can_dlc), std::make_tuple(0x123u, uint8_t{8}));
   EXPECT_EQ(std::memcmp(f.data, "\x01\x02\x03\x04\x05\x06\x07\x08", 8), 0);
   EXPECT_EQ(dm::DMCANDevice::get_data_from_frame(classic(1, {})), Bytes{});
   const canfd_frame g = fd(0x7FF, {9, 8, 7, 6, 5, 4, 3, 2});
@@ -54,50 +56,41 @@ TEST(DMCANDeviceFrames, FrameLayouts) {
     ASSERT_EQ(g.data[i], 0) << i;
   }
   EXPECT_EQ(dm::DMCANDevice::get_data_from_frame(g), (Bytes{9, 8, 7, 6, 5, 4, 3, 2}));
-}
 
-// A payload longer than the frame would be copied past the frame's data buffer.
-TEST(DMCANDeviceFrames, PayloadsLongerThanTheFrameAreRefused) {
+  const std::string too_long = "create_can_frame: payload of ";
   const struct {
     const char* name;
     bool use_fd;
     size_t size;
-    std::string message;  // empty: the frame is built with the whole payload
+    std::string message;
   } rows[] = {
-      {"classic, 8 bytes", false, 8, ""},
+      {"classic, 8 bytes", false, 8, "no exception"},
       {"classic, 9 bytes", false, 9,
-       "create_can_frame: payload of 9 bytes exceeds the 8 bytes of a classic CAN frame"},
+       too_long + "9 bytes exceeds the 8 bytes of a classic CAN frame"},
       {"classic, 64 bytes", false, 64,
-       "create_can_frame: payload of 64 bytes exceeds the 8 bytes of a classic CAN frame"},
-      {"FD, 64 bytes", true, 64, ""},
+       too_long + "64 bytes exceeds the 8 bytes of a classic CAN frame"},
+      {"FD, 64 bytes", true, 64, "no exception"},
       {"FD, 65 bytes", true, 65,
        "create_canfd_frame: payload of 65 bytes exceeds the 64 bytes of a CAN FD frame"},
   };
   for (const auto& row : rows) {
     Bytes data(row.size);
     std::iota(data.begin(), data.end(), uint8_t{1});
-    std::string message;
     Bytes carried;
-    try {
-      carried = row.use_fd ? dm::DMCANDevice::get_data_from_frame(fd(0x7FF, data))
-                           : dm::DMCANDevice::get_data_from_frame(classic(0x7FF, data));
-    } catch (const std::invalid_argument& e) {
-      message = e.what();
-    }
-    EXPECT_EQ(message, row.message) << row.name;
-    EXPECT_EQ(carried, row.message.empty() ? data : Bytes{}) << row.name;
+    EXPECT_EQ(refusal_of([&] {
+                carried = row.use_fd ? dm::DMCANDevice::get_data_from_frame(fd(0x7FF, data))
+                                     : dm::DMCANDevice::get_data_from_frame(classic(0x7FF, data));
+              }),
+              row.message)
+        << row.name;
+    EXPECT_EQ(carried, row.message == "no exception" ? data : Bytes{}) << row.name;
   }
-}
 
-TEST(DMCANDeviceIdentity, TakesIdentifiersFromTheMotor) {
   dm::Motor m(dm::MotorType::DM_V8_T28, 0x03, 0x13);
   dm::DMCANDevice device(m, 0x7FF, true);
-  EXPECT_EQ(device.get_send_id(), 0x03u);
-  EXPECT_EQ(device.get_recv_id(), 0x13u);
-  EXPECT_EQ(device.get_param_can_id(), 0x7FFu);
-  EXPECT_TRUE(device.is_canfd());
-  EXPECT_EQ(device.get_callback_mode(), dm::CallbackMode::STATE);
-  EXPECT_EQ(&device.get_motor(), &m);
+  EXPECT_EQ(std::make_tuple(device.get_send_id(), device.get_recv_id(), device.get_param_can_id(),
+                            device.is_canfd(), device.get_callback_mode(), &device.get_motor()),
+            std::make_tuple(0x03u, 0x13u, 0x7FFu, true, dm::CallbackMode::STATE, &m));
 }
 
 // Frames the device cannot use are reported (or, for a short classic frame, dropped) and change
@@ -154,24 +147,20 @@ TEST(DMCANDeviceCallbacks, FramesTheDeviceCannotUseChangeNothing) {
   EXPECT_EQ(m.get_param(5), 10.0) << "a read reply is stored";
 }
 
+// Feedback never touches the host-side enabled flag.
 TEST(DMCANDeviceCallbacks, FeedbackUpdatesTheMotor) {
   for (bool use_fd : {false, true}) {
     const unsigned id = fresh_recv_id();
     dm::Motor m(dm::MotorType::DM_V30_T10, 0x05, id);
     dm::DMCANDevice device(m, 0x7FF, use_fd);
     capture_stderr([&] {
-      if (use_fd) {
-        device.callback(fd(id, feedback(1, 5)));
-      } else {
-        device.callback(classic(id, feedback(1, 5)));
-      }
+      use_fd ? device.callback(fd(id, feedback(1, 5)))
+             : device.callback(classic(id, feedback(1, 5)));
     });
-    EXPECT_EQ(m.get_error_code(), 1);
-    EXPECT_EQ(m.get_feedback_id(), 5);
-    EXPECT_EQ(m.get_t_mos(), 31);
-    EXPECT_EQ(m.get_t_rotor(), 29);
+    EXPECT_EQ(std::make_tuple(m.get_error_code(), m.get_feedback_id(), m.get_t_mos(),
+                              m.get_t_rotor(), m.is_enabled()),
+              std::make_tuple(1, 5, 31, 29, false));
     EXPECT_NEAR(m.get_position(), 0.00019, 1e-5);
-    EXPECT_FALSE(m.is_enabled()) << "feedback never touches the host-side enabled flag";
   }
 }
 
