@@ -2,9 +2,11 @@
 // independently of this code (by hand and in a separate script), not by running the encoder.
 #include "kestrel/damiao_motor/dm_motor_codec.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
 #include <functional>
 #include <limits>
 #include <random>
@@ -40,8 +42,18 @@ Bytes hex(const std::string& text) {
   return bytes;
 }
 
-dm::CANPacket payload(const Bytes& data) {
-  return {0, data};
+// A packet as candump prints a frame: "7FF#05 01 33 04 00 00 00 00".
+std::string text(uint32_t id, const Bytes& data) {
+  char out[4 + 3 * 64] = {};
+  int at = std::snprintf(out, sizeof(out), "%03X#", id);
+  for (size_t i = 0; i < data.size(); ++i) {
+    at += std::snprintf(out + at, sizeof(out) - at, i == 0 ? "%02X" : " %02X", data[i]);
+  }
+  return out;
+}
+
+std::string text(const dm::CANPacket& packet) {
+  return text(packet.can_id, packet.data);
 }
 
 }  // namespace
@@ -106,37 +118,35 @@ TEST(Encoder, FramesByteExact) {
   const dm::MITParam mit{50.0, 1.0, 1.0, 0.5, 2.0}, clamped{600.0, 10.0, -20.0, -100.0, 100.0};
   const dm::POS_VELParam pos_vel{10.0f, -1.5f};
   const auto type = wrist.get_motor_type();
+  const dm::Motor& w = wrist;
   const struct {
     const char* name;
-    dm::CANPacket packet;
-    uint32_t id;
-    std::string data;
+    std::string frame, expected;
   } rows[] = {
-      {"enable", E::create_enable_command(m), 0x001, "FF FF FF FF FF FF FF FC"},
-      {"disable", E::create_disable_command(m), 0x001, "FF FF FF FF FF FF FF FD"},
-      {"set zero", E::create_set_zero_command(m), 0x001, "FF FF FF FF FF FF FF FE"},
-      {"clear error", E::create_clrErr_command(m), 0x001, "FF FF FF FF FF FF FF FB"},
-      {"MIT", E::create_mit_control_command(joint, mit), 0x002, "8A 3C 87 F1 99 33 38 91"},
-      {"MIT clamped", payload(E::pack_mit_control_data(type, clamped)), 0,
-       "00 00 00 0F FF FF FF FF"},
-      {"MIT zero", payload(E::pack_mit_control_data(type, {})), 0, "7F FF 7F F0 00 00 07 FF"},
-      {"position-velocity", E::create_pos_vel_control_command(m, pos_vel), 0x101,
-       "00 00 20 41 00 00 C0 BF"},
-      {"refresh", E::create_refresh_command(wrist), 0x7FF, "05 00 CC 00 00 00 00 00"},
-      {"query", E::create_query_param_command(wrist, 4), 0x7FF, "05 01 33 04 00 00 00 00"},
-      {"integer write", E::create_write_param_command(wrist, 9, 1000u), 0x7FF,
-       "05 01 55 09 E8 03 00 00"},
-      {"float write", E::create_write_param_command(wrist, 4, 10.0f), 0x7FF,
-       "05 01 55 04 00 00 20 41"},
-      {"mode", E::create_param_write_RID_command(wrist, 2), 0x7FF, "05 01 55 0A 02 00 00 00"},
-      {"mode, wide values", payload(E::pack_switch_control_mode_data(0x12345, 0x1FF)), 0,
-       "45 23 55 0A FF 00 00 00"},
-      {"query, wide register", payload(E::pack_query_param_data(0x01, 0x11B)), 0,
-       "01 00 33 1B 00 00 00 00"},
+      {"enable", text(E::create_enable_command(m)), "001#FF FF FF FF FF FF FF FC"},
+      {"disable", text(E::create_disable_command(m)), "001#FF FF FF FF FF FF FF FD"},
+      {"set zero", text(E::create_set_zero_command(m)), "001#FF FF FF FF FF FF FF FE"},
+      {"clear error", text(E::create_clrErr_command(m)), "001#FF FF FF FF FF FF FF FB"},
+      {"MIT", text(E::create_mit_control_command(joint, mit)), "002#8A 3C 87 F1 99 33 38 91"},
+      {"MIT clamped", text(0, E::pack_mit_control_data(type, clamped)),
+       "000#00 00 00 0F FF FF FF FF"},
+      {"MIT zero", text(0, E::pack_mit_control_data(type, {})), "000#7F FF 7F F0 00 00 07 FF"},
+      {"pos-vel", text(E::create_pos_vel_control_command(m, pos_vel)),
+       "101#00 00 20 41 00 00 C0 BF"},
+      {"refresh", text(E::create_refresh_command(w)), "7FF#05 00 CC 00 00 00 00 00"},
+      {"query", text(E::create_query_param_command(w, 4)), "7FF#05 01 33 04 00 00 00 00"},
+      {"integer write", text(E::create_write_param_command(w, 9, 1000u)),
+       "7FF#05 01 55 09 E8 03 00 00"},
+      {"float write", text(E::create_write_param_command(w, 4, 10.0f)),
+       "7FF#05 01 55 04 00 00 20 41"},
+      {"mode", text(E::create_param_write_RID_command(w, 2)), "7FF#05 01 55 0A 02 00 00 00"},
+      {"mode, wide values", text(0, E::pack_switch_control_mode_data(0x12345, 0x1FF)),
+       "000#45 23 55 0A FF 00 00 00"},
+      {"query, wide register", text(0, E::pack_query_param_data(0x01, 0x11B)),
+       "000#01 00 33 1B 00 00 00 00"},
   };
   for (const auto& row : rows) {
-    EXPECT_EQ(row.packet.can_id, row.id) << row.name;
-    EXPECT_EQ(row.packet.data, hex(row.data)) << row.name;
+    EXPECT_EQ(row.frame, row.expected) << row.name;
   }
 }
 
@@ -204,14 +214,10 @@ TEST(Decoder, FeedbackFieldsAndScales) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     const auto s = D::parse_motor_state_data(m, hex(row.data));
-    ASSERT_TRUE(s.valid);
-    EXPECT_EQ(s.feedback_id, row.id);
-    EXPECT_EQ(s.error_code, row.error);
-    EXPECT_EQ(s.position, row.position);
-    EXPECT_EQ(s.velocity, row.velocity);
-    EXPECT_EQ(s.torque, row.torque);
-    EXPECT_EQ(s.t_mos, row.t_mos);
-    EXPECT_EQ(s.t_rotor, row.t_rotor);
+    EXPECT_EQ(std::make_tuple(s.valid, s.feedback_id, s.error_code, s.position, s.velocity,
+                              s.torque, s.t_mos, s.t_rotor),
+              std::make_tuple(true, row.id, row.error, row.position, row.velocity, row.torque,
+                              row.t_mos, row.t_rotor));
   }
   dm::StateResult s;
   s.valid = true;
@@ -242,7 +248,7 @@ TEST(Decoder, ParameterRepliesByRegisterKind) {
     std::string data;
     bool valid;
     int rid, command;
-    double value;  // NaN: not a number
+    double value;
     std::string log;
   } rows[] = {
       {"integer register", "01 00 33 09 E8 03 00 00", true, 9, 0x33, 1000.0, ""},
@@ -257,14 +263,9 @@ TEST(Decoder, ParameterRepliesByRegisterKind) {
     SCOPED_TRACE(row.name);
     dm::ParamResult r;
     EXPECT_EQ(capture_stderr([&] { r = D::parse_motor_param_data(hex(row.data)); }), row.log);
-    EXPECT_EQ(r.valid, row.valid);
-    EXPECT_EQ(r.rid, row.rid);
-    EXPECT_EQ(r.command, row.command);
-    if (std::isnan(row.value)) {
-      EXPECT_TRUE(std::isnan(r.value));
-    } else {
-      EXPECT_EQ(r.value, row.value);
-    }
+    EXPECT_EQ(std::make_tuple(r.valid, r.rid, static_cast<int>(r.command)),
+              std::make_tuple(row.valid, row.rid, row.command));
+    EXPECT_THAT(r.value, ::testing::NanSensitiveDoubleNear(row.value, 0.0));  // exact
   }
 }
 

@@ -28,6 +28,11 @@ canfd_frame fd(uint32_t id, const Bytes& data) {
   return dm::DMCANDevice::create_canfd_frame(id, data);
 }
 
+// Hands the device `data` from `id` in a classic or an FD frame.
+void deliver(dm::DMCANDevice& device, bool as_fd, uint32_t id, const Bytes& data) {
+  as_fd ? device.callback(fd(id, data)) : device.callback(classic(id, data));
+}
+
 // Feedback of status `code` at the middle of every range, MOS 31 degC, rotor 29 degC.
 Bytes feedback(int code, int id = 1) {
   return {static_cast<uint8_t>((code << 4) | id), 0x80, 0x00, 0x80, 0x08, 0x00, 0x1F, 0x1D};
@@ -129,13 +134,7 @@ TEST(DMCANDeviceCallbacks, FramesTheDeviceCannotUseChangeNothing) {
     dm::Motor m(dm::MotorType::DM_V8_T28, 0x01, id);
     dm::DMCANDevice device(m, 0x7FF, row.fd_device);
     device.set_callback_mode(row.mode);
-    EXPECT_EQ(capture_stderr([&] {
-                if (row.fd_frame) {
-                  device.callback(fd(id + row.id_offset, row.data));
-                } else {
-                  device.callback(classic(id + row.id_offset, row.data));
-                }
-              }),
+    EXPECT_EQ(capture_stderr([&] { deliver(device, row.fd_frame, id + row.id_offset, row.data); }),
               row.log);
     EXPECT_EQ(m.get_t_mos(), 0);
     EXPECT_EQ(m.get_param(4), -1.0);
@@ -153,10 +152,7 @@ TEST(DMCANDeviceCallbacks, FeedbackUpdatesTheMotor) {
     const unsigned id = fresh_recv_id();
     dm::Motor m(dm::MotorType::DM_V30_T10, 0x05, id);
     dm::DMCANDevice device(m, 0x7FF, use_fd);
-    capture_stderr([&] {
-      use_fd ? device.callback(fd(id, feedback(1, 5)))
-             : device.callback(classic(id, feedback(1, 5)));
-    });
+    capture_stderr([&] { deliver(device, use_fd, id, feedback(1, 5)); });
     EXPECT_EQ(std::make_tuple(m.get_error_code(), m.get_feedback_id(), m.get_t_mos(),
                               m.get_t_rotor(), m.is_enabled()),
               std::make_tuple(1, 5, 31, 29, false));
