@@ -62,7 +62,8 @@ class CANSocketOnSimbus : public ::testing::Test {
 };
 
 // An FD socket writes and reads both kinds; a classic frame stays 16 bytes on it. A frame of
-// exactly 64 bytes fills its kind and goes out.
+// exactly 64 bytes fills its kind and goes out; longer ones, which the kernel would answer with
+// EINVAL only after the call, are refused by name before writing.
 TEST_F(CANSocketOnSimbus, FdSocketExchangesFramesOfBothKinds) {
   Fd peer = open_can("can0", true);
   CANSocket fd("can0", true);
@@ -71,6 +72,32 @@ TEST_F(CANSocketOnSimbus, FdSocketExchangesFramesOfBothKinds) {
   socklen_t length = sizeof(enabled);
   ASSERT_EQ(::getsockopt(fd.get_socket_fd(), SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &enabled, &length), 0);
   EXPECT_EQ(enabled, 1);
+  can_frame classic = classic_frame(0x5, {});
+  classic.can_dlc = 9;
+  canfd_frame too_big = fd_frame(0x6, 64);
+  too_big.len = 65;
+  can_frame raw_classic = classic_frame(0x7, {});
+  raw_classic.can_dlc = 15;
+  canfd_frame raw_fd = fd_frame(0x8, 8);
+  raw_fd.len = 255;
+  const struct {
+    const char* name;
+    std::function<void()> call;
+    const char* message;
+  } refusals[] = {
+      {"classic frame of 9 bytes", [&] { fd.write_can_frame(classic); },
+       "write_can_frame: length 9 exceeds the 8 bytes of a classic CAN frame"},
+      {"FD frame of 65 bytes", [&] { fd.write_canfd_frame(too_big); },
+       "write_canfd_frame: length 65 exceeds the 64 bytes of a CAN FD frame"},
+      {"raw classic frame of 15 bytes", [&] { fd.write_raw_frame(&raw_classic, CAN_MTU); },
+       "write_raw_frame: length 15 exceeds the 8 bytes of a classic CAN frame"},
+      {"raw FD frame of 255 bytes", [&] { fd.write_raw_frame(&raw_fd, CANFD_MTU); },
+       "write_raw_frame: length 255 exceeds the 64 bytes of a CAN FD frame"},
+  };
+  for (const auto& row : refusals) {
+    EXPECT_EQ(refusal_of(row.call), row.message) << row.name;
+  }
+  // Nothing refused went out: the peer's first frame is the next one written.
   const can_frame small = classic_frame(0x10, {1, 2});
   const canfd_frame big = fd_frame(0x20, 64, CANFD_BRS, 0x40);
   ASSERT_TRUE(fd.write_can_frame(small));
@@ -189,9 +216,7 @@ TEST_F(CANSocketOnSimbus, CleanupClosesItsOwnDescriptorOnceAndLaterCallsFail) {
   socket.cleanup();
   EXPECT_EQ(socket.get_socket_fd(), -1);
   EXPECT_FALSE(is_open(number));
-  EXPECT_FALSE(socket.write_can_frame(classic_frame(0x3, {})));
-  EXPECT_EQ(errno, EBADF);
-  EXPECT_TRUE(socket.get_is_initialized());
+  EXPECT_TRUE(socket.get_is_initialized());  // writes fail with EBADF: see the write failures
   can_frame frame{};
   EXPECT_FALSE(socket.read_can_frame(frame));
   EXPECT_FALSE(socket.is_data_available(0));
@@ -283,38 +308,6 @@ TEST_F(CANSocketOnSimbus, FailedWritesAreCountedByCauseAndFdNeedsAnFdInterface) 
             "3 (refused 2, queue full 1, interface down 0, other 0; last No buffer space "
             "available (ENOBUFS))");
   EXPECT_EQ(describe_send_failures({}), "0");
-}
-
-// The kernel answers such frames with EINVAL only after the call; the socket refuses them by name.
-TEST_F(CANSocketOnSimbus, FramesLongerThanTheirKindAreRefusedBeforeWriting) {
-  CANSocket socket("can0", true);
-  Fd peer = open_can("can0", true);
-  can_frame classic = classic_frame(0x5, {});
-  classic.can_dlc = 9;
-  canfd_frame fd = fd_frame(0x6, 64);
-  fd.len = 65;
-  can_frame raw_classic = classic_frame(0x7, {});
-  raw_classic.can_dlc = 15;
-  canfd_frame raw_fd = fd_frame(0x8, 8);
-  raw_fd.len = 255;
-  const struct {
-    const char* name;
-    std::function<void()> call;
-    const char* message;
-  } rows[] = {
-      {"classic frame of 9 bytes", [&] { socket.write_can_frame(classic); },
-       "write_can_frame: length 9 exceeds the 8 bytes of a classic CAN frame"},
-      {"FD frame of 65 bytes", [&] { socket.write_canfd_frame(fd); },
-       "write_canfd_frame: length 65 exceeds the 64 bytes of a CAN FD frame"},
-      {"raw classic frame of 15 bytes", [&] { socket.write_raw_frame(&raw_classic, CAN_MTU); },
-       "write_raw_frame: length 15 exceeds the 8 bytes of a classic CAN frame"},
-      {"raw FD frame of 255 bytes", [&] { socket.write_raw_frame(&raw_fd, CANFD_MTU); },
-       "write_raw_frame: length 255 exceeds the 64 bytes of a CAN FD frame"},
-  };
-  for (const auto& row : rows) {
-    EXPECT_EQ(refusal_of(row.call), row.message) << row.name;
-  }
-  EXPECT_TRUE(simbus::rawcan::stays_silent(peer.get(), 100));
 }
 
 }  // namespace
