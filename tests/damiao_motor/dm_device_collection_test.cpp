@@ -94,7 +94,7 @@ TEST_P(GroupTest, CommandsReachTheWireByteExactInDeviceOrder) {
   const std::vector<MITParam> mit_1 = {{0, 0, 12.5, 0, 0}};
   const std::vector<POS_VELParam> pos_vel = {{1.0f, 0.5f}, {-1.0f, 2.0f}};
   const std::vector<float> acc = {1.0f, 2.0f, 3.0f};
-  const std::vector<unsigned> integers = {10, 11, 12, 13, 14, 15};
+  const std::vector<unsigned> integers = {1, 2, 3, 4, 5, 6};  // motor m gets m
   const std::vector<unsigned> one_two = {1, 2}, three = {3, 1, 2}, six = {1, 2, 3, 4, 5, 6};
   const std::vector<unsigned> eight = {1, 2, 3, 4, 5, 6, 7, 8};
   const struct {
@@ -142,11 +142,10 @@ TEST_P(GroupTest, CommandsReachTheWireByteExactInDeviceOrder) {
          g.pos_vel_control_all(pos_vel);
        },
        Frames{"7FF#01 00 55 04 00 00 80 3F", "7FF#02 00 55 04 00 00 00 40",
-              "7FF#03 00 55 04 00 00 40 40", "7FF#01 00 55 07 0A 00 00 00",
-              "7FF#02 00 55 07 0B 00 00 00", "7FF#03 00 55 07 0C 00 00 00",
-              "7FF#04 00 55 07 0D 00 00 00", "7FF#05 00 55 07 0E 00 00 00",
-              "7FF#06 00 55 07 0F 00 00 00", "001#FF FF 7F F0 00 00 07 FF",
-              "101#00 00 80 3F 00 00 00 3F", "102#00 00 80 BF 00 00 00 40"}},
+              "7FF#03 00 55 04 00 00 40 40"} +
+           each(6, "7FF#0% 00 55 07 0% 00 00 00") +
+           Frames{"001#FF FF 7F F0 00 00 07 FF", "101#00 00 80 3F 00 00 00 3F",
+                  "102#00 00 80 BF 00 00 00 40"}},
       {"time-out for eight motors", eight, [](auto& g) { g.set_timeout_all(1000); },
        each(7, "7FF#0% 00 55 09 E8 03 00 00")},
   };

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <functional>
@@ -269,44 +270,37 @@ TEST(Decoder, ParameterRepliesByRegisterKind) {
   }
 }
 
+// Registers read -1 until stored; single-field setters leave the rest of the state alone.
 TEST(Motor, RegistersAndStateAsStored) {
   dm::Motor m(dm::MotorType::DM_V30_T10, 0x07, 0x17);
   for (int rid = 0; rid < 80; ++rid) {
-    ASSERT_EQ(m.get_param(rid), -1.0) << rid;  // unread
+    ASSERT_EQ(m.get_param(rid), -1.0) << rid;
   }
   m.set_temp_param(4, 2.5);
   m.set_temp_param(4, 3.25);
-  EXPECT_EQ(m.get_param(4), 3.25);
-  EXPECT_EQ(m.get_param(5), -1.0);
-  EXPECT_EQ(m.get_params().size(), 1u);
-
-  EXPECT_FALSE(m.is_enabled());
-  EXPECT_EQ(m.get_position(), 0.0);
+  EXPECT_EQ(std::make_tuple(m.get_param(4), m.get_param(5), m.get_params().size()),
+            std::make_tuple(3.25, -1.0, size_t{1}));
+  auto state = [&] {
+    return std::make_tuple(m.get_position(), m.get_velocity(), m.get_torque(), m.get_t_mos(),
+                           m.get_t_rotor(), m.get_feedback_id(), m.get_error_code(),
+                           m.is_enabled());
+  };
+  EXPECT_EQ(state(), std::make_tuple(0.0, 0.0, 0.0, 0, 0, 0, 0, false));
   m.update_state(1.5, -2.0, 3.0, 40, 41, 1, 1);
-  EXPECT_EQ(std::make_tuple(m.get_position(), m.get_velocity(), m.get_torque(), m.get_t_mos(),
-                            m.get_t_rotor(), m.get_feedback_id(), m.get_error_code()),
-            std::make_tuple(1.5, -2.0, 3.0, 40, 41, 1, 1));
+  EXPECT_EQ(state(), std::make_tuple(1.5, -2.0, 3.0, 40, 41, 1, 1, false));
   m.set_state_error_code(13);
   m.set_state_tmos(50);
   m.set_state_trotor(51);
   m.set_state_feedback_id(2);
-  // Single-field setters leave the rest alone.
-  EXPECT_EQ(std::make_tuple(m.get_position(), m.get_velocity(), m.get_torque(), m.get_t_mos(),
-                            m.get_t_rotor(), m.get_feedback_id(), m.get_error_code()),
-            std::make_tuple(1.5, -2.0, 3.0, 50, 51, 2, 13));
   m.set_enabled(true);
-  EXPECT_TRUE(m.is_enabled());
+  EXPECT_EQ(state(), std::make_tuple(1.5, -2.0, 3.0, 50, 51, 2, 13, true));
 }
 
+// The limit table scales every field: a few types' limits, each row of its own type.
 TEST(Motor, LimitTable) {
-  const struct {
-    int type;
-    double p_max, v_max, t_max;
-  } rows[] = {{3, 12.5, 8.0, 28.0}, {8, 12.5, 25.0, 200.0}, {12, 12.5, 45.0, 10.0}};
-  for (const auto& row : rows) {
-    const auto limits = dm::Motor::get_limit_param(static_cast<dm::MotorType>(row.type));
-    EXPECT_EQ(limits.p_max, row.p_max) << row.type;
-    EXPECT_EQ(limits.v_max, row.v_max) << row.type;
-    EXPECT_EQ(limits.t_max, row.t_max) << row.type;
+  for (const auto& [type, limits] : std::vector<std::pair<int, std::array<double, 3>>>{
+           {3, {12.5, 8.0, 28.0}}, {8, {12.5, 25.0, 200.0}}, {12, {12.5, 45.0, 10.0}}}) {
+    const auto l = dm::Motor::get_limit_param(static_cast<dm::MotorType>(type));
+    EXPECT_EQ((std::array<double, 3>{l.p_max, l.v_max, l.t_max}), limits) << type;
   }
 }
