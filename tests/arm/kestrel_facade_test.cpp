@@ -1,6 +1,7 @@
 // The Kestrel facade and its two motor groups against simulated motors on the userspace bus.
 #include "kestrel/arm/kestrel.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <array>
@@ -10,6 +11,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 #include "kestrel_sim/simulated_motor_bus.hpp"
 #include "simbus/simbus_testing.hpp"
@@ -28,6 +30,7 @@ using kestrel::testing::refusal_of;
 using T = dm::MotorType;
 using Bytes = std::vector<uint8_t>;
 using Ids = std::vector<uint32_t>;
+using G = dm::DMDeviceCollection;
 
 const std::vector<T> kArmTypes = {T::DM_V8_T28,  T::DM_V8_T28,  T::DM_V8_T28,
                                   T::DM_V30_T10, T::DM_V30_T10, T::DM_V30_T10};
@@ -83,6 +86,21 @@ class FacadeTest : public ::testing::TestWithParam<bool> {
     arm.init_arm_motors(kArmTypes, kArmIds, kArmFeedbackIds);
     arm.init_gripper_motor(T::DM_V30_T10, 7, 0x17);
   }
+
+  // Runs each step on the arm's motor group, taking in the replies after it until the bus stays
+  // quiet for 20 ms (generous, so that a loaded machine does not cut replies off); returns what
+  // was printed meanwhile.
+  std::string exchange(const std::vector<std::function<void(G&)>>& steps) {
+    return capture_stderr([&] {
+      for (const auto& step : steps) {
+        step(arm.get_arm());
+        arm.recv_all(20000);
+      }
+    });
+  }
+
+  // Host-side joint motor i (group order = ascending feedback id = joint order).
+  dm::Motor joint(int i) { return arm.get_arm().get_motors().at(i); }
 
   simbus::ScopedSimbus bus{{"can0"}};
   std::unique_ptr<sim::SimulatedMotorBus> motors;
@@ -318,6 +336,96 @@ TEST_P(FacadeTest, ASteadyControlCycleAllocatesNothing) {
     EXPECT_EQ(allocations, 0u);
     EXPECT_TRUE(std::isfinite(position_sum));
     each_motor([](dm::Motor& m) { EXPECT_NE(m.get_t_mos(), -1) << m.get_recv_id(); });
+  }
+}
+
+// The arm's motor group end to end: feedback, registers and streamed commands through the
+// simulated motors. The status table is process-wide: disabling first makes enabling a change.
+TEST_P(FacadeTest, ArmGroupFeedbackReportsPostureStatusFaultsAndCommunicationLoss) {
+  init_all();
+  exchange({&G::disable_all});
+  std::string log = exchange({&G::enable_all});
+  const double expected[6] = {0.1, -0.2, 0.3, -0.4, 0.5, -0.6};
+  for (int i = 0; i < 6; ++i) {
+    EXPECT_TRUE(motors->motor_state(i).enabled) << i;
+    EXPECT_EQ(joint(i).get_error_code(), 1) << i;
+    EXPECT_EQ(joint(i).get_feedback_id(), i + 1);
+    EXPECT_NEAR(joint(i).get_position(), expected[i], 25.0 / 65535.0) << i;
+    EXPECT_GT(joint(i).get_t_mos(), 15);
+  }
+  // One status line per motor: the first feedback of each.
+  for (int i = 1; i <= 6; ++i) {
+    EXPECT_NE(log.find("recv_id=0x1" + std::to_string(i) + " feedback_id=" + std::to_string(i) +
+                       " ERR: 0x"),
+              std::string::npos)
+        << log;
+  }
+  exchange({&G::disable_all});
+  for (int i = 0; i < 6; ++i) {
+    EXPECT_EQ(joint(i).get_error_code(), 0) << i;
+    EXPECT_FALSE(motors->motor_state(i).enabled);
+  }
+
+  // Joint 5 over-voltage.
+  log = exchange({&G::enable_all, [&](G&) { motors->inject_fault(4, 8); }, &G::refresh_all});
+  EXPECT_EQ(joint(4).get_error_code(), 8);
+  // The status table is process-wide, so the code it changes from depends on earlier tests.
+  EXPECT_THAT(log, ::testing::ContainsRegex(
+                       R"(\[DM ERR\] recv_id=0x15 feedback_id=5 ERR: 0x[0-9a-f] -> 0x8 )"
+                       R"(\(Over-voltage\) t_mos=[0-9]+ t_rotor=[0-9]+)"));
+
+  // A 2 ms communication timeout: the motors give up once the host stops talking.
+  log = exchange({&G::clrErr_all, [](G& g) { g.set_timeout_all(40); }, &G::enable_all,
+                  [](G&) { std::this_thread::sleep_for(20ms); }, &G::refresh_all});
+  EXPECT_EQ(joint(0).get_error_code(), 13);
+  EXPECT_THAT(log, ::testing::ContainsRegex(R"(recv_id=0x11 feedback_id=1 ERR: 0x[0-9a-f] -> 0xd )"
+                                            R"(\(Communication lost\))"));
+}
+
+TEST_P(FacadeTest, ArmGroupRegistersAreWrittenReadBackAndModeSwitchedExceptOnASilentMotor) {
+  init_all();
+  arm.get_arm().set_callback_mode_all(dm::CallbackMode::PARAM);
+  const std::vector<float> acc = {1.5f, 2.5f, 3.5f, 4.5f, 5.5f, 6.5f};
+  exchange({[&](G& g) { g.set_acc_all(acc); }, [](G& g) { g.set_timeout_all(1000); },
+            [](G& g) { g.switch_all_motors_mode(dm::POS_VEL_MODE); }, &G::query_acc_all,
+            [](G& g) { g.query_param_all(dm::RID_TIMEOUT); },
+            [](G& g) { g.query_param_all(dm::RID_CTRL_MODE); }});
+  for (int i = 0; i < 6; ++i) {
+    EXPECT_EQ(joint(i).get_param(dm::RID_ACC), acc[i]) << i;
+    EXPECT_EQ(joint(i).get_param(dm::RID_TIMEOUT), 1000.0) << i;
+    EXPECT_EQ(joint(i).get_param(dm::RID_CTRL_MODE), 2.0) << i;
+    EXPECT_EQ(motors->motor_state(i).mode, 2u);
+  }
+  EXPECT_EQ(joint(0).get_param(dm::RID_DEC), -1.0) << "a register not queried stays unread";
+
+  motors->set_silent(2, true);
+  exchange({&G::query_dec_all});
+  for (int i = 0; i < 6; ++i) {
+    EXPECT_EQ(joint(i).get_param(dm::RID_DEC) > 0.0, i != 2) << i << " (2 is silent: unread)";
+  }
+}
+
+TEST_P(FacadeTest, ArmGroupStreamedMitCommandsMoveTheJointsToTheTarget) {
+  init_all();
+  capture_stderr([&] {
+    arm.get_arm().enable_all();
+    arm.recv_all(20000);
+    std::vector<dm::MITParam> hold(6);
+    for (int i = 0; i < 6; ++i) {
+      hold[i] = {i < 3 ? 30.0 : 10.0, i < 3 ? 1.5 : 0.5, 0.25, 0.0, 0.0};
+    }
+    const auto end = std::chrono::steady_clock::now() + 1500ms;
+    while (std::chrono::steady_clock::now() < end) {
+      arm.get_arm().mit_control_all(hold);
+      arm.recv_all(300);
+      std::this_thread::sleep_for(2ms);
+    }
+  });
+  for (int i = 0; i < 6; ++i) {
+    EXPECT_NEAR(motors->motor_state(i).q, 0.25, 0.02) << i;
+    EXPECT_NEAR(joint(i).get_position(), motors->motor_state(i).q, 0.01) << i;
+    ASSERT_TRUE(motors->motor_state(i).last_mit.has_value());
+    EXPECT_NEAR(motors->motor_state(i).last_mit->q, 0.25, 25.0 / 65535.0);
   }
 }
 
