@@ -160,36 +160,29 @@ TEST(Encoder, NonFiniteFieldsAndUnknownMotorTypesAreRefused) {
   const dm::MITParam nan_kp{kNaN, 1.0, 0.0, 0.0, 0.0}, inf_kd{10.0, kInf, 0.0, 0.0, 0.0},
       nan_q{0, 0, kNaN, 0, 0}, ninf_dq{0.0, 0.0, 0.5, -kInf, 0.0}, inf_tau{0, 0, 0, 0, kInf};
   const dm::POS_VELParam nan_pos{kNaNf, 1.0f}, ninf_vel{0.5f, -kInff};
+  auto mit = [&](const dm::MITParam& p) { E::create_mit_control_command(m, p); };
+  auto bad = [](int type) { return static_cast<dm::MotorType>(type); };
   const struct {
     const char* name;
     std::function<void()> call;
     const char* message;
   } rows[] = {
-      {"MIT kp NaN", [&] { E::create_mit_control_command(m, nan_kp); },
-       "MIT command: kp must be finite, got nan"},
-      {"MIT kd infinite", [&] { E::create_mit_control_command(m, inf_kd); },
-       "MIT command: kd must be finite, got inf"},
-      {"MIT q NaN", [&] { E::pack_mit_control_data(type, nan_q); },
+      {"MIT kp NaN", [&] { mit(nan_kp); }, "MIT command: kp must be finite, got nan"},
+      {"MIT kd infinite", [&] { mit(inf_kd); }, "MIT command: kd must be finite, got inf"},
+      {"MIT q NaN, packed", [&] { E::pack_mit_control_data(type, nan_q); },
        "MIT command: q must be finite, got nan"},
-      {"MIT dq -inf", [&] { E::create_mit_control_command(m, ninf_dq); },
-       "MIT command: dq must be finite, got -inf"},
-      {"MIT tau infinite", [&] { E::create_mit_control_command(m, inf_tau); },
-       "MIT command: tau must be finite, got inf"},
+      {"MIT dq -inf", [&] { mit(ninf_dq); }, "MIT command: dq must be finite, got -inf"},
+      {"MIT tau infinite", [&] { mit(inf_tau); }, "MIT command: tau must be finite, got inf"},
       {"position-velocity q NaN", [&] { E::create_pos_vel_control_command(m, nan_pos); },
        "position-velocity command: q must be finite, got nan"},
-      {"position-velocity dq -inf", [&] { E::pack_posvel_control_data({}, ninf_vel); },
+      {"position-velocity dq -inf, packed", [&] { E::pack_posvel_control_data({}, ninf_vel); },
        "position-velocity command: dq must be finite, got -inf"},
       {"float register NaN", [&] { E::create_write_param_command(m, 4, kNaNf); },
        "register write: register 4 value must be finite, got nan"},
-      {"MIT for a type past the limit table",
-       [&] { E::pack_mit_control_data(static_cast<dm::MotorType>(13), {}); },
-       "Invalid motor type: 13"},
-      {"motor of a type past the limit table",
-       [&] { dm::Motor(static_cast<dm::MotorType>(200), 1, 0x11); }, "Invalid motor type: 200"},
-      {"limits of the type one past the table",
-       [&] { dm::Motor::get_limit_param(static_cast<dm::MotorType>(13)); },
-       "Invalid motor type: 13"},
-      {"limits of type 255", [&] { dm::Motor::get_limit_param(static_cast<dm::MotorType>(255)); },
+      {"MIT, type 13", [&] { E::pack_mit_control_data(bad(13), {}); }, "Invalid motor type: 13"},
+      {"motor of type 200", [&] { dm::Motor(bad(200), 1, 0x11); }, "Invalid motor type: 200"},
+      {"limits, type 13", [&] { dm::Motor::get_limit_param(bad(13)); }, "Invalid motor type: 13"},
+      {"limits, type 255", [&] { dm::Motor::get_limit_param(bad(255)); },
        "Invalid motor type: 255"},
   };
   for (const auto& row : rows) {
