@@ -176,8 +176,8 @@ TEST_P(GroupTest, RefusedCommandsSendNothing) {
   const MITParam inf_kp{inf, 1, 0, 0, 0}, inf_tau{0, 0, 0, 0, -inf}, nan_dq_mit{0, 0, 0, nan, 0};
   const POS_VELParam inf_q{inff, 1.0f}, inf_dq{0.0f, -inff};
   auto many = [](const std::string& what) { return what + " for a group of 2 motors"; };
-  auto index = [](const std::string& what) {
-    return what + " is out of range for a group of 2 motors";
+  auto index = [](const std::string& op, int i) {
+    return op + ": motor index " + std::to_string(i) + " is out of range for a group of 2 motors";
   };
   auto& g = *group;
   const struct {
@@ -186,27 +186,22 @@ TEST_P(GroupTest, RefusedCommandsSendNothing) {
     std::string message;
   } rows[] = {
       {"MIT commands", [&] { g.mit_control_all(mit3); }, many("mit_control_all: 3 commands")},
-      {"position-velocity commands", [&] { g.pos_vel_control_all(pv3); },
+      {"pos-vel commands", [&] { g.pos_vel_control_all(pv3); },
        many("pos_vel_control_all: 3 commands")},
       {"float registers", [&] { g.write_param_all(4, three); }, many("write_param_all: 3 values")},
       {"integer registers", [&] { g.write_param_all(7, four); }, many("write_param_all: 4 values")},
       {"accelerations", [&] { g.set_acc_all(three); }, many("set_acc_all: 3 values")},
       {"decelerations", [&] { g.set_dec_all(three); }, many("set_dec_all: 3 values")},
       {"KP_APR values", [&] { g.set_kp_apr_all(three); }, many("set_kp_apr_all: 3 values")},
-      {"MIT index", [&] { g.mit_control_one(2, {}); }, index("mit_control_one: motor index 2")},
-      {"position-velocity index", [&] { g.pos_vel_control_one(-1, {}); },
-       index("pos_vel_control_one: motor index -1")},
-      {"MIT index, encoded", [&] { g.encode_mit_one(2, {}); },
-       index("mit_control_one: motor index 2")},
-      {"position-velocity index, encoded", [&] { g.encode_pos_vel_one(-1, {}); },
-       index("pos_vel_control_one: motor index -1")},
-      {"refresh index", [&] { g.refresh_one(2); }, index("refresh_one: motor index 2")},
-      {"query index", [&] { g.query_param_one(7, RID_ACC); },
-       index("query_param_one: motor index 7")},
-      {"register index", [&] { g.write_param_one(2, 9, 1u); },
-       index("write_param_one: motor index 2")},
-      {"KP_APR index", [&] { g.set_kp_apr_one(-3, 1.0f); },
-       index("set_kp_apr_one: motor index -3")},
+      {"MIT index", [&] { g.mit_control_one(2, {}); }, index("mit_control_one", 2)},
+      {"pos-vel index", [&] { g.pos_vel_control_one(-1, {}); }, index("pos_vel_control_one", -1)},
+      {"MIT index, encoded", [&] { g.encode_mit_one(2, {}); }, index("mit_control_one", 2)},
+      {"pos-vel index, encoded", [&] { g.encode_pos_vel_one(-1, {}); },
+       index("pos_vel_control_one", -1)},
+      {"refresh index", [&] { g.refresh_one(2); }, index("refresh_one", 2)},
+      {"query index", [&] { g.query_param_one(7, RID_ACC); }, index("query_param_one", 7)},
+      {"register index", [&] { g.write_param_one(2, 9, 1u); }, index("write_param_one", 2)},
+      {"KP_APR index", [&] { g.set_kp_apr_one(-3, 1.0f); }, index("set_kp_apr_one", -3)},
       {"NaN q, second MIT command", [&] { g.mit_control_all(nan_q); },
        "mit_control_all: motor 1 q must be finite, got nan"},
       {"infinite kp", [&] { g.mit_control_one(0, inf_kp); },
