@@ -1,4 +1,5 @@
-// kestrel::canbus::CANSocket against a userspace CAN bus, exactly as on a kernel interface.
+// kestrel::canbus::CANSocket and the device registry against a userspace CAN bus, exactly as on a
+// kernel interface.
 #include "kestrel/canbus/can_socket.hpp"
 
 #include <dirent.h>
@@ -13,6 +14,7 @@
 #include <thread>
 #include <tuple>
 
+#include "kestrel/canbus/can_device_collection.hpp"
 #include "simbus/simbus_testing.hpp"
 #include "support/refusal.hpp"
 #include "support/simbus_can.hpp"
@@ -55,6 +57,16 @@ bool descriptors_return_to(int count) {
 bool is_open(int fd) {
   return ::fcntl(fd, F_GETFD) != -1;
 }
+
+// Records which callbacks reached it.
+class RecordingDevice : public CANDevice {
+ public:
+  explicit RecordingDevice(uint32_t recv_id) : CANDevice(recv_id - 0x10, recv_id, 0x7FF, false) {}
+  void callback(const can_frame& frame) override { classic_ids.push_back(frame.can_id); }
+  void callback(const canfd_frame& frame) override { fd_ids.push_back(frame.can_id); }
+  std::vector<uint32_t> classic_ids;
+  std::vector<uint32_t> fd_ids;
+};
 
 class CANSocketOnSimbus : public ::testing::Test {
  protected:
@@ -308,6 +320,68 @@ TEST_F(CANSocketOnSimbus, FailedWritesAreCountedByCauseAndFdNeedsAnFdInterface) 
             "3 (refused 2, queue full 1, interface down 0, other 0; last No buffer space "
             "available (ENOBUFS))");
   EXPECT_EQ(describe_send_failures({}), "0");
+}
+
+// The device registry on a socket: keyed by receive identifier, ordered, dispatching on the
+// whole can_id.
+// Devices are iterated in ascending receive id; a frame reaches the device whose receive id
+// equals its whole can_id (extended, remote and error flags included), classic or FD.
+TEST_F(CANSocketOnSimbus, RegistryIteratesInReceiveIdOrderAndDispatchesOnTheWholeIdentifier) {
+  CANSocket socket("can0", false);
+  CANDeviceCollection registry(socket);
+  std::vector<std::shared_ptr<RecordingDevice>> devices;
+  for (uint32_t id : {0x15u, 0x12u, 0x13u}) {
+    devices.push_back(std::make_shared<RecordingDevice>(id));
+    registry.add_device(devices.back());
+  }
+  std::vector<uint32_t> order;
+  for (const auto& entry : registry.get_devices()) {
+    order.push_back(entry.first);
+    EXPECT_EQ(entry.second->get_recv_id(), entry.first);
+  }
+  EXPECT_EQ(order, (std::vector<uint32_t>{0x12, 0x13, 0x15}));
+  EXPECT_EQ(&registry.get_socket(), &socket);
+
+  can_frame frame{};
+  for (uint32_t id :
+       {0x12u, 0x12u | CAN_EFF_FLAG, 0x12u | CAN_RTR_FLAG, 0x12u | CAN_ERR_FLAG, 0x7FFu}) {
+    frame.can_id = id;
+    registry.dispatch_frame_callback(frame);
+  }
+  canfd_frame fd{};
+  fd.can_id = 0x12;
+  registry.dispatch_frame_callback(fd);
+  EXPECT_EQ(devices[1]->classic_ids, (std::vector<uint32_t>{0x12}));
+  EXPECT_EQ(devices[1]->fd_ids, (std::vector<uint32_t>{0x12}));
+  for (size_t i : {0, 2}) {
+    EXPECT_TRUE(devices[i]->classic_ids.empty() && devices[i]->fd_ids.empty()) << i;
+  }
+}
+
+// A device under an identifier already taken replaces the old one (released); removal goes by
+// the device's receive identifier; missing keys and null devices are ignored.
+TEST_F(CANSocketOnSimbus, RegistrySameIdentifierReplacesRemovalIsByKeyAndDevicesAreReleased) {
+  CANSocket socket("can0", false);
+  CANDeviceCollection registry(socket);
+  auto first = std::make_shared<RecordingDevice>(0x11);
+  auto second = std::make_shared<RecordingDevice>(0x11);
+  registry.add_device(first);
+  registry.add_device(second);
+  ASSERT_EQ(registry.get_devices().size(), 1u);
+  EXPECT_EQ(registry.get_devices().at(0x11), second);
+  EXPECT_EQ(first.use_count(), 1) << "the replaced device is released";
+  registry.remove_device(first);
+  EXPECT_TRUE(registry.get_devices().empty());
+  registry.remove_device(first);
+  registry.add_device(nullptr);
+  registry.remove_device(nullptr);
+  EXPECT_TRUE(registry.get_devices().empty());
+  {
+    CANDeviceCollection scoped(socket);
+    scoped.add_device(first);
+    EXPECT_EQ(first.use_count(), 2);
+  }
+  EXPECT_EQ(first.use_count(), 1) << "destruction releases devices";
 }
 
 }  // namespace
