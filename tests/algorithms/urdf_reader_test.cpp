@@ -2,15 +2,15 @@
 #include <gtest/gtest.h>
 #include <tinyxml2.h>
 
-#include <functional>
-
 #include "kestrel/algorithms/urdf_reader.hpp"
+#include "support/refusal.hpp"
 
 using namespace kestrel::algorithms;
 using kestrel::algorithms::detail::parse_joint_chain;
 using kestrel::algorithms::detail::parse_links;
 using kestrel::algorithms::detail::parse_origin_element;
 using kestrel::algorithms::detail::parse_xyz_attr;
+using kestrel::testing::refusal_of;
 
 namespace {
 
@@ -24,15 +24,6 @@ struct Urdf {
   tinyxml2::XMLDocument doc;
 };
 
-std::string error_of(const std::function<void()>& action) {
-  try {
-    action();
-  } catch (const std::runtime_error& e) {
-    return e.what();
-  }
-  return "<no exception>";
-}
-
 std::string joint(const std::string& name, const std::string& parent, const std::string& child,
                   const std::string& extra = "", const std::string& type = "revolute") {
   return "<joint name=\"" + name + "\" type=\"" + type + "\"><parent link=\"" + parent +
@@ -41,15 +32,30 @@ std::string joint(const std::string& name, const std::string& parent, const std:
 
 const std::string kLinks = "<link name=\"a\"/><link name=\"b\"/><link name=\"c\"/>";
 
+// A link with an inertial made of `inner`.
+std::string link(const std::string& inner) {
+  return "<link name=\"l\"><inertial>" + inner + "</inertial></link>";
+}
+
+std::string inertia(const std::string& ixx = "1", const std::string& izz = " izz=\"1\"") {
+  return "<inertia ixx=\"" + ixx + "\" ixy=\"0\" ixz=\"0\" iyy=\"1\" iyz=\"0\"" + izz + "/>";
+}
+
+struct Refusal {
+  const char* name;
+  std::string body;
+  std::string message;
+};
+
 }  // namespace
 
 TEST(UrdfReaderVectors, ParsesThreeNumbersOrNamesTheText) {
   EXPECT_EQ(parse_xyz_attr(nullptr), Eigen::Vector3d::Zero());
   EXPECT_EQ(parse_xyz_attr(" 1 -2.5\t3e-1 trailing"), Eigen::Vector3d(1, -2.5, 0.3));
-  EXPECT_EQ(error_of([] { parse_xyz_attr("1 2"); }), "Failed to parse xyz/rpy vector from '1 2'");
-  EXPECT_EQ(error_of([] { parse_xyz_attr("a b c"); }),
-            "Failed to parse xyz/rpy vector from 'a b c'");
-
+  for (const std::string text : {"1 2", "a b c"}) {
+    EXPECT_EQ(refusal_of<std::runtime_error>([&] { parse_xyz_attr(text.c_str()); }),
+              "Failed to parse xyz/rpy vector from '" + text + "'");
+  }
   Urdf doc("<origin xyz=\"1 2 3\"/>");
   Eigen::Vector3d xyz(9, 9, 9);
   Eigen::Vector3d rpy(9, 9, 9);
@@ -75,36 +81,27 @@ TEST(UrdfReaderLinks, ReadsInertialsAndSkipsLinksWithout) {
 }
 
 TEST(UrdfReaderLinks, ReportsEveryMalformedLink) {
-  const auto error_for = [](const std::string& body) {
-    Urdf doc(body);
-    return error_of([&] { parse_links(doc.robot()); });
+  const std::string mass_error = "Failed to parse mass for link 'l'";
+  const std::string inertia_error = "Failed to parse inertia matrix for link 'l'";
+  // Non-finite numbers are read as numbers by tinyxml2 (found by fuzzing).
+  const std::vector<Refusal> rows = {
+      {"no name", "<link/>", "Encountered URDF link without a name attribute"},
+      {"no mass", link(inertia()), mass_error},
+      {"text mass", link("<mass value=\"x\"/>" + inertia()), mass_error},
+      {"NaN mass", link("<mass value=\"nan\"/>" + inertia()), mass_error},
+      {"inf mass", link("<mass value=\"inf\"/>" + inertia()), mass_error},
+      {"-inf mass", link("<mass value=\"-inf\"/>" + inertia()), mass_error},
+      {"no inertia", link("<mass value=\"1\"/>"), inertia_error},
+      {"NaN inertia", link("<mass value=\"1\"/>" + inertia("nan")), inertia_error},
+      {"no izz", link("<mass value=\"1\"/>" + inertia("1", "")), inertia_error},
+      {"short origin", link("<origin xyz=\"1 2\"/><mass value=\"1\"/>" + inertia()),
+       "Failed to parse xyz/rpy vector from '1 2'"},
   };
-  const std::string inertia =
-      "<inertia ixx=\"1\" ixy=\"0\" ixz=\"0\" iyy=\"1\" iyz=\"0\" izz=\"1\"/>";
-  EXPECT_EQ(error_for("<link/>"), "Encountered URDF link without a name attribute");
-  EXPECT_EQ(error_for("<link name=\"l\"><inertial>" + inertia + "</inertial></link>"),
-            "Failed to parse mass for link 'l'");
-  EXPECT_EQ(
-      error_for("<link name=\"l\"><inertial><mass value=\"x\"/>" + inertia + "</inertial></link>"),
-      "Failed to parse mass for link 'l'");
-  EXPECT_EQ(error_for("<link name=\"l\"><inertial><mass value=\"1\"/></inertial></link>"),
-            "Failed to parse inertia matrix for link 'l'");
-  // Non-finite numbers, which tinyxml2 reads as numbers (found by fuzzing).
-  for (const char* mass : {"nan", "inf", "-inf"}) {
-    EXPECT_EQ(error_for("<link name=\"l\"><inertial><mass value=\"" + std::string(mass) + "\"/>" +
-                        inertia + "</inertial></link>"),
-              "Failed to parse mass for link 'l'")
-        << mass;
+  for (const auto& row : rows) {
+    Urdf doc(row.body);
+    EXPECT_EQ(refusal_of<std::runtime_error>([&] { parse_links(doc.robot()); }), row.message)
+        << row.name;
   }
-  EXPECT_EQ(error_for("<link name=\"l\"><inertial><mass value=\"1\"/><inertia ixx=\"nan\" "
-                      "ixy=\"0\" ixz=\"0\" iyy=\"1\" iyz=\"0\" izz=\"1\"/></inertial></link>"),
-            "Failed to parse inertia matrix for link 'l'");
-  EXPECT_EQ(error_for("<link name=\"l\"><inertial><mass value=\"1\"/><inertia ixx=\"1\" ixy=\"0\""
-                      " ixz=\"0\" iyy=\"1\" iyz=\"0\"/></inertial></link>"),
-            "Failed to parse inertia matrix for link 'l'");
-  EXPECT_EQ(error_for("<link name=\"l\"><inertial><origin xyz=\"1 2\"/><mass value=\"1\"/>" +
-                      inertia + "</inertial></link>"),
-            "Failed to parse xyz/rpy vector from '1 2'");
 }
 
 TEST(UrdfReaderChain, OrdersJointsFromTheRootAndReadsTheirFields) {
@@ -114,9 +111,10 @@ TEST(UrdfReaderChain, OrdersJointsFromTheRootAndReadsTheirFields) {
                  "<origin xyz=\"1 2 3\" rpy=\"0.1 0.2 0.3\"/><axis xyz=\"0 1 0\"/>"
                  "<limit lower=\"-1\" upper=\"2\"/>") +
            "<link name=\"d\"/>" +
-           joint("j3", "c", "d", "<limit lower=\"-1\" upper=\"1\"/>", "continuous"));
+           joint("j3", "c", "d", "<limit lower=\"-1\" upper=\"1\"/>", "continuous") +
+           "<link name=\"e\"/>" + joint("j4", "d", "e", "", "floating"));
   const std::vector<UrdfJoint> chain = parse_joint_chain(doc.robot());
-  ASSERT_EQ(chain.size(), 3u);
+  ASSERT_EQ(chain.size(), 4u);
   EXPECT_EQ(chain[0].name, "j1");
   EXPECT_EQ(chain[0].parent_link, "a");
   EXPECT_EQ(chain[0].child_link, "b");
@@ -126,12 +124,12 @@ TEST(UrdfReaderChain, OrdersJointsFromTheRootAndReadsTheirFields) {
   EXPECT_EQ(chain[0].lower, -1.0);
   EXPECT_EQ(chain[0].upper, 2.0);
   EXPECT_EQ(chain[1].name, "j2");
-  EXPECT_EQ(chain[1].axis, Eigen::Vector3d(0, 0, 1));  // normalised
   EXPECT_EQ(chain[1].origin_xyz, Eigen::Vector3d::Zero());
   EXPECT_FALSE(chain[1].has_limits);  // only one bound given
   EXPECT_EQ(chain[2].type, "continuous");
   EXPECT_FALSE(chain[2].has_limits);                   // continuous joints never have limits
   EXPECT_EQ(chain[2].axis, Eigen::Vector3d::UnitX());  // URDF's default axis
+  EXPECT_EQ(chain[3].type, "floating");                // joint types are left to the model
 }
 
 // Components beyond about 1e154 overflowed the plain norm, and the axis came out as zero
@@ -151,40 +149,37 @@ TEST(UrdfReaderChain, NormalisesAxesOfAnyMagnitude) {
 }
 
 TEST(UrdfReaderChain, ReportsEveryMalformedOrNonSerialModel) {
-  const auto error_for = [](const std::string& body) {
-    Urdf doc(body);
-    return error_of([&] { parse_joint_chain(doc.robot()); });
+  const std::string unnamed = "Encountered URDF joint without name/type";
+  const std::string unlinked = "URDF joint 'j' is missing parent/child link";
+  const std::string non_finite = "URDF joint 'j' has a non-finite limit";
+  const std::string no_root = "Failed to determine URDF root link";
+  const std::vector<Refusal> rows = {
+      {"no type", "<joint name=\"j\"><parent link=\"a\"/><child link=\"b\"/></joint>", unnamed},
+      {"no name", "<joint type=\"fixed\"/>", unnamed},
+      {"no child", "<joint name=\"j\" type=\"fixed\"><parent link=\"a\"/></joint>", unlinked},
+      {"empty parent", "<joint name=\"j\" type=\"fixed\"><parent/><child link=\"b\"/></joint>",
+       unlinked},
+      {"zero axis", joint("j", "a", "b", "<axis xyz=\"0 0 0\"/>"),
+       "URDF joint 'j' has zero-length axis"},
+      {"-inf lower", joint("j", "a", "b", "<limit lower=\"-inf\" upper=\"1\"/>"), non_finite},
+      {"NaN upper", joint("j", "a", "b", "<limit lower=\"0\" upper=\"nan\"/>"), non_finite},
+      {"short origin", joint("j", "a", "b", "<origin xyz=\"1 2\"/>"),
+       "Failed to parse xyz/rpy vector from '1 2'"},
+      {"branch", joint("j1", "a", "b") + joint("j2", "a", "c"),
+       "URDF is not a single serial chain at link 'a'"},
+      {"cycle", joint("j1", "a", "b") + joint("j2", "b", "c") + joint("j3", "c", "b"),
+       "Detected URDF cycle at link 'b'"},
   };
-  EXPECT_EQ(error_for(kLinks + "<joint name=\"j\"><parent link=\"a\"/><child link=\"b\"/></joint>"),
-            "Encountered URDF joint without name/type");
-  EXPECT_EQ(error_for(kLinks + "<joint type=\"fixed\"/>"),
-            "Encountered URDF joint without name/type");
-  EXPECT_EQ(error_for(kLinks + "<joint name=\"j\" type=\"fixed\"><parent link=\"a\"/></joint>"),
-            "URDF joint 'j' is missing parent/child link");
-  EXPECT_EQ(
-      error_for(kLinks + "<joint name=\"j\" type=\"fixed\"><parent/><child link=\"b\"/></joint>"),
-      "URDF joint 'j' is missing parent/child link");
-  EXPECT_EQ(error_for(kLinks + joint("j", "a", "b", "<axis xyz=\"0 0 0\"/>")),
-            "URDF joint 'j' has zero-length axis");
-  EXPECT_EQ(error_for(kLinks + joint("j", "a", "b", "<limit lower=\"-inf\" upper=\"1\"/>")),
-            "URDF joint 'j' has a non-finite limit");
-  EXPECT_EQ(error_for(kLinks + joint("j", "a", "b", "<limit lower=\"0\" upper=\"nan\"/>")),
-            "URDF joint 'j' has a non-finite limit");
-  EXPECT_EQ(error_for(kLinks + joint("j", "a", "b", "<origin xyz=\"1 2\"/>")),
-            "Failed to parse xyz/rpy vector from '1 2'");
-  EXPECT_EQ(error_for(kLinks + joint("j1", "a", "b") + joint("j2", "a", "c")),
-            "URDF is not a single serial chain at link 'a'");
-  EXPECT_EQ(
-      error_for(kLinks + joint("j1", "a", "b") + joint("j2", "b", "c") + joint("j3", "c", "b")),
-      "Detected URDF cycle at link 'b'");
-  EXPECT_EQ(error_for("<link name=\"a\"/><link name=\"b\"/>" + joint("j1", "a", "b") +
-                      joint("j2", "b", "a")),
-            "Failed to determine URDF root link");
-  EXPECT_EQ(error_for(""), "Failed to determine URDF root link");
-}
-
-TEST(UrdfReaderChain, LeavesJointTypesToTheModel) {
-  Urdf doc(kLinks + joint("j", "a", "b", "", "floating"));
-  ASSERT_EQ(parse_joint_chain(doc.robot()).size(), 1u);
-  EXPECT_EQ(parse_joint_chain(doc.robot())[0].type, "floating");
+  for (const auto& row : rows) {
+    Urdf doc(kLinks + row.body);
+    EXPECT_EQ(refusal_of<std::runtime_error>([&] { parse_joint_chain(doc.robot()); }), row.message)
+        << row.name;
+  }
+  // Every link a child, or no links at all: there is no root.
+  for (const std::string& body :
+       {"<link name=\"a\"/><link name=\"b\"/>" + joint("j1", "a", "b") + joint("j2", "b", "a"),
+        std::string()}) {
+    Urdf doc(body);
+    EXPECT_EQ(refusal_of<std::runtime_error>([&] { parse_joint_chain(doc.robot()); }), no_root);
+  }
 }

@@ -196,16 +196,15 @@ TEST(ClosedFormIk, MultiTurnJointsAreTakenNearestTheSeed) {
   ASSERT_TRUE(m.has_closed_form_ik());
   const Joints q = {0.2, 0.3, -0.8, 0.4, -0.9, 0.5};
   const Pose pose = pose_of(m, q);
-  struct Case {
-    double seed6, expect6;
-  };
-  for (const Case& c : {Case{0.0, 0.5}, Case{6.0, 0.5 + 2 * M_PI}, Case{-6.0, 0.5 - 2 * M_PI},
-                        Case{8.9, 0.5 + 2 * M_PI}}) {
+  // {seed of joint 6, answer}: the turn nearest the seed, within the limits.
+  for (const auto& [seed6, expect6] :
+       {std::pair{0.0, 0.5}, std::pair{6.0, 0.5 + 2 * M_PI}, std::pair{-6.0, 0.5 - 2 * M_PI},
+        std::pair{8.9, 0.5 + 2 * M_PI}}) {
     Joints seed = q;
-    seed[5] = c.seed6;
+    seed[5] = seed6;
     Joints out;
     ASSERT_TRUE(m.solve_ik_nearest(pose.pos, pose.euler, seed, out));
-    EXPECT_NEAR(out[5], c.expect6, 1e-9) << "seed " << c.seed6;
+    EXPECT_NEAR(out[5], expect6, 1e-9) << "seed " << seed6;
   }
 }
 
@@ -251,50 +250,29 @@ TEST(GlobalIkSearch, ArmWithoutSphericalWristIsSolvedBySearch) {
 
 TEST(SolveIkNearest, RefusesBadArguments) {
   RobotKinematics& m = shipped();
-  const Joints seed(6, 0.0);
-  Joints out;
-  struct Case {
-    const char* name;
-    std::function<void()> call;
-    std::string message;
-  };
   const double nan = std::nan("");
-  const std::vector<Case> cases = {
-      {"short position",
-       [&] {
-         m.solve_ik_nearest({0.1, 0.2}, {0, 0, 0}, seed, out);
-       },
-       "solve_ik_nearest expects 3D position and 3D Euler target"},
-      {"short seed",
-       [&] {
-         m.solve_ik_nearest({0.1, 0.2, 0.3}, {0, 0, 0}, {0, 0}, out);
-       },
-       "solve_ik_nearest seed size does not match the joint count (6)"},
-      {"seed given to all",
-       [&] {
-         m.solve_ik_all({0.1, 0.2, 0.3}, {0, 0, 0}, {0});
-       },
-       "solve_ik_all seed size does not match the joint count (6)"},
-      {"NaN target",
-       [&] {
-         m.solve_ik_nearest({nan, 0.2, 0.3}, {0, 0, 0}, seed, out);
-       },
-       "solve_ik_nearest target and seed must contain only finite values"},
-      {"zero weight",
-       [&] {
-         m.solve_ik_nearest({0.1, 0.2, 0.3}, {0, 0, 0}, seed, out, {1, 1, 1, 0, 1, 1});
-       },
-       "solve_ik_nearest weights must be 6 positive values"},
-      {"short weights",
-       [&] {
-         m.solve_ik_nearest({0.1, 0.2, 0.3}, {0, 0, 0}, seed, out, {1});
-       },
-       "solve_ik_nearest weights must be 6 positive values"},
+  const Joints seed(6, 0.0), target = {0.1, 0.2, 0.3};
+  struct Row {
+    const char* name;
+    Joints pos, seed, weights;
+    std::string message;  // after "solve_ik_nearest "
   };
-  for (const auto& c : cases) {
-    EXPECT_EQ(refusal_of(c.call), c.message) << c.name;
+  const std::string weights = "weights must be 6 positive values";
+  const std::vector<Row> rows = {
+      {"short position", {0.1, 0.2}, seed, {}, "expects 3D position and 3D Euler target"},
+      {"short seed", target, {0, 0}, {}, "seed size does not match the joint count (6)"},
+      {"NaN target", {nan, 0.2, 0.3}, seed, {}, "target and seed must contain only finite values"},
+      {"zero weight", target, seed, {1, 1, 1, 0, 1, 1}, weights},
+      {"short weights", target, seed, {1}, weights},
+  };
+  Joints out;
+  for (const auto& row : rows) {
+    const auto call = [&] { m.solve_ik_nearest(row.pos, {0, 0, 0}, row.seed, out, row.weights); };
+    EXPECT_EQ(refusal_of(call), "solve_ik_nearest " + row.message) << row.name;
   }
   EXPECT_TRUE(out.empty());
+  const auto all = [&] { m.solve_ik_all(target, {0, 0, 0}, {0}); };
+  EXPECT_EQ(refusal_of(all), "solve_ik_all seed size does not match the joint count (6)");
 }
 
 // Weights choose between branches: the nearest is the branch with the least weighted distance,

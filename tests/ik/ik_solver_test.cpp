@@ -10,6 +10,7 @@
 
 #include "kestrel/algorithms/kinematics.hpp"
 #include "support/config_sandbox.hpp"
+#include "support/refusal.hpp"
 #include "support/stderr_capture.hpp"
 
 namespace {
@@ -17,16 +18,26 @@ namespace {
 using kestrel::testing::capture_stderr;
 using kestrel::testing::ChildResult;
 using kestrel::testing::ConfigSandbox;
+using kestrel::testing::refusal_of;
 using kestrel::testing::replace_yaml_section;
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
+using ::testing::StartsWith;
 using Joints = std::vector<double>;
+using Text = ::testing::Matcher<const std::string&>;
 
 RobotKinematics& model() {
   static RobotKinematics* m = new RobotKinematics();  // outlives the tests
   return *m;
 }
 
+struct Target {
+  Joints pos, euler;
+};
+
 // Position and RPY angles of the tool point at q.
-std::pair<Joints, Joints> pose_of(const Joints& q) {
+Target pose_of(const Joints& q) {
   const auto fk = model().forwardKinematics_kdl(q);
   const KDL::Rotation r = KDL::Rotation::Quaternion(fk[3], fk[4], fk[5], fk[6]);
   double roll, pitch, yaw;
@@ -39,51 +50,79 @@ double position_error(const Joints& q, const Joints& target) {
   return std::hypot(fk[0] - target[0], fk[1] - target[1], fk[2] - target[2]);
 }
 
+Joints offset(Joints q, size_t joint, double by) {
+  q[joint] += by;
+  return q;
+}
+
 const Joints kWorking = {0.3, 0.5, -0.4, 0.2, -0.6, 0.1};
 
 // The elbow stretched (the wrist bent, away from its own singularity), and a seed near it:
 // close enough that fallback answers pass the 20 ms velocity-plausibility window.
 const Joints kStretched = {0.0, 0.9, -M_PI / 2, 0.0, -1.0, 0.0};
-const Joints kNearStretched = {0.0, 0.9, -M_PI / 2 + 0.01, 0.0, -1.0, 0.0};
+const Joints kNearStretched = offset(kStretched, 2, 0.01);
 
 // A target `by` metres beyond the arm's reach, with the stretched posture's orientation.
-std::pair<Joints, Joints> beyond_reach(double by) {
-  const Joints& stretched = kStretched;
-  auto [pos, euler] = pose_of(stretched);
-  const auto fk = model().forwardKinematics_kdl(stretched);
+Target beyond_reach(double by) {
+  Target t = pose_of(kStretched);
   const double shoulder_z = 0.165;
-  double dx = fk[0], dz = fk[2] - shoulder_z;
+  const double dx = t.pos[0], dz = t.pos[2] - shoulder_z;
   const double n = std::hypot(dx, dz);
-  pos[0] += by * dx / n;
-  pos[2] += by * dz / n;
-  return {pos, euler};
+  t.pos[0] += by * dx / n;
+  t.pos[2] += by * dz / n;
+  return t;
 }
 
 TEST(SolveIk, ArgumentErrors) {
   Joints out;
-  try {
-    model().solve_ik_kdl({0.1, 0.2}, {0, 0, 0}, kWorking, out);
-    FAIL();
-  } catch (const std::invalid_argument& e) {
-    EXPECT_STREQ(e.what(), "solve_ik_kdl expects 3D position and 3D Euler target");
-  }
-  try {
-    model().solve_ik_kdl({0.1, 0.2, 0.3}, {0, 0, 0}, {0, 0, 0, 0, 0}, out);
-    FAIL();
-  } catch (const std::invalid_argument& e) {
-    EXPECT_STREQ(e.what(), "solve_ik_kdl seed size does not match KDL joint count");
-  }
+  EXPECT_EQ(refusal_of([&] {
+              model().solve_ik_kdl({0.1, 0.2}, {0, 0, 0}, kWorking, out);
+            }),
+            "solve_ik_kdl expects 3D position and 3D Euler target");
+  EXPECT_EQ(refusal_of([&] {
+              model().solve_ik_kdl({0.1, 0.2, 0.3}, {0, 0, 0}, {0, 0, 0, 0, 0}, out);
+            }),
+            "solve_ik_kdl seed size does not match KDL joint count");
   EXPECT_TRUE(out.empty()) << "out is written only on success";
 }
 
-TEST(SolveIk, TargetAtTheSeedIsSolvedByKdlAtOnce) {
-  const auto [pos, euler] = pose_of(kWorking);
+// With the default settings: the result, whether a fallback answered, and what is printed.
+TEST(SolveIk, DefaultStrategiesReportTheirOutcome) {
+  struct Row {
+    const char* name;
+    Target target;
+    Joints seed;
+    bool ok, fallback;
+    Text err;
+  };
+  const std::vector<Row> rows = {
+      {"target at the seed: KDL at once", pose_of(kWorking), kWorking, true, false, ""},
+      {"1.5 mm beyond reach: accepted within tolerance", beyond_reach(0.0015), kNearStretched, true,
+       true,
+       AllOf(StartsWith("[WARN][solve_ik_kdl] accepted KDL residual IK fallback, target_pos=["),
+             HasSubstr(", fk_pos_error_m=0.001"))},
+      {"5 cm beyond reach: one failure line", beyond_reach(0.05), kNearStretched, false, false,
+       MatchesRegex("solve_ik_kdl failed: ret=-[0-9]+, reason=[^\n]+, "
+                    "target_pos=\\[[^]]+\\], target_euler=\\[[^]]+\\]\n")},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    Joints out;
+    bool fallback = !row.fallback;
+    bool ok = !row.ok;
+    const std::string err = capture_stderr([&] {
+      ok = model().solve_ik_kdl(row.target.pos, row.target.euler, row.seed, out, &fallback);
+    });
+    EXPECT_EQ(ok, row.ok);
+    EXPECT_EQ(fallback, row.fallback);
+    EXPECT_THAT(err, row.err);
+    if (!ok) {
+      EXPECT_TRUE(out.empty());
+    }
+  }
   Joints out;
-  bool fallback = true;
-  const std::string err = capture_stderr(
-      [&] { EXPECT_TRUE(model().solve_ik_kdl(pos, euler, kWorking, out, &fallback)); });
-  EXPECT_EQ(err, "");
-  EXPECT_FALSE(fallback);
+  const Target t = pose_of(kWorking);
+  ASSERT_TRUE(model().solve_ik_kdl(t.pos, t.euler, kWorking, out));
   for (int j = 0; j < 6; ++j) {
     EXPECT_NEAR(out[j], kWorking[j], 1e-6);
   }
@@ -101,13 +140,13 @@ TEST(SolveIk, RoundTripsFromNearbySeedsStayOnTheBranch) {
       q[j] = std::uniform_real_distribution<double>(lo, hi)(rng);
       seed[j] = q[j] + std::uniform_real_distribution<double>(-0.05, 0.05)(rng);
     }
-    const auto [pos, euler] = pose_of(q);
+    const Target target = pose_of(q);
     Joints out;
     bool ok = false;
-    capture_stderr([&] { ok = model().solve_ik_kdl(pos, euler, seed, out); });
+    capture_stderr([&] { ok = model().solve_ik_kdl(target.pos, target.euler, seed, out); });
     if (ok) {
       ++solved;
-      EXPECT_LT(position_error(out, pos), 0.003);
+      EXPECT_LT(position_error(out, target.pos), 0.003);
       double delta = 0.0;
       for (int j = 0; j < 6; ++j) {
         delta = std::max(delta, std::abs(out[j] - q[j]));
@@ -122,54 +161,23 @@ TEST(SolveIk, RoundTripsFromNearbySeedsStayOnTheBranch) {
 // the answer is clamped onto the limit, never returned beyond it.
 TEST(SolveIk, KdlAnswerBeyondALimitIsClampedOntoIt) {
   const Joints beyond = {0.2, 0.3, 0.8, 0.1, -0.5, 0.2};
-  const auto [pos, euler] = pose_of(beyond);
-  Joints seed = beyond;
-  seed[0] += 0.01;
+  const Target t = pose_of(beyond);
   Joints out;
-  ASSERT_TRUE(model().solve_ik_kdl(pos, euler, seed, out));
+  ASSERT_TRUE(model().solve_ik_kdl(t.pos, t.euler, offset(beyond, 0, 0.01), out));
   EXPECT_EQ(out[2], model().joint_upper_limits()[2]);
   EXPECT_NEAR(out[0], beyond[0], 1e-4);  // KDL stops within its eps of 1e-5
 }
 
-TEST(SolveIk, TargetJustBeyondReachIsAcceptedWithinTolerance) {
-  const auto [pos, euler] = beyond_reach(0.0015);
-  Joints out;
-  bool fallback = false;
-  bool ok = false;
-  const std::string err = capture_stderr(
-      [&] { ok = model().solve_ik_kdl(pos, euler, kNearStretched, out, &fallback); });
-  ASSERT_TRUE(ok) << err;
-  EXPECT_TRUE(fallback);
-  EXPECT_THAT(err, ::testing::StartsWith("[WARN][solve_ik_kdl] accepted KDL residual IK fallback, "
-                                         "target_pos=["));
-  EXPECT_THAT(err, ::testing::HasSubstr(", fk_pos_error_m=0.001"));
-}
-
-TEST(SolveIk, UnreachableTargetFailsWithOneLine) {
-  const auto [pos, euler] = beyond_reach(0.05);
-  Joints out;
-  bool fallback = true;
-  bool ok = true;
-  const std::string err = capture_stderr(
-      [&] { ok = model().solve_ik_kdl(pos, euler, kNearStretched, out, &fallback); });
-  EXPECT_FALSE(ok);
-  EXPECT_FALSE(fallback);
-  EXPECT_TRUE(out.empty());
-  EXPECT_THAT(err, ::testing::MatchesRegex("solve_ik_kdl failed: ret=-[0-9]+, reason=[^\n]+, "
-                                           "target_pos=\\[[^]]+\\], target_euler=\\[[^]]+\\]\n"));
-}
-
 TEST(JacobianIk, ConvergesToTheToolPointAndFailsWithItsLine) {
-  const auto [pos, euler] = pose_of(kWorking);
+  const Target t = pose_of(kWorking);
   Eigen::VectorXd start(6);
   for (int j = 0; j < 6; ++j) {
     start[j] = kWorking[j] + 0.05;
   }
-  const auto q = model().inverse_kinematics_jacobian(Eigen::Vector3d(pos[0], pos[1], pos[2]),
-                                                     Eigen::Vector3d(euler[0], euler[1], euler[2]),
-                                                     start, 1e-4, 1e-3, 200, 1e-4);
+  const auto q = model().inverse_kinematics_jacobian(
+      Eigen::Vector3d(t.pos.data()), Eigen::Vector3d(t.euler.data()), start, 1e-4, 1e-3, 200, 1e-4);
   ASSERT_TRUE(q.has_value());
-  EXPECT_LT(position_error(Joints(q->data(), q->data() + 6), pos), 2e-4);
+  EXPECT_LT(position_error(Joints(q->data(), q->data() + 6), t.pos), 2e-4);
 
   std::optional<Eigen::VectorXd> none;
   const std::string err = capture_stderr([&] {
@@ -208,15 +216,14 @@ KESTREL_CONFIG_SCENARIO(solve_ik) {
 
 class IkConfig : public ::testing::Test {
  protected:
-  ChildResult solve(const std::string& sections, const Joints& pos, const Joints& euler,
-                    const Joints& seed) {
+  ChildResult solve(const std::string& sections, const Target& target, const Joints& seed) {
     std::string yaml = ConfigSandbox::shipped_config();
     yaml = replace_yaml_section(yaml, "ik_solver", "");
     yaml = replace_yaml_section(yaml, "ik_fallback", "");
     yaml = replace_yaml_section(yaml, "logging", "");
     box.write_config(yaml + "\n" + sections);
     kestrel::testing::RunOptions options;
-    for (const auto& v : {pos, euler, seed}) {
+    for (const auto& v : {target.pos, target.euler, seed}) {
       for (double x : v) {
         std::ostringstream s;
         s.precision(17);
@@ -229,70 +236,75 @@ class IkConfig : public ::testing::Test {
   ConfigSandbox box;
 };
 
-TEST_F(IkConfig, FastModeWithoutKdlFallbackPrintsItsFailure) {
-  const auto [pos, euler] = beyond_reach(0.05);
-  const auto r =
-      solve("ik_solver: {mode: fast, allow_kdl_fallback: false}\n", pos, euler, kNearStretched);
-  ASSERT_EQ(r.exit_code, 0) << r.describe();
-  EXPECT_THAT(r.out, ::testing::HasSubstr("ok=0 fallback=0"));
-  EXPECT_THAT(r.err,
-              ::testing::MatchesRegex("solve_ik_kdl failed: fast IK residual exceeded tolerance, "
-                                      "target_pos=\\[[^]]+\\], target_euler=\\[[^]]+\\]\n"));
-}
-
-TEST_F(IkConfig, FastModeSolvesAReachableTargetWithoutKdl) {
-  const auto [pos, euler] = pose_of(kWorking);
-  Joints seed = kWorking;
-  seed[1] += 0.03;
-  const auto r = solve("ik_solver: {mode: fast, allow_kdl_fallback: false}\n", pos, euler, seed);
-  EXPECT_THAT(r.out, ::testing::HasSubstr("ok=1 fallback=0")) << r.describe();
-  EXPECT_EQ(r.err, "");
-}
-
-TEST_F(IkConfig, VelocityCheckAtItsBoundary) {
-  // Tight tolerances make the fast solver land exactly on the answer; joint 2 of the answer
+// Each mode's strategies from a given seed: what the child prints and the exact lines on
+// standard error.
+TEST_F(IkConfig, EachModeSolvesOrFailsWithItsOwnLines) {
+  const std::string fast_only = "ik_solver: {mode: fast, allow_kdl_fallback: false}\n";
+  // Tight tolerances make the fast solver land exactly on the answer; joint 3 of the answer
   // lies 0.06 or 0.07 rad from the seed, against 3 rad/s x 0.02 s = 0.06 rad.
-  const std::string settings =
+  const std::string velocity_check =
       "ik_solver: {mode: fast, allow_kdl_fallback: false, position_tolerance_m: 1.0e-7, "
       "orientation_tolerance_rad: 1.0e-7, max_fast_iterations: 60, max_joint_delta_time_sec: "
       "0.02, max_joint_velocity_rad_s: [3, 3, 3, 3, 3, 3]}\nlogging: {ik_diagnostics: true}\n";
-  for (double offset : {0.06, 0.07}) {
-    Joints seed = kWorking;
-    seed[2] -= offset;
-    const auto [pos, euler] = pose_of(kWorking);
-    const auto r = solve(settings, pos, euler, seed);
-    if (offset == 0.06) {
-      EXPECT_THAT(r.out, ::testing::HasSubstr("ok=1")) << r.describe();
-    } else {
-      EXPECT_THAT(r.out, ::testing::HasSubstr("ok=0")) << r.describe();
-      EXPECT_THAT(r.err, ::testing::HasSubstr(
-                             "[DEBUG][solve_ik_kdl] rejected fast residual IK: joint2 delta=0.07 "
-                             "exceeds velocity-derived limit=0.06 (max_vel=3, dt=0.02)"));
-    }
+  // A reachable pose that the default strategies cannot find from the home posture, but mode
+  // "analytic" solves exactly, as a strict answer (no fallback line).
+  const Target other_branch = {{-0.124330, 0.388542, 0.708917}, {0.151142, -0.618955, -1.514741}};
+  const Joints home = {0.0, 0.4, -0.9, 0.0, -0.6, 0.0};
+  struct Row {
+    const char* name;
+    std::string settings;
+    Target target;
+    Joints seed;
+    Text out, err;
+    bool exits_cleanly = true;
+  };
+  const std::vector<Row> rows = {
+      {"fast without KDL fallback, beyond reach", fast_only, beyond_reach(0.05), kNearStretched,
+       HasSubstr("ok=0 fallback=0"),
+       MatchesRegex("solve_ik_kdl failed: fast IK residual exceeded tolerance, "
+                    "target_pos=\\[[^]]+\\], target_euler=\\[[^]]+\\]\n")},
+      {"fast without KDL fallback, reachable", fast_only, pose_of(kWorking),
+       offset(kWorking, 1, 0.03), HasSubstr("ok=1 fallback=0"), ""},
+      {"velocity check: on the limit", velocity_check, pose_of(kWorking),
+       offset(kWorking, 2, -0.06), HasSubstr("ok=1"), ::testing::_},
+      {"velocity check: beyond the limit", velocity_check, pose_of(kWorking),
+       offset(kWorking, 2, -0.07), HasSubstr("ok=0"),
+       HasSubstr("[DEBUG][solve_ik_kdl] rejected fast residual IK: joint2 delta=0.07 exceeds "
+                 "velocity-derived limit=0.06 (max_vel=3, dt=0.02)")},
+      // No time budget: the outcome must not depend on how fast this machine is. A wider radius
+      // than the 4 mm overshoot, so that an inward candidate lands well inside the reach rather
+      // than on the singular boundary.
+      {"tolerant fallback retargets within its radius",
+       "ik_solver: {mode: kdl}\nik_fallback: {enabled: true, position_tolerance_m: 0.008, "
+       "max_time_ms: 0}\n",
+       beyond_reach(0.004), kNearStretched, HasSubstr("ok=1 fallback=1"),
+       AllOf(HasSubstr("; accepted position-tolerant IK fallback, original_target_pos=["),
+             HasSubstr(", tolerance_m=0.008, fk_pos_error_m="))},
+      {"tolerant fallback without candidates",
+       "ik_solver: {mode: kdl}\nik_fallback: {enabled: true, max_candidates: 0}\n",
+       beyond_reach(0.004), kNearStretched, HasSubstr("ok=0"),
+       HasSubstr("; tolerant fallback failed, tolerance_m=0.005, candidates_tried=0, "
+                 "max_candidates=0, max_time_ms=3, time_exceeded=false\n")},
+      {"analytic: another branch than the seed", "ik_solver: {mode: analytic}\n", other_branch,
+       home, HasSubstr("ok=1 fallback=0"), ""},
+      {"default mode: stays near the seed", "ik_solver: {mode: kdl_with_approx_fallback}\n",
+       other_branch, home, HasSubstr("ok=0"), ::testing::_},
+      // Beyond reach the default strategies still run behind the closed form.
+      {"analytic: beyond reach", "ik_solver: {mode: analytic}\n", beyond_reach(0.05),
+       kNearStretched, HasSubstr("ok=0 fallback=0"), HasSubstr("solve_ik_kdl failed: ret=")},
+      // Weights for another arm are a configuration error of the call, not a silent default.
+      {"analytic: weights for another arm",
+       "ik_solver: {mode: analytic, nearest_joint_weights: [1, 2]}\n", other_branch, home,
+       ::testing::_, HasSubstr("ik_solver.nearest_joint_weights must have 6 values, one per joint"),
+       false},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const auto r = solve(row.settings, row.target, row.seed);
+    EXPECT_EQ(r.exit_code == 0, row.exits_cleanly) << r.describe();
+    EXPECT_THAT(r.out, row.out) << r.describe();
+    EXPECT_THAT(r.err, row.err) << r.describe();
   }
-}
-
-TEST_F(IkConfig, PositionTolerantFallbackRetargetsWithinItsRadius) {
-  const auto [pos, euler] = beyond_reach(0.004);
-  const Joints seed = kNearStretched;
-  // No time budget: the outcome must not depend on how fast this machine is.
-  // A wider radius than the 4 mm overshoot, so that an inward candidate lands well inside the
-  // reach rather than on the singular boundary.
-  auto r = solve(
-      "ik_solver: {mode: kdl}\nik_fallback: {enabled: true, position_tolerance_m: 0.008, "
-      "max_time_ms: 0}\n",
-      pos, euler, seed);
-  EXPECT_THAT(r.out, ::testing::HasSubstr("ok=1 fallback=1")) << r.describe();
-  EXPECT_THAT(r.err, ::testing::HasSubstr("; accepted position-tolerant IK fallback, "
-                                          "original_target_pos=["));
-  EXPECT_THAT(r.err, ::testing::HasSubstr(", tolerance_m=0.008, fk_pos_error_m="));
-
-  r = solve("ik_solver: {mode: kdl}\nik_fallback: {enabled: true, max_candidates: 0}\n", pos, euler,
-            seed);
-  EXPECT_THAT(r.out, ::testing::HasSubstr("ok=0")) << r.describe();
-  EXPECT_THAT(r.err, ::testing::HasSubstr("; tolerant fallback failed, tolerance_m=0.005, "
-                                          "candidates_tried=0, max_candidates=0, max_time_ms=3, "
-                                          "time_exceeded=false\n"));
 }
 
 TEST_F(IkConfig, PositionAdjustedResidualAnswerIsReportedAsTolerantFallback) {
@@ -300,28 +312,26 @@ TEST_F(IkConfig, PositionAdjustedResidualAnswerIsReportedAsTolerantFallback) {
   // reach. Its answer for the target itself trades 0.36 mrad of orientation for reach and is
   // refused by the tight orientation tolerance; the one for the target moved 4 mm along -x misses
   // the requested target by 4.7 mm and 0.08 mrad and is accepted.
-  const auto [pos, euler] = beyond_reach(0.004);
   const auto r = solve(
       "ik_solver: {mode: kdl, position_tolerance_m: 0.0049, orientation_tolerance_rad: 0.0002}\n"
       "ik_fallback: {enabled: true, position_tolerance_m: 0.008, max_time_ms: 0}\n",
-      pos, euler, kNearStretched);
-  EXPECT_THAT(r.out, ::testing::HasSubstr("ok=1 fallback=1")) << r.describe();
+      beyond_reach(0.004), kNearStretched);
+  EXPECT_THAT(r.out, HasSubstr("ok=1 fallback=1")) << r.describe();
   const auto lines = r.err_lines();
   ASSERT_EQ(lines.size(), 2u) << r.describe();
   const std::string v = "\\[[^]]+\\]", n = "[-+0-9.e]+";
-  EXPECT_THAT(lines[0], ::testing::MatchesRegex(
-                            "\\[WARN\\]\\[solve_ik_kdl\\] accepted position-adjusted residual IK "
-                            "fallback, target_pos=" +
-                            v + ", target_euler=" + v + ", fk_pos_error_m=" + n +
-                            ", fk_rot_error_rad=" + n + ", q_delta_max_rad=" + n));
-  EXPECT_THAT(lines[1],
-              ::testing::MatchesRegex(
-                  "\\[WARN\\]\\[solve_ik_kdl\\] strict IK failed ret=-[0-9]+, reason=[^;]+; "
-                  "accepted position-tolerant IK fallback, original_target_pos=" +
-                  v + ", adjusted_target_pos=" + v + ", target_euler=" + v +
-                  ", adjusted_distance_m=0\\.004, tolerance_m=0\\.008, fk_pos_error_m=" + n +
-                  ", fk_rot_error_rad=" + n + ", q_delta_max_rad=" + n +
-                  ", candidates_tried=[0-9]+, elapsed_ms=" + n));
+  EXPECT_THAT(lines[0], MatchesRegex("\\[WARN\\]\\[solve_ik_kdl\\] accepted position-adjusted "
+                                     "residual IK fallback, target_pos=" +
+                                     v + ", target_euler=" + v + ", fk_pos_error_m=" + n +
+                                     ", fk_rot_error_rad=" + n + ", q_delta_max_rad=" + n));
+  EXPECT_THAT(
+      lines[1],
+      MatchesRegex("\\[WARN\\]\\[solve_ik_kdl\\] strict IK failed ret=-[0-9]+, reason=[^;]+; "
+                   "accepted position-tolerant IK fallback, original_target_pos=" +
+                   v + ", adjusted_target_pos=" + v + ", target_euler=" + v +
+                   ", adjusted_distance_m=0\\.004, tolerance_m=0\\.008, fk_pos_error_m=" + n +
+                   ", fk_rot_error_rad=" + n + ", q_delta_max_rad=" + n +
+                   ", candidates_tried=[0-9]+, elapsed_ms=" + n));
   // Both lines give the errors of the same joints against the requested target.
   const auto field = [](const std::string& line, const std::string& key) {
     const size_t from = line.find(", " + key + "=") + key.size() + 3;
@@ -338,45 +348,16 @@ TEST_F(IkConfig, ContinuousJointIsWrappedIntoOneTurn) {
   ASSERT_NE(urdf.find(revolute), std::string::npos);
   urdf.replace(urdf.find(revolute), revolute.size(), R"(<joint name="joint6" type="continuous">)");
   box.write_file(box.urdf_path(), urdf);
-  Joints q = kWorking;
-  q[5] = 3.5;
-  const auto [pos, euler] = pose_of(q);  // joint 6 turns the tool about its own axis
-  Joints seed = q;
-  seed[5] = 3.45;
-  const auto r = solve("", pos, euler, seed);
-  ASSERT_THAT(r.out, ::testing::HasSubstr("ok=1")) << r.describe();
+  const Joints q = offset(kWorking, 5, 3.5 - kWorking[5]);
+  // Joint 6 turns the tool about its own axis.
+  const auto r = solve("", pose_of(q), offset(q, 5, -0.05));
+  ASSERT_THAT(r.out, HasSubstr("ok=1")) << r.describe();
   std::istringstream values(r.out.substr(r.out.find("out=") + 4));
   Joints out(6);
   for (double& v : out) {
     values >> v;
   }
   EXPECT_NEAR(out[5], 3.5 - 2 * M_PI, 1e-4);
-}
-
-// Mode "analytic": a pose on another branch than the seed is solved exactly, as a strict answer
-// (no fallback line), where the default mode, staying near the seed, finds nothing; beyond reach
-// the default strategies still run behind it and print their failure.
-TEST_F(IkConfig, AnalyticModeSolvesFromAnySeedAndKeepsTheOtherStrategiesBehind) {
-  // A reachable pose that the default strategies cannot find from the home posture.
-  const Joints pos = {-0.124330, 0.388542, 0.708917};
-  const Joints euler = {0.151142, -0.618955, -1.514741};
-  const Joints seed = {0.0, 0.4, -0.9, 0.0, -0.6, 0.0};
-  const auto analytic = solve("ik_solver: {mode: analytic}\n", pos, euler, seed);
-  EXPECT_THAT(analytic.out, ::testing::HasSubstr("ok=1 fallback=0")) << analytic.describe();
-  EXPECT_EQ(analytic.err, "");
-  const auto standard = solve("ik_solver: {mode: kdl_with_approx_fallback}\n", pos, euler, seed);
-  EXPECT_THAT(standard.out, ::testing::HasSubstr("ok=0")) << standard.describe();
-
-  const auto [beyond_pos, beyond_euler] = beyond_reach(0.05);
-  const auto r = solve("ik_solver: {mode: analytic}\n", beyond_pos, beyond_euler, kNearStretched);
-  EXPECT_THAT(r.out, ::testing::HasSubstr("ok=0 fallback=0")) << r.describe();
-  EXPECT_THAT(r.err, ::testing::HasSubstr("solve_ik_kdl failed: ret="));
-  // Weights for another arm are a configuration error of the call, not a silent default.
-  const auto wrong =
-      solve("ik_solver: {mode: analytic, nearest_joint_weights: [1, 2]}\n", pos, euler, seed);
-  EXPECT_NE(wrong.exit_code, 0);
-  EXPECT_THAT(wrong.err, ::testing::HasSubstr("ik_solver.nearest_joint_weights must have 6 "
-                                              "values, one per joint"));
 }
 
 }  // namespace
