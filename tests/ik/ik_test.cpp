@@ -1,6 +1,10 @@
-// Inverse kinematics: argument errors, round trips, the strategies of each mode and the exact
-// lines their fallbacks and failures print. Settings are read once per process, so every
-// configuration variant runs in a child process against an edited copy of the shipped file.
+// Inverse kinematics of the shipped arm and of an irregular test arm: argument errors, round
+// trips, the strategies of each mode and the exact lines their fallbacks and failures print;
+// then every solution of a pose and the nearest one, through the closed form (with a fixed
+// random seed) and the global search as its check, singular and unreachable poses, joints taken
+// at the turn nearest the seed, an arm without a spherical wrist, and the refusals. Settings are
+// read once per process, so every configuration variant runs in a child process against an
+// edited copy of the shipped file.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -8,6 +12,7 @@
 #include <iostream>
 #include <random>
 
+#include "algorithms/test_arm.hpp"
 #include "kestrel/algorithms/kinematics.hpp"
 #include "support/config_sandbox.hpp"
 #include "support/refusal.hpp"
@@ -20,34 +25,41 @@ using kestrel::testing::ChildResult;
 using kestrel::testing::ConfigSandbox;
 using kestrel::testing::refusal_of;
 using kestrel::testing::replace_yaml_section;
+using kestrel::testing::TempDir;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 using ::testing::StartsWith;
 using Joints = std::vector<double>;
+using Method = RobotKinematics::IkMethod;
 using Text = ::testing::Matcher<const std::string&>;
 
-RobotKinematics& model() {
+RobotKinematics& shipped() {
   static RobotKinematics* m = new RobotKinematics();  // outlives the tests
   return *m;
 }
 
-struct Target {
+struct Pose {
   Joints pos, euler;
 };
 
 // Position and RPY angles of the tool point at q.
-Target pose_of(const Joints& q) {
-  const auto fk = model().forwardKinematics_kdl(q);
-  const KDL::Rotation r = KDL::Rotation::Quaternion(fk[3], fk[4], fk[5], fk[6]);
-  double roll, pitch, yaw;
-  r.GetRPY(roll, pitch, yaw);
-  return {{fk[0], fk[1], fk[2]}, {roll, pitch, yaw}};
+Pose pose_of(const Joints& q, RobotKinematics& model = shipped()) {
+  const auto fk = model.forwardKinematics_kdl(q);
+  double r, p, y;
+  KDL::Rotation::Quaternion(fk[3], fk[4], fk[5], fk[6]).GetRPY(r, p, y);
+  return {{fk[0], fk[1], fk[2]}, {r, p, y}};
 }
 
-double position_error(const Joints& q, const Joints& target) {
-  const auto fk = model().forwardKinematics_kdl(q);
-  return std::hypot(fk[0] - target[0], fk[1] - target[1], fk[2] - target[2]);
+// Position (m) and orientation (rad) error of q's tool pose against `pose`, by KDL's own FK.
+std::pair<double, double> miss(const Joints& q, const Pose& pose,
+                               RobotKinematics& model = shipped()) {
+  const auto fk = model.forwardKinematics_kdl(q);
+  const KDL::Rotation got = KDL::Rotation::Quaternion(fk[3], fk[4], fk[5], fk[6]);
+  const KDL::Rotation want = KDL::Rotation::RPY(pose.euler[0], pose.euler[1], pose.euler[2]);
+  KDL::Vector axis;
+  return {std::hypot(fk[0] - pose.pos[0], fk[1] - pose.pos[1], fk[2] - pose.pos[2]),
+          (got * want.Inverse()).GetRotAngle(axis)};
 }
 
 Joints offset(Joints q, size_t joint, double by) {
@@ -63,8 +75,8 @@ const Joints kStretched = {0.0, 0.9, -M_PI / 2, 0.0, -1.0, 0.0};
 const Joints kNearStretched = offset(kStretched, 2, 0.01);
 
 // A target `by` metres beyond the arm's reach, with the stretched posture's orientation.
-Target beyond_reach(double by) {
-  Target t = pose_of(kStretched);
+Pose beyond_reach(double by) {
+  Pose t = pose_of(kStretched);
   const double shoulder_z = 0.165;
   const double dx = t.pos[0], dz = t.pos[2] - shoulder_z;
   const double n = std::hypot(dx, dz);
@@ -76,11 +88,11 @@ Target beyond_reach(double by) {
 TEST(SolveIk, ArgumentErrors) {
   Joints out;
   EXPECT_EQ(refusal_of([&] {
-              model().solve_ik_kdl({0.1, 0.2}, {0, 0, 0}, kWorking, out);
+              shipped().solve_ik_kdl({0.1, 0.2}, {0, 0, 0}, kWorking, out);
             }),
             "solve_ik_kdl expects 3D position and 3D Euler target");
   EXPECT_EQ(refusal_of([&] {
-              model().solve_ik_kdl({0.1, 0.2, 0.3}, {0, 0, 0}, {0, 0, 0, 0, 0}, out);
+              shipped().solve_ik_kdl({0.1, 0.2, 0.3}, {0, 0, 0}, {0, 0, 0, 0, 0}, out);
             }),
             "solve_ik_kdl seed size does not match KDL joint count");
   EXPECT_TRUE(out.empty()) << "out is written only on success";
@@ -90,7 +102,7 @@ TEST(SolveIk, ArgumentErrors) {
 TEST(SolveIk, DefaultStrategiesReportTheirOutcome) {
   struct Row {
     const char* name;
-    Target target;
+    Pose target;
     Joints seed;
     bool ok, fallback;
     Text err;
@@ -111,7 +123,7 @@ TEST(SolveIk, DefaultStrategiesReportTheirOutcome) {
     bool fallback = !row.fallback;
     bool ok = !row.ok;
     const std::string err = capture_stderr([&] {
-      ok = model().solve_ik_kdl(row.target.pos, row.target.euler, row.seed, out, &fallback);
+      ok = shipped().solve_ik_kdl(row.target.pos, row.target.euler, row.seed, out, &fallback);
     });
     EXPECT_EQ(ok, row.ok);
     EXPECT_EQ(fallback, row.fallback);
@@ -121,8 +133,8 @@ TEST(SolveIk, DefaultStrategiesReportTheirOutcome) {
     }
   }
   Joints out;
-  const Target t = pose_of(kWorking);
-  ASSERT_TRUE(model().solve_ik_kdl(t.pos, t.euler, kWorking, out));
+  const Pose t = pose_of(kWorking);
+  ASSERT_TRUE(shipped().solve_ik_kdl(t.pos, t.euler, kWorking, out));
   for (int j = 0; j < 6; ++j) {
     EXPECT_NEAR(out[j], kWorking[j], 1e-6);
   }
@@ -135,18 +147,18 @@ TEST(SolveIk, RoundTripsFromNearbySeedsStayOnTheBranch) {
   for (int t = 0; t < trials; ++t) {
     Joints q(6), seed(6);
     for (int j = 0; j < 6; ++j) {
-      const double lo = model().joint_lower_limits()[j] + 0.1;
-      const double hi = model().joint_upper_limits()[j] - 0.1;
+      const double lo = shipped().joint_lower_limits()[j] + 0.1;
+      const double hi = shipped().joint_upper_limits()[j] - 0.1;
       q[j] = std::uniform_real_distribution<double>(lo, hi)(rng);
       seed[j] = q[j] + std::uniform_real_distribution<double>(-0.05, 0.05)(rng);
     }
-    const Target target = pose_of(q);
+    const Pose target = pose_of(q);
     Joints out;
     bool ok = false;
-    capture_stderr([&] { ok = model().solve_ik_kdl(target.pos, target.euler, seed, out); });
+    capture_stderr([&] { ok = shipped().solve_ik_kdl(target.pos, target.euler, seed, out); });
     if (ok) {
       ++solved;
-      EXPECT_LT(position_error(out, target.pos), 0.003);
+      EXPECT_LT(miss(out, target).first, 0.003);
       double delta = 0.0;
       for (int j = 0; j < 6; ++j) {
         delta = std::max(delta, std::abs(out[j] - q[j]));
@@ -161,27 +173,27 @@ TEST(SolveIk, RoundTripsFromNearbySeedsStayOnTheBranch) {
 // the answer is clamped onto the limit, never returned beyond it.
 TEST(SolveIk, KdlAnswerBeyondALimitIsClampedOntoIt) {
   const Joints beyond = {0.2, 0.3, 0.8, 0.1, -0.5, 0.2};
-  const Target t = pose_of(beyond);
+  const Pose t = pose_of(beyond);
   Joints out;
-  ASSERT_TRUE(model().solve_ik_kdl(t.pos, t.euler, offset(beyond, 0, 0.01), out));
-  EXPECT_EQ(out[2], model().joint_upper_limits()[2]);
+  ASSERT_TRUE(shipped().solve_ik_kdl(t.pos, t.euler, offset(beyond, 0, 0.01), out));
+  EXPECT_EQ(out[2], shipped().joint_upper_limits()[2]);
   EXPECT_NEAR(out[0], beyond[0], 1e-4);  // KDL stops within its eps of 1e-5
 }
 
 TEST(JacobianIk, ConvergesToTheToolPointAndFailsWithItsLine) {
-  const Target t = pose_of(kWorking);
+  const Pose t = pose_of(kWorking);
   Eigen::VectorXd start(6);
   for (int j = 0; j < 6; ++j) {
     start[j] = kWorking[j] + 0.05;
   }
-  const auto q = model().inverse_kinematics_jacobian(
+  const auto q = shipped().inverse_kinematics_jacobian(
       Eigen::Vector3d(t.pos.data()), Eigen::Vector3d(t.euler.data()), start, 1e-4, 1e-3, 200, 1e-4);
   ASSERT_TRUE(q.has_value());
-  EXPECT_LT(position_error(Joints(q->data(), q->data() + 6), t.pos), 2e-4);
+  EXPECT_LT(miss(Joints(q->data(), q->data() + 6), t).first, 2e-4);
 
   std::optional<Eigen::VectorXd> none;
   const std::string err = capture_stderr([&] {
-    none = model().inverse_kinematics_jacobian(
+    none = shipped().inverse_kinematics_jacobian(
         Eigen::Vector3d(0.1, 0.2, 0.3), Eigen::Vector3d(0, 0, 0), start, 1e-4, 1e-3, 0, 0.01);
   });
   EXPECT_FALSE(none.has_value());
@@ -216,7 +228,7 @@ KESTREL_CONFIG_SCENARIO(solve_ik) {
 
 class IkConfig : public ::testing::Test {
  protected:
-  ChildResult solve(const std::string& sections, const Target& target, const Joints& seed) {
+  ChildResult solve(const std::string& sections, const Pose& target, const Joints& seed) {
     std::string yaml = ConfigSandbox::shipped_config();
     yaml = replace_yaml_section(yaml, "ik_solver", "");
     yaml = replace_yaml_section(yaml, "ik_fallback", "");
@@ -248,12 +260,12 @@ TEST_F(IkConfig, EachModeSolvesOrFailsWithItsOwnLines) {
       "0.02, max_joint_velocity_rad_s: [3, 3, 3, 3, 3, 3]}\nlogging: {ik_diagnostics: true}\n";
   // A reachable pose that the default strategies cannot find from the home posture, but mode
   // "analytic" solves exactly, as a strict answer (no fallback line).
-  const Target other_branch = {{-0.124330, 0.388542, 0.708917}, {0.151142, -0.618955, -1.514741}};
+  const Pose other_branch = {{-0.124330, 0.388542, 0.708917}, {0.151142, -0.618955, -1.514741}};
   const Joints home = {0.0, 0.4, -0.9, 0.0, -0.6, 0.0};
   struct Row {
     const char* name;
     std::string settings;
-    Target target;
+    Pose target;
     Joints seed;
     Text out, err;
     bool exits_cleanly = true;
@@ -358,6 +370,259 @@ TEST_F(IkConfig, ContinuousJointIsWrappedIntoOneTurn) {
     values >> v;
   }
   EXPECT_NEAR(out[5], 3.5 - 2 * M_PI, 1e-4);
+}
+
+// ---- Every solution and the nearest -----------------------------------------------------------
+
+// Largest joint difference, whole turns ignored.
+double turn_gap(const Joints& a, const Joints& b) {
+  double gap = 0.0;
+  for (size_t j = 0; j < a.size(); ++j) {
+    gap = std::max(gap, std::abs(std::remainder(a[j] - b[j], 2.0 * M_PI)));
+  }
+  return gap;
+}
+
+// Every answer is a posture the arm can take that puts the tool on the pose.
+// (A non-finite value fails the first two checks.)
+void expect_valid(RobotKinematics& model, const std::vector<Joints>& solutions, const Pose& pose) {
+  for (const auto& s : solutions) {
+    const auto [dp, dr] = miss(s, pose, model);
+    EXPECT_LT(dp, 1e-6);
+    EXPECT_LT(dr, 1e-6);
+    for (size_t j = 0; j < s.size(); ++j) {
+      if (model.joint_has_limits()[j]) {
+        EXPECT_GE(s[j], model.joint_lower_limits()[j]) << "joint " << j + 1;
+        EXPECT_LE(s[j], model.joint_upper_limits()[j]) << "joint " << j + 1;
+      }
+    }
+  }
+}
+
+Joints random_joints(RobotKinematics& model, std::mt19937& rng) {
+  Joints q;
+  for (int j = 0; j < model.num_joints(); ++j) {
+    const double lo = model.joint_has_limits()[j] ? model.joint_lower_limits()[j] : -M_PI;
+    const double hi = model.joint_has_limits()[j] ? model.joint_upper_limits()[j] : M_PI;
+    q.push_back(std::uniform_real_distribution<double>(lo, hi)(rng));
+  }
+  return q;
+}
+
+bool contains(const std::vector<Joints>& solutions, const Joints& q, double within = 1e-6) {
+  for (const auto& s : solutions) {
+    if (turn_gap(s, q) <= within) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// On the first 40 poses the global search answers with a subset of the same solutions.
+TEST(ClosedFormIk, ShippedArmHasItAndEveryRandomPostureIsAmongItsSolutions) {
+  RobotKinematics& m = shipped();
+  ASSERT_TRUE(m.has_closed_form_ik()) << m.closed_form_ik_status();
+  std::mt19937 rng(17);
+  int branches = 0;
+  int searched_ok = 0;
+  for (int trial = 0; trial < 400; ++trial) {
+    SCOPED_TRACE("trial " + std::to_string(trial));
+    const Joints q = random_joints(m, rng);
+    const Pose pose = pose_of(q, m);
+    const Joints seed = random_joints(m, rng);
+    const auto all = m.solve_ik_all(pose.pos, pose.euler, seed, Method::closed_form);
+    ASSERT_TRUE(contains(all, q));
+    ASSERT_LE(all.size(), 8u);
+    expect_valid(m, all, pose);
+    branches += static_cast<int>(all.size());
+    // Nearest first; and from the posture itself the nearest is that posture.
+    Joints nearest;
+    ASSERT_TRUE(m.solve_ik_nearest(pose.pos, pose.euler, seed, nearest));
+    EXPECT_EQ(nearest, all.front());
+    ASSERT_TRUE(m.solve_ik_nearest(pose.pos, pose.euler, q, nearest));
+    EXPECT_LT(turn_gap(nearest, q), 1e-6);
+    if (trial < 40) {
+      const auto searched = m.solve_ik_all(pose.pos, pose.euler, {}, Method::global_search);
+      expect_valid(m, searched, pose);
+      EXPECT_LE(searched.size(), all.size()) << "a solution twice";
+      for (const auto& s : searched) {
+        EXPECT_TRUE(contains(all, s, 1e-5)) << "a solution not in the set";
+      }
+      searched_ok += !searched.empty();
+    }
+  }
+  EXPECT_GT(branches, 400 * 2) << "the limits leave most poses more than one branch";
+  EXPECT_GE(searched_ok, 36) << "the search found nothing for too many reachable poses";
+}
+
+// Singular poses have a continuum (or a double root) of solutions: valid ones come back, and
+// from the posture itself the nearest is that posture.
+TEST(ClosedFormIk, SingularPosesGiveValidSolutions) {
+  RobotKinematics& m = shipped();
+  struct Case {
+    const char* name;
+    Joints q;
+  };
+  // Shoulder: the wrist centre on the base axis, 0.26 sin q2 + 0.25 cos(q2 + q3) = 0 (upper arm
+  // 0.26 m, elbow to wrist centre 0.25 m), q3 found by Newton steps.
+  Joints shoulder = {0.4, -0.3, -1.0, 0.5, -0.8, 0.2};
+  for (int it = 0; it < 50; ++it) {
+    const double x = 0.26 * std::sin(shoulder[1]) + 0.25 * std::cos(shoulder[1] + shoulder[2]);
+    shoulder[2] -= x / (-0.25 * std::sin(shoulder[1] + shoulder[2]));
+  }
+  const std::vector<Case> cases = {
+      {"wrist axes 4 and 6 aligned", {0.3, 0.4, -0.9, 0.7, -M_PI / 2, -0.4}},
+      {"elbow stretched", {-0.2, 0.5, -M_PI / 2, 0.3, -0.7, 0.1}},
+      {"wrist centre over the base axis", shoulder},
+      {"elbow stretched and wrist aligned", {0.1, 0.2, -M_PI / 2, 1.0, -M_PI / 2, 0.5}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const Pose pose = pose_of(c.q, m);
+    const auto all = m.solve_ik_all(pose.pos, pose.euler, c.q);
+    ASSERT_FALSE(all.empty());
+    expect_valid(m, all, pose);
+    Joints nearest;
+    ASSERT_TRUE(m.solve_ik_nearest(pose.pos, pose.euler, c.q, nearest));
+    EXPECT_LT(turn_gap(nearest, c.q), 1e-5);
+    // From elsewhere a member of the continuum still comes back.
+    ASSERT_TRUE(m.solve_ik_nearest(pose.pos, pose.euler, Joints(6, 0.0), nearest));
+  }
+}
+
+TEST(ClosedFormIk, UnreachablePosesHaveNoSolution) {
+  RobotKinematics& m = shipped();
+  const Pose far = {{1.5, 0.0, 0.3}, {0.0, 0.0, 0.0}};
+  const Pose above = {{0.0, 0.0, 1.2}, {M_PI, 0.0, 0.0}};  // the arm reaches 0.85 m up
+  for (const Pose& pose : {far, above}) {
+    EXPECT_TRUE(m.solve_ik_all(pose.pos, pose.euler, {}, Method::closed_form).empty());
+    Joints out = {9.0};
+    EXPECT_FALSE(m.solve_ik_nearest(pose.pos, pose.euler, Joints(6, 0.0), out));
+    EXPECT_EQ(out, Joints{9.0}) << "out is written only on success";
+  }
+  EXPECT_TRUE(m.solve_ik_all(far.pos, far.euler, {}, Method::global_search).empty());
+}
+
+// A joint whose limits allow more than one turn is taken at the turn nearest the seed.
+TEST(ClosedFormIk, MultiTurnJointsAreTakenNearestTheSeed) {
+  TempDir dir;
+  std::string urdf = kestrel::testing::ConfigSandbox::shipped_urdf();
+  const std::string six = "<limit lower=\"-3\" upper=\"3\"";
+  ASSERT_NE(urdf.find(six), std::string::npos);
+  urdf.replace(urdf.find(six), six.size(), "<limit lower=\"-9\" upper=\"9\"");
+  RobotKinematics m(dir.write("arm.yaml", kestrel::testing::ConfigSandbox::shipped_config()),
+                    dir.write("arm.urdf", urdf));
+  ASSERT_TRUE(m.has_closed_form_ik());
+  const Joints q = {0.2, 0.3, -0.8, 0.4, -0.9, 0.5};
+  const Pose pose = pose_of(q, m);
+  // {seed of joint 6, answer}: the turn nearest the seed, within the limits.
+  for (const auto& [seed6, expect6] :
+       {std::pair{0.0, 0.5}, std::pair{6.0, 0.5 + 2 * M_PI}, std::pair{-6.0, 0.5 - 2 * M_PI},
+        std::pair{8.9, 0.5 + 2 * M_PI}}) {
+    Joints seed = q;
+    seed[5] = seed6;
+    Joints out;
+    ASSERT_TRUE(m.solve_ik_nearest(pose.pos, pose.euler, seed, out));
+    EXPECT_NEAR(out[5], expect6, 1e-9) << "seed " << seed6;
+  }
+}
+
+// The irregular test arm (skew axis, tilted origins, a continuous joint): no closed form, and
+// the global search answers from a seed near and far.
+TEST(GlobalIkSearch, ArmWithoutSphericalWristIsSolvedBySearch) {
+  TempDir dir;
+  const kestrel::testing::TestArm arm;
+  const auto [yaml, urdf] = arm.write(dir);
+  RobotKinematics m(yaml, urdf);
+  EXPECT_FALSE(m.has_closed_form_ik());
+  EXPECT_EQ(m.closed_form_ik_status().rfind("axes 2 and 3 are not parallel", 0), 0u)
+      << m.closed_form_ik_status();
+  EXPECT_EQ(refusal_of<std::runtime_error>([&] {
+              m.solve_ik_all({0.3, 0, 0.3}, {0, 0, 0}, {}, Method::closed_form);
+            }),
+            "closed-form IK is not available for this arm: " + m.closed_form_ik_status());
+  std::mt19937 rng(5);
+  int from_far = 0;
+  for (int trial = 0; trial < 20; ++trial) {
+    SCOPED_TRACE("trial " + std::to_string(trial));
+    const Joints q = random_joints(m, rng);
+    const Pose pose = pose_of(q, m);
+    Joints near = q;
+    for (double& v : near) {
+      v += 0.05;
+    }
+    Joints out;
+    ASSERT_TRUE(m.solve_ik_nearest(pose.pos, pose.euler, near, out));
+    expect_valid(m, {out}, pose);
+    EXPECT_LT(turn_gap(out, q), 1e-5) << "the solution on the seed's branch is the nearest";
+    // The continuous joint (4) comes back at the turn nearest its seed.
+    Joints turned = near;
+    turned[3] += 4 * M_PI;
+    ASSERT_TRUE(m.solve_ik_nearest(pose.pos, pose.euler, turned, out));
+    EXPECT_NEAR(out[3], q[3] + 4 * M_PI, 1e-5);
+    if (m.solve_ik_nearest(pose.pos, pose.euler, Joints(6, 0.0), out)) {
+      ++from_far;
+      expect_valid(m, {out}, pose);  // from the far seed
+    }
+  }
+  EXPECT_GE(from_far, 10) << "restarts from a far seed found too few of the poses";
+}
+
+TEST(SolveIkNearest, RefusesBadArguments) {
+  RobotKinematics& m = shipped();
+  const double nan = std::nan("");
+  const Joints seed(6, 0.0), target = {0.1, 0.2, 0.3};
+  struct Row {
+    const char* name;
+    Joints pos, seed, weights;
+    std::string message;  // after "solve_ik_nearest "
+  };
+  const std::string weights = "weights must be 6 positive values";
+  const std::vector<Row> rows = {
+      {"short position", {0.1, 0.2}, seed, {}, "expects 3D position and 3D Euler target"},
+      {"short seed", target, {0, 0}, {}, "seed size does not match the joint count (6)"},
+      {"NaN target", {nan, 0.2, 0.3}, seed, {}, "target and seed must contain only finite values"},
+      {"zero weight", target, seed, {1, 1, 1, 0, 1, 1}, weights},
+      {"short weights", target, seed, {1}, weights},
+  };
+  Joints out;
+  for (const auto& row : rows) {
+    const auto call = [&] { m.solve_ik_nearest(row.pos, {0, 0, 0}, row.seed, out, row.weights); };
+    EXPECT_EQ(refusal_of(call), "solve_ik_nearest " + row.message) << row.name;
+  }
+  EXPECT_TRUE(out.empty());
+  const auto all = [&] { m.solve_ik_all(target, {0, 0, 0}, {0}); };
+  EXPECT_EQ(refusal_of(all), "solve_ik_all seed size does not match the joint count (6)");
+}
+
+// Weights choose between branches: the nearest is the branch with the least weighted distance,
+// whichever joints the weights favour.
+TEST(SolveIkNearest, WeightsRankTheBranches) {
+  RobotKinematics& m = shipped();
+  std::mt19937 rng(31);
+  Pose pose;
+  std::vector<Joints> all;
+  while (all.size() < 3) {  // a pose with three branches inside the limits
+    pose = pose_of(random_joints(m, rng), m);
+    all = m.solve_ik_all(pose.pos, pose.euler);
+  }
+  for (const auto& weights : {Joints{1, 100, 100, 1, 1, 1}, Joints{1, 1, 1, 100, 100, 100}}) {
+    Joints out;
+    ASSERT_TRUE(m.solve_ik_nearest(pose.pos, pose.euler, Joints(6, 0.0), out, weights));
+    double best = 1e300;
+    Joints expected;
+    for (const auto& s : all) {
+      double d = 0.0;
+      for (size_t j = 0; j < 6; ++j) {
+        d += weights[j] * s[j] * s[j];
+      }
+      if (d < best) {
+        best = d;
+        expected = s;
+      }
+    }
+    EXPECT_LT(turn_gap(out, expected), 1e-9);
+  }
 }
 
 }  // namespace
