@@ -21,20 +21,14 @@ namespace {
 
 // Two-link arm: a revolute joint about z and a second joint of the given type along x.
 std::string two_link_urdf(const std::string& second_type = "revolute") {
-  const auto link = [](const char* name, const char* xyz, const char* mass, const char* i) {
-    return std::string("<link name=\"") + name + "\"><inertial><origin xyz=\"" + xyz +
-           "\"/><mass value=\"" + mass + "\"/><inertia ixx=\"" + i +
-           "\" ixy=\"0\" ixz=\"0\" iyy=\"" + i + "\" iyz=\"0\" izz=\"" + i +
-           "\"/></inertial></link>";
-  };
-  return "<robot name=\"r\"><link name=\"a\"/>" + link("b", "0.1 0 0", "1", "0.001") +
-         link("c", "0 0.05 0", "0.5", "0.0002") +
-         "<joint name=\"ja\" type=\"revolute\"><parent link=\"a\"/><child link=\"b\"/>"
-         "<origin xyz=\"0 0 0.1\"/><axis xyz=\"0 0 1\"/><limit lower=\"-1\" upper=\"1\"/></joint>"
-         "<joint name=\"jb\" type=\"" +
-         second_type +
-         "\"><parent link=\"b\"/><child link=\"c\"/><origin xyz=\"0.2 0 0\" rpy=\"0 0.3 0\"/>"
-         "<axis xyz=\"1 0 0\"/><limit lower=\"-0.5\" upper=\"0.5\"/></joint></robot>";
+  TestArm arm;
+  const Eigen::Vector3d zero = Eigen::Vector3d::Zero();
+  arm.links = {{"a", 1.0, zero, zero, {0.001, 0, 0, 0.001, 0, 0.001}},
+               {"b", 1.0, {0.1, 0, 0}, zero, {0.001, 0, 0, 0.001, 0, 0.001}},
+               {"c", 0.5, {0, 0.05, 0}, zero, {0.0002, 0, 0, 0.0002, 0, 0.0002}}};
+  arm.joints = {{"ja", "revolute", "a", "b", {0, 0, 0.1}, zero, {0, 0, 1}},
+                {"jb", second_type, "b", "c", {0.2, 0, 0}, {0, 0.3, 0}, {1, 0, 0}}};
+  return arm.urdf();
 }
 
 constexpr const char* kTool = "kinematics:\n  tool: {xyz: [0, 0, 0.1], rpy: [0, 0, 0]}\n";

@@ -11,7 +11,9 @@
 #include <cstdlib>
 #include <iostream>
 #include <map>
+#include <memory>
 #include <random>
+#include <set>
 
 #include "algorithms/test_arm.hpp"
 #include "kestrel/algorithms/config_paths.hpp"
@@ -75,23 +77,17 @@ class OspreyArm : public ::testing::Test {
   static void SetUpTestSuite() {
     urdf_path_ = kestrel::algorithms::resolve_robot_urdf_path();
     const std::string config_path = kestrel::algorithms::resolve_robot_kinematics_config_path();
-    config_ = new YAML::Node(YAML::LoadFile(config_path));
-    model_ = new RobotKinematics(config_path, urdf_path_);
+    config_ = YAML::LoadFile(config_path);
+    model_ = std::make_unique<RobotKinematics>(config_path, urdf_path_);
     // The same arm carrying 0.5 kg at the tool centre point.
-    YAML::Node loaded = YAML::Clone(*config_);
+    YAML::Node loaded = YAML::Clone(config_);
     loaded["kinematics"]["payload"]["mass"] = kPayloadKg;
     loaded["kinematics"]["payload"]["com"] = loaded["kinematics"]["tool"]["xyz"];
-    loaded_ = new RobotKinematics(dir_->write("payload.yaml", YAML::Dump(loaded)), urdf_path_);
-  }
-  static void TearDownTestSuite() {
-    delete loaded_;
-    delete model_;
-    delete config_;
-    delete dir_;
-    dir_ = nullptr;
+    loaded_ = std::make_unique<RobotKinematics>(dir_.write("payload.yaml", YAML::Dump(loaded)),
+                                                urdf_path_);
   }
 
-  static const YAML::Node& cfg() { return *config_; }
+  static const YAML::Node& cfg() { return config_; }
   static std::vector<double> lower() { return model_->joint_lower_limits(); }
   static std::vector<double> upper() { return model_->joint_upper_limits(); }
 
@@ -125,20 +121,18 @@ class OspreyArm : public ::testing::Test {
   // Diagonal of the loaded arm's mass matrix.
   static Eigen::VectorXd inertia(const Eigen::VectorXd& q) {
     Eigen::VectorXd d(6);
-    const std::vector<double> qs(q.data(), q.data() + 6);
     for (int k = 0; k < 6; ++k) {
-      std::vector<double> e(6, 0.0);
-      e[k] = 1.0;
-      d[k] = loaded_->inertia_compensation_kdl(qs, e)[k];
+      const Eigen::VectorXd e = Eigen::VectorXd::Unit(6, k);
+      d[k] =
+          loaded_->inertia_compensation_kdl({q.data(), q.data() + 6}, {e.data(), e.data() + 6})[k];
     }
     return d;
   }
 
   static inline std::string urdf_path_;
-  static inline YAML::Node* config_ = nullptr;
-  static inline RobotKinematics* model_ = nullptr;
-  static inline RobotKinematics* loaded_ = nullptr;
-  static inline TempDir* dir_ = new TempDir;  // lives as long as the suite's files are needed
+  static inline YAML::Node config_;
+  static inline TempDir dir_;  // the loaded arm's file
+  static inline std::unique_ptr<RobotKinematics> model_, loaded_;
 };
 
 }  // namespace
@@ -250,10 +244,9 @@ TEST_F(OspreyArm, SingularityTargetsAreTheAlignedWristAndTheStretchedElbow) {
 }
 
 TEST_F(OspreyArm, GravityWithPayloadStaysBelowTheTorqueWarnings) {
-  std::vector<double> warn(kDefaultWarn, kDefaultWarn + 6);
-  if (cfg()["runtime_joint_safety"]["torque_warn_limits"]) {
-    warn = seq(cfg()["runtime_joint_safety"]["torque_warn_limits"]);
-  }
+  const YAML::Node configured = cfg()["runtime_joint_safety"]["torque_warn_limits"];
+  const auto warn =
+      configured ? seq(configured) : std::vector<double>(kDefaultWarn, kDefaultWarn + 6);
   std::vector<Eigen::VectorXd> all = postures(5000, 4);
   // Dense 9^4 grid over the joints that move masses against gravity (joint 1 only turns the arm).
   for (int n = 0; n < 9 * 9 * 9 * 9; ++n) {
@@ -351,15 +344,11 @@ TEST_F(OspreyArm, SelfCollisionBodiesFitTheLinks) {
   }
   per_link.erase("base_link");
   EXPECT_EQ(per_link.size(), 6u);  // every moving link is covered
-  const auto ignored = [&](const Body& x, const Body& y) {
-    for (const auto& pair : sc["ignored_pairs"]) {
-      const auto p = pair.as<std::vector<std::string>>();
-      if ((p[0] == x.name && p[1] == y.name) || (p[0] == y.name && p[1] == x.name)) {
-        return true;
-      }
-    }
-    return false;
-  };
+  std::set<std::pair<std::string, std::string>> ignored;
+  for (const auto& pair : sc["ignored_pairs"]) {
+    const auto p = pair.as<std::vector<std::string>>();
+    ignored.insert({{p[0], p[1]}, {p[1], p[0]}});
+  }
   // Capsule x against capsule or box y (a box is axis-aligned in its link frame), by dense
   // sampling of x's segment.
   const auto clearance = [&](const Pose& pose, const Body& x, const Body& y) {
@@ -384,7 +373,7 @@ TEST_F(OspreyArm, SelfCollisionBodiesFitTheLinks) {
         const Body& y = bodies[i].box ? bodies[i] : bodies[k];
         const double c = clearance(pose, x, y);
         const std::string pair = x.name + " vs " + y.name + " posture " + std::to_string(w);
-        if (!ignored(x, y)) {
+        if (!ignored.count({x.name, y.name})) {
           EXPECT_GT(c, w == 0 ? warn : stop) << pair;
         } else if (w == 0) {
           // Ignoring is only for bodies that touch by construction.
