@@ -12,12 +12,8 @@
 #include "support/refusal.hpp"
 
 namespace fs = std::filesystem;
-using kestrel::algorithms::read_double_sequence;
-using kestrel::algorithms::read_logging_bool;
-using kestrel::testing::ConfigSandbox;
-using kestrel::testing::refusal_of;
-using kestrel::testing::RunOptions;
-using kestrel::testing::TempDir;
+using namespace kestrel::algorithms;
+using namespace kestrel::testing;
 using ::testing::StartsWith;
 
 namespace {
@@ -50,7 +46,6 @@ KESTREL_CONFIG_SCENARIO(print_resolved_paths) {
 
 // Reads both switches, flips them in the file, reads again: the cached values must not move.
 KESTREL_CONFIG_SCENARIO(logging_switches_read_once) {
-  using namespace kestrel::algorithms;
   std::cout << ik_diagnostics_debug_enabled() << motion_planning_debug_enabled();
   std::ofstream(resolve_robot_kinematics_config_path(), std::ios::trunc)
       << "logging: {ik_diagnostics: false, motion_planning_debug: true}\n";
@@ -60,7 +55,6 @@ KESTREL_CONFIG_SCENARIO(logging_switches_read_once) {
 
 // A failed first read throws and leaves the switch unread; the next call reads the file again.
 KESTREL_CONFIG_SCENARIO(logging_switch_retries_after_error) {
-  using namespace kestrel::algorithms;
   try {
     ik_diagnostics_debug_enabled();
     return 2;

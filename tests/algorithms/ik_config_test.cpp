@@ -10,13 +10,8 @@
 #include "support/config_sandbox.hpp"
 #include "support/refusal.hpp"
 
-using kestrel::algorithms::IkFallbackConfig;
-using kestrel::algorithms::IkSolverConfig;
-using kestrel::algorithms::read_ik_fallback_config;
-using kestrel::algorithms::read_ik_solver_config;
-using kestrel::testing::ConfigSandbox;
-using kestrel::testing::refusal_of;
-using kestrel::testing::TempDir;
+using namespace kestrel::algorithms;
+using namespace kestrel::testing;
 using ::testing::StartsWith;
 using Numbers = std::vector<double>;
 
@@ -44,7 +39,6 @@ constexpr const char* kSpeeds = "joint_trajectory: {max_vel_limits: [1, 2, 3, 4,
 
 // Prints the cached mode, edits the file, prints the cached and a fresh reading.
 KESTREL_CONFIG_SCENARIO(ik_solver_config_cached) {
-  using namespace kestrel::algorithms;
   std::cout << ik_solver_config().mode << ' ' << ik_fallback_config().enabled;
   std::ofstream(resolve_robot_kinematics_config_path(), std::ios::trunc)
       << "ik_solver: {mode: kdl}\nik_fallback: {enabled: false}\n";

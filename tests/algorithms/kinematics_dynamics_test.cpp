@@ -15,9 +15,7 @@
 #include "kestrel/algorithms/kinematics.hpp"
 #include "support/refusal.hpp"
 
-using kestrel::testing::refusal_of;
-using kestrel::testing::TempDir;
-using kestrel::testing::TestArm;
+using namespace kestrel::testing;
 using Vec = Eigen::VectorXd;
 
 namespace {

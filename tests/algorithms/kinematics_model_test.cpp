@@ -11,10 +11,7 @@
 #include "support/config_sandbox.hpp"
 #include "support/refusal.hpp"
 
-using kestrel::testing::ConfigSandbox;
-using kestrel::testing::refusal_of;
-using kestrel::testing::TempDir;
-using kestrel::testing::TestArm;
+using namespace kestrel::testing;
 using ::testing::StartsWith;
 
 namespace {

@@ -6,11 +6,8 @@
 #include "support/refusal.hpp"
 
 using namespace kestrel::algorithms;
-using kestrel::algorithms::detail::parse_joint_chain;
-using kestrel::algorithms::detail::parse_links;
-using kestrel::algorithms::detail::parse_origin_element;
-using kestrel::algorithms::detail::parse_xyz_attr;
-using kestrel::testing::refusal_of;
+using namespace kestrel::algorithms::detail;
+using namespace kestrel::testing;
 
 namespace {
 
@@ -80,30 +77,6 @@ TEST(UrdfReaderLinks, ReadsInertialsAndSkipsLinksWithout) {
   EXPECT_EQ(l.inertia, (std::array<double, 6>{1, 2, 3, 4, 5, 6}));
 }
 
-TEST(UrdfReaderLinks, ReportsEveryMalformedLink) {
-  const std::string mass_error = "Failed to parse mass for link 'l'";
-  const std::string inertia_error = "Failed to parse inertia matrix for link 'l'";
-  // Non-finite numbers are read as numbers by tinyxml2 (found by fuzzing).
-  const std::vector<Refusal> rows = {
-      {"no name", "<link/>", "Encountered URDF link without a name attribute"},
-      {"no mass", link(inertia()), mass_error},
-      {"text mass", link("<mass value=\"x\"/>" + inertia()), mass_error},
-      {"NaN mass", link("<mass value=\"nan\"/>" + inertia()), mass_error},
-      {"inf mass", link("<mass value=\"inf\"/>" + inertia()), mass_error},
-      {"-inf mass", link("<mass value=\"-inf\"/>" + inertia()), mass_error},
-      {"no inertia", link("<mass value=\"1\"/>"), inertia_error},
-      {"NaN inertia", link("<mass value=\"1\"/>" + inertia("nan")), inertia_error},
-      {"no izz", link("<mass value=\"1\"/>" + inertia("1", "")), inertia_error},
-      {"short origin", link("<origin xyz=\"1 2\"/><mass value=\"1\"/>" + inertia()),
-       "Failed to parse xyz/rpy vector from '1 2'"},
-  };
-  for (const auto& row : rows) {
-    Urdf doc(row.body);
-    EXPECT_EQ(refusal_of<std::runtime_error>([&] { parse_links(doc.robot()); }), row.message)
-        << row.name;
-  }
-}
-
 TEST(UrdfReaderChain, OrdersJointsFromTheRootAndReadsTheirFields) {
   // Document order is tip first; the chain must still start at the root link "a".
   Urdf doc(kLinks + joint("j2", "b", "c", "<axis xyz=\"0 0 2\"/><limit upper=\"1\"/>", "revolute") +
@@ -115,21 +88,21 @@ TEST(UrdfReaderChain, OrdersJointsFromTheRootAndReadsTheirFields) {
            "<link name=\"e\"/>" + joint("j4", "d", "e", "", "floating"));
   const std::vector<UrdfJoint> chain = parse_joint_chain(doc.robot());
   ASSERT_EQ(chain.size(), 4u);
-  EXPECT_EQ(chain[0].name, "j1");
-  EXPECT_EQ(chain[0].parent_link, "a");
-  EXPECT_EQ(chain[0].child_link, "b");
+  const auto fields = [&](size_t i) {
+    const UrdfJoint& j = chain[i];
+    return std::tuple(j.name, j.type, j.parent_link, j.child_link, j.has_limits);
+  };
+  EXPECT_EQ(fields(0), std::tuple("j1", "revolute", "a", "b", true));
+  EXPECT_EQ(fields(1), std::tuple("j2", "revolute", "b", "c", false));    // only one bound given
+  EXPECT_EQ(fields(2), std::tuple("j3", "continuous", "c", "d", false));  // never limits
+  EXPECT_EQ(fields(3), std::tuple("j4", "floating", "d", "e", false));    // types are the model's
   EXPECT_EQ(chain[0].origin_xyz, Eigen::Vector3d(1, 2, 3));
   EXPECT_EQ(chain[0].origin_rpy, Eigen::Vector3d(0.1, 0.2, 0.3));
-  EXPECT_TRUE(chain[0].has_limits);
   EXPECT_EQ(chain[0].lower, -1.0);
   EXPECT_EQ(chain[0].upper, 2.0);
-  EXPECT_EQ(chain[1].name, "j2");
   EXPECT_EQ(chain[1].origin_xyz, Eigen::Vector3d::Zero());
-  EXPECT_FALSE(chain[1].has_limits);  // only one bound given
-  EXPECT_EQ(chain[2].type, "continuous");
-  EXPECT_FALSE(chain[2].has_limits);                   // continuous joints never have limits
+  EXPECT_EQ(chain[1].axis, Eigen::Vector3d(0, 0, 1));  // normalised
   EXPECT_EQ(chain[2].axis, Eigen::Vector3d::UnitX());  // URDF's default axis
-  EXPECT_EQ(chain[3].type, "floating");                // joint types are left to the model
 }
 
 // Components beyond about 1e154 overflowed the plain norm, and the axis came out as zero
@@ -148,38 +121,60 @@ TEST(UrdfReaderChain, NormalisesAxesOfAnyMagnitude) {
   }
 }
 
-TEST(UrdfReaderChain, ReportsEveryMalformedOrNonSerialModel) {
+// Links are read by parse_links, joints (after the links a, b and c) by parse_joint_chain.
+TEST(UrdfReader, ReportsEveryMalformedDocument) {
+  const std::string mass = "Failed to parse mass for link 'l'";
+  const std::string inertia_error = "Failed to parse inertia matrix for link 'l'";
   const std::string unnamed = "Encountered URDF joint without name/type";
   const std::string unlinked = "URDF joint 'j' is missing parent/child link";
   const std::string non_finite = "URDF joint 'j' has a non-finite limit";
   const std::string no_root = "Failed to determine URDF root link";
-  const std::vector<Refusal> rows = {
-      {"no type", "<joint name=\"j\"><parent link=\"a\"/><child link=\"b\"/></joint>", unnamed},
-      {"no name", "<joint type=\"fixed\"/>", unnamed},
-      {"no child", "<joint name=\"j\" type=\"fixed\"><parent link=\"a\"/></joint>", unlinked},
-      {"empty parent", "<joint name=\"j\" type=\"fixed\"><parent/><child link=\"b\"/></joint>",
-       unlinked},
-      {"zero axis", joint("j", "a", "b", "<axis xyz=\"0 0 0\"/>"),
-       "URDF joint 'j' has zero-length axis"},
-      {"-inf lower", joint("j", "a", "b", "<limit lower=\"-inf\" upper=\"1\"/>"), non_finite},
-      {"NaN upper", joint("j", "a", "b", "<limit lower=\"0\" upper=\"nan\"/>"), non_finite},
-      {"short origin", joint("j", "a", "b", "<origin xyz=\"1 2\"/>"),
-       "Failed to parse xyz/rpy vector from '1 2'"},
-      {"branch", joint("j1", "a", "b") + joint("j2", "a", "c"),
-       "URDF is not a single serial chain at link 'a'"},
-      {"cycle", joint("j1", "a", "b") + joint("j2", "b", "c") + joint("j3", "c", "b"),
-       "Detected URDF cycle at link 'b'"},
+  const std::string short_xyz = "Failed to parse xyz/rpy vector from '1 2'";
+  const auto chain = [](const std::string& joints) { return kLinks + joints; };
+  // Non-finite numbers are read as numbers by tinyxml2 (found by fuzzing).
+  const std::vector<Refusal> links = {
+      {"no name", "<link/>", "Encountered URDF link without a name attribute"},
+      {"no mass", link(inertia()), mass},
+      {"text mass", link("<mass value=\"x\"/>" + inertia()), mass},
+      {"NaN mass", link("<mass value=\"nan\"/>" + inertia()), mass},
+      {"inf mass", link("<mass value=\"inf\"/>" + inertia()), mass},
+      {"-inf mass", link("<mass value=\"-inf\"/>" + inertia()), mass},
+      {"no inertia", link("<mass value=\"1\"/>"), inertia_error},
+      {"NaN inertia", link("<mass value=\"1\"/>" + inertia("nan")), inertia_error},
+      {"no izz", link("<mass value=\"1\"/>" + inertia("1", "")), inertia_error},
+      {"short inertial origin", link("<origin xyz=\"1 2\"/><mass value=\"1\"/>" + inertia()),
+       short_xyz},
   };
-  for (const auto& row : rows) {
-    Urdf doc(kLinks + row.body);
-    EXPECT_EQ(refusal_of<std::runtime_error>([&] { parse_joint_chain(doc.robot()); }), row.message)
-        << row.name;
-  }
-  // Every link a child, or no links at all: there is no root.
-  for (const std::string& body :
-       {"<link name=\"a\"/><link name=\"b\"/>" + joint("j1", "a", "b") + joint("j2", "b", "a"),
-        std::string()}) {
-    Urdf doc(body);
-    EXPECT_EQ(refusal_of<std::runtime_error>([&] { parse_joint_chain(doc.robot()); }), no_root);
+  const std::vector<Refusal> joints = {
+      {"no type", chain("<joint name=\"j\"><parent link=\"a\"/><child link=\"b\"/></joint>"),
+       unnamed},
+      {"no name", chain("<joint type=\"fixed\"/>"), unnamed},
+      {"no child", chain("<joint name=\"j\" type=\"fixed\"><parent link=\"a\"/></joint>"),
+       unlinked},
+      {"empty parent",
+       chain("<joint name=\"j\" type=\"fixed\"><parent/><child link=\"b\"/></joint>"), unlinked},
+      {"zero axis", chain(joint("j", "a", "b", "<axis xyz=\"0 0 0\"/>")),
+       "URDF joint 'j' has zero-length axis"},
+      {"-inf lower", chain(joint("j", "a", "b", "<limit lower=\"-inf\" upper=\"1\"/>")),
+       non_finite},
+      {"NaN upper", chain(joint("j", "a", "b", "<limit lower=\"0\" upper=\"nan\"/>")), non_finite},
+      {"short joint origin", chain(joint("j", "a", "b", "<origin xyz=\"1 2\"/>")), short_xyz},
+      {"branch", chain(joint("j1", "a", "b") + joint("j2", "a", "c")),
+       "URDF is not a single serial chain at link 'a'"},
+      {"cycle", chain(joint("j1", "a", "b") + joint("j2", "b", "c") + joint("j3", "c", "b")),
+       "Detected URDF cycle at link 'b'"},
+      {"every link a child",
+       "<link name=\"a\"/><link name=\"b\"/>" + joint("j1", "a", "b") + joint("j2", "b", "a"),
+       no_root},
+      {"no links", "", no_root},
+  };
+  for (const auto* table : {&links, &joints}) {
+    for (const auto& row : *table) {
+      Urdf doc(row.body);
+      const auto parse = [&] {
+        table == &links ? (void)parse_links(doc.robot()) : (void)parse_joint_chain(doc.robot());
+      };
+      EXPECT_EQ(refusal_of<std::runtime_error>(parse), row.message) << row.name;
+    }
   }
 }

@@ -20,12 +20,7 @@
 
 namespace {
 
-using kestrel::testing::capture_stderr;
-using kestrel::testing::ChildResult;
-using kestrel::testing::ConfigSandbox;
-using kestrel::testing::refusal_of;
-using kestrel::testing::replace_yaml_section;
-using kestrel::testing::TempDir;
+using namespace kestrel::testing;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
