@@ -37,19 +37,14 @@ constexpr const char* kSpeeds = "joint_trajectory: {max_vel_limits: [1, 2, 3, 4,
 
 }  // namespace
 
-// Prints the cached mode, edits the file, prints the cached and a fresh reading.
+// Prints the cached mode, edits the file, prints the cached and a fresh reading; or the error.
 KESTREL_CONFIG_SCENARIO(ik_solver_config_cached) {
-  std::cout << ik_solver_config().mode << ' ' << ik_fallback_config().enabled;
-  std::ofstream(resolve_robot_kinematics_config_path(), std::ios::trunc)
-      << "ik_solver: {mode: kdl}\nik_fallback: {enabled: false}\n";
-  std::cout << ' ' << ik_solver_config().mode << ' ' << ik_fallback_config().enabled << ' '
-            << read_ik_solver_config().mode << '\n';
-  return 0;
-}
-
-KESTREL_CONFIG_SCENARIO(ik_solver_config_error) {
   try {
-    kestrel::algorithms::ik_solver_config();
+    std::cout << ik_solver_config().mode << ' ' << ik_fallback_config().enabled;
+    std::ofstream(resolve_robot_kinematics_config_path(), std::ios::trunc)
+        << "ik_solver: {mode: kdl}\nik_fallback: {enabled: false}\n";
+    std::cout << ' ' << ik_solver_config().mode << ' ' << ik_fallback_config().enabled << ' '
+              << read_ik_solver_config().mode << '\n';
   } catch (const std::runtime_error& e) {
     std::cerr << e.what() << '\n';
     return 1;
@@ -165,7 +160,7 @@ TEST(IkConfigCache, ReadsOncePerProcessAndNamesTheResolvedFileOnError) {
   ASSERT_EQ(r.exit_code, 0) << r.describe();
   EXPECT_EQ(r.out, "fast 1 fast 1 kdl\n");
   box.write_config("ik_solver: {damping: lots}\n");
-  r = box.run("ik_solver_config_error");
+  r = box.run("ik_solver_config_cached");
   EXPECT_EQ(r.exit_code, 1) << r.describe();
   EXPECT_THAT(
       r.err, StartsWith("Failed to read ik_solver config at " + box.config_path().string() + ": "));

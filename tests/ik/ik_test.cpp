@@ -10,6 +10,7 @@
 
 #include <cmath>
 #include <iostream>
+#include <numeric>
 #include <random>
 
 #include "algorithms/test_arm.hpp"
@@ -57,6 +58,12 @@ std::pair<double, double> miss(const Joints& q, const Pose& pose,
           (got * want.Inverse()).GetRotAngle(axis)};
 }
 
+// `text` with its only `from` replaced by `to`.
+std::string replaced(std::string text, const std::string& from, const std::string& to) {
+  EXPECT_NE(text.find(from), std::string::npos) << from;
+  return text.replace(text.find(from), from.size(), to);
+}
+
 Joints offset(Joints q, size_t joint, double by) {
   q[joint] += by;
   return q;
@@ -78,15 +85,6 @@ Pose beyond_reach(double by) {
   t.pos[0] += by * dx / n;
   t.pos[2] += by * dz / n;
   return t;
-}
-
-TEST(SolveIk, ArgumentErrors) {
-  Joints out;
-  const auto short_target = [&] { shipped().solve_ik_kdl({0.1, 0.2}, {0, 0, 0}, kWorking, out); };
-  const auto short_seed = [&] { shipped().solve_ik_kdl({0.1, 0.2, 0.3}, {0, 0, 0}, {0, 0}, out); };
-  EXPECT_EQ(refusal_of(short_target), "solve_ik_kdl expects 3D position and 3D Euler target");
-  EXPECT_EQ(refusal_of(short_seed), "solve_ik_kdl seed size does not match KDL joint count");
-  EXPECT_TRUE(out.empty()) << "out is written only on success";
 }
 
 // With the default settings: the result, whether a fallback answered, and what is printed.
@@ -146,11 +144,8 @@ TEST(SolveIk, RoundTripsFromNearbySeedsStayOnTheBranch) {
     if (ok) {
       ++solved;
       EXPECT_LT(miss(out, target).first, 0.003);
-      double delta = 0.0;
-      for (int j = 0; j < 6; ++j) {
-        delta = std::max(delta, std::abs(out[j] - q[j]));
-      }
-      EXPECT_LT(delta, 0.2) << "a near seed finds the nearby solution";
+      const Eigen::Map<const Eigen::VectorXd> got(out.data(), 6), from(q.data(), 6);
+      EXPECT_LT((got - from).cwiseAbs().maxCoeff(), 0.2) << "a near seed finds the nearby solution";
     }
   }
   EXPECT_GE(solved, trials * 99 / 100);
@@ -338,11 +333,9 @@ TEST_F(IkConfig, PositionAdjustedResidualAnswerIsReportedAsTolerantFallback) {
 }
 
 TEST_F(IkConfig, ContinuousJointIsWrappedIntoOneTurn) {
-  std::string urdf = ConfigSandbox::shipped_urdf();
-  const std::string revolute = R"(<joint name="joint6" type="revolute">)";
-  ASSERT_NE(urdf.find(revolute), std::string::npos);
-  urdf.replace(urdf.find(revolute), revolute.size(), R"(<joint name="joint6" type="continuous">)");
-  box.write_file(box.urdf_path(), urdf);
+  box.write_file(box.urdf_path(),
+                 replaced(ConfigSandbox::shipped_urdf(), R"(<joint name="joint6" type="revolute">)",
+                          R"(<joint name="joint6" type="continuous">)"));
   const Joints q = offset(kWorking, 5, 3.5 - kWorking[5]);
   // Joint 6 turns the tool about its own axis.
   const auto r = solve("", pose_of(q), offset(q, 5, -0.05));
@@ -485,11 +478,10 @@ TEST(ClosedFormIk, UnreachablePosesHaveNoSolution) {
 // A joint whose limits allow more than one turn is taken at the turn nearest the seed.
 TEST(ClosedFormIk, MultiTurnJointsAreTakenNearestTheSeed) {
   TempDir dir;
-  std::string urdf = kestrel::testing::ConfigSandbox::shipped_urdf();
-  const std::string six = "<limit lower=\"-3\" upper=\"3\"";
-  ASSERT_NE(urdf.find(six), std::string::npos);
-  urdf.replace(urdf.find(six), six.size(), "<limit lower=\"-9\" upper=\"9\"");
-  RobotKinematics m(dir.write("arm.yaml", kestrel::testing::ConfigSandbox::shipped_config()),
+  const std::string urdf =
+      replaced(ConfigSandbox::shipped_urdf(), "<limit lower=\"-3\" upper=\"3\"",
+               "<limit lower=\"-9\" upper=\"9\"");  // joint 6's
+  RobotKinematics m(dir.write("arm.yaml", ConfigSandbox::shipped_config()),
                     dir.write("arm.urdf", urdf));
   ASSERT_TRUE(m.has_closed_form_ik());
   const Joints q = {0.2, 0.3, -0.8, 0.4, -0.9, 0.5};
@@ -547,7 +539,7 @@ TEST(GlobalIkSearch, ArmWithoutSphericalWristIsSolvedBySearch) {
   EXPECT_GE(from_far, 10) << "restarts from a far seed found too few of the poses";
 }
 
-TEST(SolveIkNearest, RefusesBadArguments) {
+TEST(SolveIk, RefusesBadArguments) {
   RobotKinematics& m = shipped();
   const double nan = std::nan("");
   const Joints seed(6, 0.0), target = {0.1, 0.2, 0.3};
@@ -569,9 +561,13 @@ TEST(SolveIkNearest, RefusesBadArguments) {
     const auto call = [&] { m.solve_ik_nearest(row.pos, {0, 0, 0}, row.seed, out, row.weights); };
     EXPECT_EQ(refusal_of(call), "solve_ik_nearest " + row.message) << row.name;
   }
-  EXPECT_TRUE(out.empty());
   const auto all = [&] { m.solve_ik_all(target, {0, 0, 0}, {0}); };
   EXPECT_EQ(refusal_of(all), "solve_ik_all seed size does not match the joint count (6)");
+  const auto kdl_target = [&] { m.solve_ik_kdl({0.1, 0.2}, {0, 0, 0}, seed, out); };
+  const auto kdl_seed = [&] { m.solve_ik_kdl(target, {0, 0, 0}, {0, 0}, out); };
+  EXPECT_EQ(refusal_of(kdl_target), "solve_ik_kdl expects 3D position and 3D Euler target");
+  EXPECT_EQ(refusal_of(kdl_seed), "solve_ik_kdl seed size does not match KDL joint count");
+  EXPECT_TRUE(out.empty()) << "out is written only on success";
 }
 
 // Weights choose between branches: the nearest is the branch with the least weighted distance,
@@ -588,19 +584,14 @@ TEST(SolveIkNearest, WeightsRankTheBranches) {
   for (const auto& weights : {Joints{1, 100, 100, 1, 1, 1}, Joints{1, 1, 1, 100, 100, 100}}) {
     Joints out;
     ASSERT_TRUE(m.solve_ik_nearest(pose.pos, pose.euler, Joints(6, 0.0), out, weights));
-    double best = 1e300;
-    Joints expected;
-    for (const auto& s : all) {
-      double d = 0.0;
-      for (size_t j = 0; j < 6; ++j) {
-        d += weights[j] * s[j] * s[j];
-      }
-      if (d < best) {
-        best = d;
-        expected = s;
-      }
-    }
-    EXPECT_LT(turn_gap(out, expected), 1e-9);
+    const auto distance = [&](const Joints& s) {  // from the zero seed
+      return std::inner_product(s.begin(), s.end(), weights.begin(), 0.0, std::plus<>(),
+                                [](double q, double w) { return w * q * q; });
+    };
+    const auto by_distance = [&](const Joints& a, const Joints& b) {
+      return distance(a) < distance(b);
+    };
+    EXPECT_LT(turn_gap(out, *std::min_element(all.begin(), all.end(), by_distance)), 1e-9);
   }
 }
 
