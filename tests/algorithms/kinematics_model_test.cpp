@@ -180,10 +180,7 @@ TEST_F(TwoLinkArm, RejectsEveryMalformedFile) {
   EXPECT_THAT(refusal(none, urdf),
               StartsWith("Failed to open kinematics config at " + none + ": "));
   EXPECT_THAT(refusal(yaml, none), StartsWith("Failed to load URDF at " + none + ": "));
-  struct UrdfRow {
-    std::string urdf, message;
-  };
-  const std::vector<UrdfRow> urdf_rows = {
+  const std::vector<std::pair<std::string, std::string>> urdf_rows = {
       {"<model/>", "URDF at " + urdf + " does not contain a <robot> root"},
       {two_link_urdf("floating"), "Unsupported URDF joint type: floating"},
       {two_link_urdf("planar"), "Unsupported URDF joint type: planar"},
@@ -193,9 +190,9 @@ TEST_F(TwoLinkArm, RejectsEveryMalformedFile) {
        "<joint name=\"y\" type=\"fixed\"><parent link=\"a\"/><child link=\"c\"/></joint></robot>",
        "URDF is not a single serial chain at link 'a'"},
   };
-  for (const auto& row : urdf_rows) {
-    dir.write("r.urdf", row.urdf);
-    EXPECT_EQ(refusal(yaml, urdf), row.message);
+  for (const auto& [text, message] : urdf_rows) {
+    dir.write("r.urdf", text);
+    EXPECT_EQ(refusal(yaml, urdf), message);
   }
 }
 

@@ -431,10 +431,6 @@ TEST(ClosedFormIk, ShippedArmHasItAndEveryRandomPostureIsAmongItsSolutions) {
 // from the posture itself the nearest is that posture.
 TEST(ClosedFormIk, SingularPosesGiveValidSolutions) {
   RobotKinematics& m = shipped();
-  struct Case {
-    const char* name;
-    Joints q;
-  };
   // Shoulder: the wrist centre on the base axis, 0.26 sin q2 + 0.25 cos(q2 + q3) = 0 (upper arm
   // 0.26 m, elbow to wrist centre 0.25 m), q3 found by Newton steps.
   Joints shoulder = {0.4, -0.3, -1.0, 0.5, -0.8, 0.2};
@@ -442,21 +438,21 @@ TEST(ClosedFormIk, SingularPosesGiveValidSolutions) {
     const double x = 0.26 * std::sin(shoulder[1]) + 0.25 * std::cos(shoulder[1] + shoulder[2]);
     shoulder[2] -= x / (-0.25 * std::sin(shoulder[1] + shoulder[2]));
   }
-  const std::vector<Case> cases = {
+  const std::vector<std::pair<const char*, Joints>> cases = {
       {"wrist axes 4 and 6 aligned", {0.3, 0.4, -0.9, 0.7, -M_PI / 2, -0.4}},
       {"elbow stretched", {-0.2, 0.5, -M_PI / 2, 0.3, -0.7, 0.1}},
       {"wrist centre over the base axis", shoulder},
       {"elbow stretched and wrist aligned", {0.1, 0.2, -M_PI / 2, 1.0, -M_PI / 2, 0.5}},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    const Pose pose = pose_of(c.q, m);
-    const auto all = m.solve_ik_all(pose.pos, pose.euler, c.q);
+  for (const auto& [name, q] : cases) {
+    SCOPED_TRACE(name);
+    const Pose pose = pose_of(q, m);
+    const auto all = m.solve_ik_all(pose.pos, pose.euler, q);
     ASSERT_FALSE(all.empty());
     expect_valid(m, all, pose);
     Joints nearest;
-    ASSERT_TRUE(m.solve_ik_nearest(pose.pos, pose.euler, c.q, nearest));
-    EXPECT_LT(turn_gap(nearest, c.q), 1e-5);
+    ASSERT_TRUE(m.solve_ik_nearest(pose.pos, pose.euler, q, nearest));
+    EXPECT_LT(turn_gap(nearest, q), 1e-5);
     // From elsewhere a member of the continuum still comes back.
     ASSERT_TRUE(m.solve_ik_nearest(pose.pos, pose.euler, Joints(6, 0.0), nearest));
   }
