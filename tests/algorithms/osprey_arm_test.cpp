@@ -33,10 +33,8 @@ std::vector<double> seq(const YAML::Node& node) {
   return node.as<std::vector<double>>();
 }
 
-Eigen::VectorXd joints(std::initializer_list<double> values) {
-  Eigen::VectorXd q(static_cast<Eigen::Index>(values.size()));
-  std::copy(values.begin(), values.end(), q.data());
-  return q;
+Eigen::VectorXd joints(std::initializer_list<double> q) {
+  return Eigen::Map<const Eigen::VectorXd>(q.begin(), static_cast<Eigen::Index>(q.size()));
 }
 
 // Joint axes as lines in the base frame, and the link frames, from the URDF joint list alone.

@@ -498,15 +498,14 @@ TEST(ClosedFormIk, MultiTurnJointsAreTakenNearestTheSeed) {
 // the global search answers from a seed near and far.
 TEST(GlobalIkSearch, ArmWithoutSphericalWristIsSolvedBySearch) {
   TempDir dir;
-  const kestrel::testing::TestArm arm;
-  const auto [yaml, urdf] = arm.write(dir);
+  const auto [yaml, urdf] = TestArm().write(dir);
   RobotKinematics m(yaml, urdf);
   EXPECT_FALSE(m.has_closed_form_ik());
-  EXPECT_EQ(m.closed_form_ik_status().rfind("axes 2 and 3 are not parallel", 0), 0u)
-      << m.closed_form_ik_status();
-  EXPECT_EQ(refusal_of<std::runtime_error>([&] {
-              m.solve_ik_all({0.3, 0, 0.3}, {0, 0, 0}, {}, Method::closed_form);
-            }),
+  EXPECT_THAT(m.closed_form_ik_status(), StartsWith("axes 2 and 3 are not parallel"));
+  const auto closed_form = [&] {
+    m.solve_ik_all({0.3, 0, 0.3}, {0, 0, 0}, {}, Method::closed_form);
+  };
+  EXPECT_EQ(refusal_of<std::runtime_error>(closed_form),
             "closed-form IK is not available for this arm: " + m.closed_form_ik_status());
   std::mt19937 rng(5);
   int from_far = 0;
@@ -523,9 +522,7 @@ TEST(GlobalIkSearch, ArmWithoutSphericalWristIsSolvedBySearch) {
     expect_valid(m, {out}, pose);
     EXPECT_LT(turn_gap(out, q), 1e-5) << "the solution on the seed's branch is the nearest";
     // The continuous joint (4) comes back at the turn nearest its seed.
-    Joints turned = near;
-    turned[3] += 4 * M_PI;
-    ASSERT_TRUE(m.solve_ik_nearest(pose.pos, pose.euler, turned, out));
+    ASSERT_TRUE(m.solve_ik_nearest(pose.pos, pose.euler, offset(near, 3, 4 * M_PI), out));
     EXPECT_NEAR(out[3], q[3] + 4 * M_PI, 1e-5);
     if (m.solve_ik_nearest(pose.pos, pose.euler, Joints(6, 0.0), out)) {
       ++from_far;
