@@ -96,6 +96,8 @@ TEST_F(TwoLinkArm, WithoutPayloadTheToolFollowsTheFlange) {
 
 TEST_F(TwoLinkArm, MountingSelectsTheGravityVector) {
   const Eigen::Vector3d up(0, 0, 9.81), left(0, -9.81, 0);
+  // Each gravity vector with the settings that select it: a "{...}" is the mounting map, anything
+  // else is taken as the lines it is.
   const std::vector<std::pair<std::vector<std::string>, Eigen::Vector3d>> rows = {
       {{"", "  mounting: {}\n", "{mode: upright}", "{mode: normal}", "{mode: 0}"}, -up},
       {{"{mode: inverted}", "{mode: upside_down}", "{mode: 1}"}, up},
