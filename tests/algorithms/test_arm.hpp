@@ -7,6 +7,7 @@
 #pragma once
 
 #include <Eigen/Geometry>
+#include <algorithm>
 #include <array>
 #include <map>
 #include <sstream>
@@ -73,11 +74,8 @@ struct TestArm {
   Eigen::Vector3d gravity{0.5, -0.3, -9.7};
 
   int movable() const {
-    int n = 0;
-    for (const auto& j : joints) {
-      n += j.type != "fixed";
-    }
-    return n;
+    return static_cast<int>(std::count_if(joints.begin(), joints.end(),
+                                          [](const TestJoint& j) { return j.type != "fixed"; }));
   }
 
   std::string urdf() const {
@@ -105,15 +103,13 @@ struct TestArm {
   std::string yaml() const {
     std::ostringstream s;
     s.precision(17);
-    const auto seq = [&](const Eigen::Vector3d& v) {
-      std::ostringstream t;
-      t.precision(17);
-      t << "[" << v.x() << ", " << v.y() << ", " << v.z() << "]";
-      return t.str();
-    };
-    s << "kinematics:\n  tool: {xyz: " << seq(tool_xyz) << ", rpy: " << seq(tool_rpy) << "}\n"
-      << "  payload: {mass: " << payload_mass << ", com: " << seq(payload_com) << "}\n"
-      << "  mounting: {mode: inverted, gravity_vector: " << seq(gravity) << "}\n";
+    const Eigen::IOFormat seq(Eigen::FullPrecision, Eigen::DontAlignCols, ", ", ", ", "", "", "[",
+                              "]");
+    s << "kinematics:\n  tool: {xyz: " << tool_xyz.transpose().format(seq)
+      << ", rpy: " << tool_rpy.transpose().format(seq) << "}\n  payload: {mass: " << payload_mass
+      << ", com: " << payload_com.transpose().format(seq)
+      << "}\n  mounting: {mode: inverted, gravity_vector: " << gravity.transpose().format(seq)
+      << "}\n";
     return s.str();
   }
 
@@ -136,11 +132,12 @@ struct TestArm {
     return frames(q).at(links.back().name) * pose(tool_xyz, tool_rpy);
   }
 
-  // Mass, world centre of mass and world inertia tensor of every body (links, then payload).
+  // Mass, world centre of mass, world inertia tensor and the orientation of the frame it is
+  // fixed in, of every body (links, then payload).
   struct Body {
     double mass;
     Eigen::Vector3d com;
-    Eigen::Matrix3d inertia;
+    Eigen::Matrix3d inertia, frame;
   };
   std::vector<Body> bodies(const Eigen::VectorXd& q) const {
     const auto F = frames(q);
@@ -151,9 +148,10 @@ struct TestArm {
       const auto& i = l.inertia;
       I << i[0], i[1], i[2], i[1], i[3], i[4], i[2], i[4], i[5];
       const Eigen::Matrix3d R = T.linear() * rpy_matrix(l.com_rpy);
-      out.push_back({l.mass, T * l.com, R * I * R.transpose()});
+      out.push_back({l.mass, T * l.com, R * I * R.transpose(), T.linear()});
     }
-    out.push_back({payload_mass, F.at(links.back().name) * payload_com, Eigen::Matrix3d::Zero()});
+    const Eigen::Isometry3d& T = F.at(links.back().name);
+    out.push_back({payload_mass, T * payload_com, Eigen::Matrix3d::Zero(), T.linear()});
     return out;
   }
 
@@ -169,17 +167,12 @@ struct TestArm {
   // Kinetic energy at q moving with dq, from finite differences of the body poses.
   double kinetic(const Eigen::VectorXd& q, const Eigen::VectorXd& dq) const {
     const double h = 1e-6;
-    const auto ahead = frames(q + h * dq);
-    const auto behind = frames(q - h * dq);
-    const auto now = bodies(q);
-    const auto b_ahead = bodies(q + h * dq);
-    const auto b_behind = bodies(q - h * dq);
+    const auto now = bodies(q), ahead = bodies(q + h * dq), behind = bodies(q - h * dq);
     double t = 0.0;
     for (std::size_t i = 0; i < now.size(); ++i) {
-      const Eigen::Vector3d v = (b_ahead[i].com - b_behind[i].com) / (2 * h);
-      const std::string& frame_name = i < links.size() ? links[i].name : links.back().name;
-      const Eigen::Matrix3d W = (ahead.at(frame_name).linear() - behind.at(frame_name).linear()) /
-                                (2 * h) * frames(q).at(frame_name).linear().transpose();
+      const Eigen::Vector3d v = (ahead[i].com - behind[i].com) / (2 * h);
+      const Eigen::Matrix3d W =
+          (ahead[i].frame - behind[i].frame) / (2 * h) * now[i].frame.transpose();
       const Eigen::Vector3d w(W(2, 1), W(0, 2), W(1, 0));
       t += 0.5 * now[i].mass * v.squaredNorm() + 0.5 * w.dot(now[i].inertia * w);
     }

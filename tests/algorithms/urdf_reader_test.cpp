@@ -2,15 +2,12 @@
 #include <gtest/gtest.h>
 #include <tinyxml2.h>
 
-#include <functional>
-
 #include "kestrel/algorithms/urdf_reader.hpp"
+#include "support/refusal.hpp"
 
 using namespace kestrel::algorithms;
-using kestrel::algorithms::detail::parse_joint_chain;
-using kestrel::algorithms::detail::parse_links;
-using kestrel::algorithms::detail::parse_origin_element;
-using kestrel::algorithms::detail::parse_xyz_attr;
+using namespace kestrel::algorithms::detail;
+using namespace kestrel::testing;
 
 namespace {
 
@@ -24,15 +21,6 @@ struct Urdf {
   tinyxml2::XMLDocument doc;
 };
 
-std::string error_of(const std::function<void()>& action) {
-  try {
-    action();
-  } catch (const std::runtime_error& e) {
-    return e.what();
-  }
-  return "<no exception>";
-}
-
 std::string joint(const std::string& name, const std::string& parent, const std::string& child,
                   const std::string& extra = "", const std::string& type = "revolute") {
   return "<joint name=\"" + name + "\" type=\"" + type + "\"><parent link=\"" + parent +
@@ -41,15 +29,30 @@ std::string joint(const std::string& name, const std::string& parent, const std:
 
 const std::string kLinks = "<link name=\"a\"/><link name=\"b\"/><link name=\"c\"/>";
 
+// A link with an inertial made of `inner`.
+std::string link(const std::string& inner) {
+  return "<link name=\"l\"><inertial>" + inner + "</inertial></link>";
+}
+
+std::string inertia(const std::string& ixx = "1", const std::string& izz = " izz=\"1\"") {
+  return "<inertia ixx=\"" + ixx + "\" ixy=\"0\" ixz=\"0\" iyy=\"1\" iyz=\"0\"" + izz + "/>";
+}
+
+struct Refusal {
+  const char* name;
+  std::string body;
+  std::string message;
+};
+
 }  // namespace
 
 TEST(UrdfReaderVectors, ParsesThreeNumbersOrNamesTheText) {
   EXPECT_EQ(parse_xyz_attr(nullptr), Eigen::Vector3d::Zero());
   EXPECT_EQ(parse_xyz_attr(" 1 -2.5\t3e-1 trailing"), Eigen::Vector3d(1, -2.5, 0.3));
-  EXPECT_EQ(error_of([] { parse_xyz_attr("1 2"); }), "Failed to parse xyz/rpy vector from '1 2'");
-  EXPECT_EQ(error_of([] { parse_xyz_attr("a b c"); }),
-            "Failed to parse xyz/rpy vector from 'a b c'");
-
+  for (const std::string text : {"1 2", "a b c"}) {
+    EXPECT_EQ(refusal_of<std::runtime_error>([&] { parse_xyz_attr(text.c_str()); }),
+              "Failed to parse xyz/rpy vector from '" + text + "'");
+  }
   Urdf doc("<origin xyz=\"1 2 3\"/>");
   Eigen::Vector3d xyz(9, 9, 9);
   Eigen::Vector3d rpy(9, 9, 9);
@@ -74,39 +77,6 @@ TEST(UrdfReaderLinks, ReadsInertialsAndSkipsLinksWithout) {
   EXPECT_EQ(l.inertia, (std::array<double, 6>{1, 2, 3, 4, 5, 6}));
 }
 
-TEST(UrdfReaderLinks, ReportsEveryMalformedLink) {
-  const auto error_for = [](const std::string& body) {
-    Urdf doc(body);
-    return error_of([&] { parse_links(doc.robot()); });
-  };
-  const std::string inertia =
-      "<inertia ixx=\"1\" ixy=\"0\" ixz=\"0\" iyy=\"1\" iyz=\"0\" izz=\"1\"/>";
-  EXPECT_EQ(error_for("<link/>"), "Encountered URDF link without a name attribute");
-  EXPECT_EQ(error_for("<link name=\"l\"><inertial>" + inertia + "</inertial></link>"),
-            "Failed to parse mass for link 'l'");
-  EXPECT_EQ(
-      error_for("<link name=\"l\"><inertial><mass value=\"x\"/>" + inertia + "</inertial></link>"),
-      "Failed to parse mass for link 'l'");
-  EXPECT_EQ(error_for("<link name=\"l\"><inertial><mass value=\"1\"/></inertial></link>"),
-            "Failed to parse inertia matrix for link 'l'");
-  // Non-finite numbers, which tinyxml2 reads as numbers (found by fuzzing).
-  for (const char* mass : {"nan", "inf", "-inf"}) {
-    EXPECT_EQ(error_for("<link name=\"l\"><inertial><mass value=\"" + std::string(mass) + "\"/>" +
-                        inertia + "</inertial></link>"),
-              "Failed to parse mass for link 'l'")
-        << mass;
-  }
-  EXPECT_EQ(error_for("<link name=\"l\"><inertial><mass value=\"1\"/><inertia ixx=\"nan\" "
-                      "ixy=\"0\" ixz=\"0\" iyy=\"1\" iyz=\"0\" izz=\"1\"/></inertial></link>"),
-            "Failed to parse inertia matrix for link 'l'");
-  EXPECT_EQ(error_for("<link name=\"l\"><inertial><mass value=\"1\"/><inertia ixx=\"1\" ixy=\"0\""
-                      " ixz=\"0\" iyy=\"1\" iyz=\"0\"/></inertial></link>"),
-            "Failed to parse inertia matrix for link 'l'");
-  EXPECT_EQ(error_for("<link name=\"l\"><inertial><origin xyz=\"1 2\"/><mass value=\"1\"/>" +
-                      inertia + "</inertial></link>"),
-            "Failed to parse xyz/rpy vector from '1 2'");
-}
-
 TEST(UrdfReaderChain, OrdersJointsFromTheRootAndReadsTheirFields) {
   // Document order is tip first; the chain must still start at the root link "a".
   Urdf doc(kLinks + joint("j2", "b", "c", "<axis xyz=\"0 0 2\"/><limit upper=\"1\"/>", "revolute") +
@@ -114,23 +84,24 @@ TEST(UrdfReaderChain, OrdersJointsFromTheRootAndReadsTheirFields) {
                  "<origin xyz=\"1 2 3\" rpy=\"0.1 0.2 0.3\"/><axis xyz=\"0 1 0\"/>"
                  "<limit lower=\"-1\" upper=\"2\"/>") +
            "<link name=\"d\"/>" +
-           joint("j3", "c", "d", "<limit lower=\"-1\" upper=\"1\"/>", "continuous"));
+           joint("j3", "c", "d", "<limit lower=\"-1\" upper=\"1\"/>", "continuous") +
+           "<link name=\"e\"/>" + joint("j4", "d", "e", "", "floating"));
   const std::vector<UrdfJoint> chain = parse_joint_chain(doc.robot());
-  ASSERT_EQ(chain.size(), 3u);
-  EXPECT_EQ(chain[0].name, "j1");
-  EXPECT_EQ(chain[0].parent_link, "a");
-  EXPECT_EQ(chain[0].child_link, "b");
+  ASSERT_EQ(chain.size(), 4u);
+  const auto fields = [&](size_t i) {
+    const UrdfJoint& j = chain[i];
+    return std::tuple(j.name, j.type, j.parent_link, j.child_link, j.has_limits);
+  };
+  EXPECT_EQ(fields(0), std::tuple("j1", "revolute", "a", "b", true));
+  EXPECT_EQ(fields(1), std::tuple("j2", "revolute", "b", "c", false));    // only one bound given
+  EXPECT_EQ(fields(2), std::tuple("j3", "continuous", "c", "d", false));  // never limits
+  EXPECT_EQ(fields(3), std::tuple("j4", "floating", "d", "e", false));    // types are the model's
   EXPECT_EQ(chain[0].origin_xyz, Eigen::Vector3d(1, 2, 3));
   EXPECT_EQ(chain[0].origin_rpy, Eigen::Vector3d(0.1, 0.2, 0.3));
-  EXPECT_TRUE(chain[0].has_limits);
   EXPECT_EQ(chain[0].lower, -1.0);
   EXPECT_EQ(chain[0].upper, 2.0);
-  EXPECT_EQ(chain[1].name, "j2");
-  EXPECT_EQ(chain[1].axis, Eigen::Vector3d(0, 0, 1));  // normalised
   EXPECT_EQ(chain[1].origin_xyz, Eigen::Vector3d::Zero());
-  EXPECT_FALSE(chain[1].has_limits);  // only one bound given
-  EXPECT_EQ(chain[2].type, "continuous");
-  EXPECT_FALSE(chain[2].has_limits);                   // continuous joints never have limits
+  EXPECT_EQ(chain[1].axis, Eigen::Vector3d(0, 0, 1));  // normalised
   EXPECT_EQ(chain[2].axis, Eigen::Vector3d::UnitX());  // URDF's default axis
 }
 
@@ -150,41 +121,60 @@ TEST(UrdfReaderChain, NormalisesAxesOfAnyMagnitude) {
   }
 }
 
-TEST(UrdfReaderChain, ReportsEveryMalformedOrNonSerialModel) {
-  const auto error_for = [](const std::string& body) {
-    Urdf doc(body);
-    return error_of([&] { parse_joint_chain(doc.robot()); });
+// Links are read by parse_links, joints (after the links a, b and c) by parse_joint_chain.
+TEST(UrdfReader, ReportsEveryMalformedDocument) {
+  const std::string mass = "Failed to parse mass for link 'l'";
+  const std::string inertia_error = "Failed to parse inertia matrix for link 'l'";
+  const std::string unnamed = "Encountered URDF joint without name/type";
+  const std::string unlinked = "URDF joint 'j' is missing parent/child link";
+  const std::string non_finite = "URDF joint 'j' has a non-finite limit";
+  const std::string no_root = "Failed to determine URDF root link";
+  const std::string short_xyz = "Failed to parse xyz/rpy vector from '1 2'";
+  const auto chain = [](const std::string& joints) { return kLinks + joints; };
+  // Non-finite numbers are read as numbers by tinyxml2 (found by fuzzing).
+  const std::vector<Refusal> links = {
+      {"no name", "<link/>", "Encountered URDF link without a name attribute"},
+      {"no mass", link(inertia()), mass},
+      {"text mass", link("<mass value=\"x\"/>" + inertia()), mass},
+      {"NaN mass", link("<mass value=\"nan\"/>" + inertia()), mass},
+      {"inf mass", link("<mass value=\"inf\"/>" + inertia()), mass},
+      {"-inf mass", link("<mass value=\"-inf\"/>" + inertia()), mass},
+      {"no inertia", link("<mass value=\"1\"/>"), inertia_error},
+      {"NaN inertia", link("<mass value=\"1\"/>" + inertia("nan")), inertia_error},
+      {"no izz", link("<mass value=\"1\"/>" + inertia("1", "")), inertia_error},
+      {"short inertial origin", link("<origin xyz=\"1 2\"/><mass value=\"1\"/>" + inertia()),
+       short_xyz},
   };
-  EXPECT_EQ(error_for(kLinks + "<joint name=\"j\"><parent link=\"a\"/><child link=\"b\"/></joint>"),
-            "Encountered URDF joint without name/type");
-  EXPECT_EQ(error_for(kLinks + "<joint type=\"fixed\"/>"),
-            "Encountered URDF joint without name/type");
-  EXPECT_EQ(error_for(kLinks + "<joint name=\"j\" type=\"fixed\"><parent link=\"a\"/></joint>"),
-            "URDF joint 'j' is missing parent/child link");
-  EXPECT_EQ(
-      error_for(kLinks + "<joint name=\"j\" type=\"fixed\"><parent/><child link=\"b\"/></joint>"),
-      "URDF joint 'j' is missing parent/child link");
-  EXPECT_EQ(error_for(kLinks + joint("j", "a", "b", "<axis xyz=\"0 0 0\"/>")),
-            "URDF joint 'j' has zero-length axis");
-  EXPECT_EQ(error_for(kLinks + joint("j", "a", "b", "<limit lower=\"-inf\" upper=\"1\"/>")),
-            "URDF joint 'j' has a non-finite limit");
-  EXPECT_EQ(error_for(kLinks + joint("j", "a", "b", "<limit lower=\"0\" upper=\"nan\"/>")),
-            "URDF joint 'j' has a non-finite limit");
-  EXPECT_EQ(error_for(kLinks + joint("j", "a", "b", "<origin xyz=\"1 2\"/>")),
-            "Failed to parse xyz/rpy vector from '1 2'");
-  EXPECT_EQ(error_for(kLinks + joint("j1", "a", "b") + joint("j2", "a", "c")),
-            "URDF is not a single serial chain at link 'a'");
-  EXPECT_EQ(
-      error_for(kLinks + joint("j1", "a", "b") + joint("j2", "b", "c") + joint("j3", "c", "b")),
-      "Detected URDF cycle at link 'b'");
-  EXPECT_EQ(error_for("<link name=\"a\"/><link name=\"b\"/>" + joint("j1", "a", "b") +
-                      joint("j2", "b", "a")),
-            "Failed to determine URDF root link");
-  EXPECT_EQ(error_for(""), "Failed to determine URDF root link");
-}
-
-TEST(UrdfReaderChain, LeavesJointTypesToTheModel) {
-  Urdf doc(kLinks + joint("j", "a", "b", "", "floating"));
-  ASSERT_EQ(parse_joint_chain(doc.robot()).size(), 1u);
-  EXPECT_EQ(parse_joint_chain(doc.robot())[0].type, "floating");
+  const std::vector<Refusal> joints = {
+      {"no type", chain("<joint name=\"j\"><parent link=\"a\"/><child link=\"b\"/></joint>"),
+       unnamed},
+      {"no name", chain("<joint type=\"fixed\"/>"), unnamed},
+      {"no child", chain("<joint name=\"j\" type=\"fixed\"><parent link=\"a\"/></joint>"),
+       unlinked},
+      {"empty parent",
+       chain("<joint name=\"j\" type=\"fixed\"><parent/><child link=\"b\"/></joint>"), unlinked},
+      {"zero axis", chain(joint("j", "a", "b", "<axis xyz=\"0 0 0\"/>")),
+       "URDF joint 'j' has zero-length axis"},
+      {"-inf lower", chain(joint("j", "a", "b", "<limit lower=\"-inf\" upper=\"1\"/>")),
+       non_finite},
+      {"NaN upper", chain(joint("j", "a", "b", "<limit lower=\"0\" upper=\"nan\"/>")), non_finite},
+      {"short joint origin", chain(joint("j", "a", "b", "<origin xyz=\"1 2\"/>")), short_xyz},
+      {"branch", chain(joint("j1", "a", "b") + joint("j2", "a", "c")),
+       "URDF is not a single serial chain at link 'a'"},
+      {"cycle", chain(joint("j1", "a", "b") + joint("j2", "b", "c") + joint("j3", "c", "b")),
+       "Detected URDF cycle at link 'b'"},
+      {"every link a child",
+       "<link name=\"a\"/><link name=\"b\"/>" + joint("j1", "a", "b") + joint("j2", "b", "a"),
+       no_root},
+      {"no links", "", no_root},
+  };
+  for (const auto* table : {&links, &joints}) {
+    for (const auto& row : *table) {
+      Urdf doc(row.body);
+      const auto parse = [&] {
+        table == &links ? (void)parse_links(doc.robot()) : (void)parse_joint_chain(doc.robot());
+      };
+      EXPECT_EQ(refusal_of<std::runtime_error>(parse), row.message) << row.name;
+    }
+  }
 }
