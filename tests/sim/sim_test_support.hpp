@@ -98,7 +98,7 @@ inline std::string receive(int socket, int timeout_ms = 500) {
   }
   Frame r = Frame::classic(f.can_id, {});
   r.fd = n == CANFD_MTU;
-  r.flags = r.fd ? f.flags : 0;
+  r.flags = r.fd ? f.flags & (CANFD_BRS | CANFD_ESI) : 0;  // CANFD_FDF only marks FD
   r.len = f.len;
   std::memcpy(r.data.data(), f.data, f.len);
   return text(r);
