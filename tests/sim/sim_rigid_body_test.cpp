@@ -8,90 +8,75 @@
 #include <cmath>
 
 #include "kestrel/algorithms/kinematics.hpp"
-#include "kestrel/arm/gripper_component.hpp"
 #include "kestrel/controller/controller_config.hpp"
 #include "kestrel_sim/dm_protocol.hpp"
 #include "kestrel_sim/motor_simulation.hpp"
+#include "sim_test_support.hpp"
 
 namespace kestrel::sim {
 namespace {
 
 using Joints = std::array<double, 6>;
+using test::kEnable;
 
 const RobotKinematics& model() {
   static const RobotKinematics m;
   return m;
 }
 
-// The seven motors of the arm on the rigid-body plant, stepped by hand.
-class Arm {
- public:
-  explicit Arm(RigidBodyArmOptions options = {}) {
-    auto plant = RigidBodyArmPlant::from_shipped_configuration(options);
-    plant_ = plant.get();
-    sim_ = std::make_unique<MotorSimulation>(arm_motor_configs(), std::move(plant));
-  }
-
-  RigidBodyArmPlant& plant() { return *plant_; }
-  MotorSimulation& sim() { return *sim_; }
+// The seven motors of the arm on the rigid-body plant, in simulated time.
+struct Arm : test::Harness {
+  explicit Arm(const RigidBodyArmOptions& options = {})
+      : Arm(RigidBodyArmPlant::from_shipped_configuration(options).release()) {}
+  explicit Arm(RigidBodyArmPlant* p)
+      : Harness(arm_motor_configs(), std::unique_ptr<Plant>(p)), plant(*p) {}
 
   void enable() {
     for (uint32_t id = 1; id <= 7; ++id) {
-      sim_->handle_frame(Frame::classic(id, {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFC}),
-                         now_);
+      send(id, kEnable);
     }
   }
-
   // One MIT frame per motor, in motor coordinates (gripper: index 6).
   void command(size_t motor, const dm::MitCommand& c) {
-    const auto limits = dm::limits_of_type(arm_motor_configs()[motor].type);
-    sim_->handle_frame(Frame::classic(static_cast<uint32_t>(motor + 1), dm::encode_mit(c, limits)),
-                       now_);
+    send(static_cast<uint32_t>(motor + 1), dm::encode_mit(c, sim.motor(motor).limits()));
   }
 
-  void run(double seconds) {
-    const int steps = static_cast<int>(std::lround(seconds / 0.001));
-    for (int i = 0; i < steps; ++i) {
-      now_ += std::chrono::milliseconds(1);
-      sim_->advance(0.001, now_);
-    }
-  }
-
- private:
-  RigidBodyArmPlant* plant_ = nullptr;
-  std::unique_ptr<MotorSimulation> sim_;
-  TimePoint now_{};
+  RigidBodyArmPlant& plant;
 };
 
-TEST(RigidBodyArm, RestsWhereItWasPutUntilDriven) {
+TEST(RigidBodyArm, RestsWhereItWasPutUntilDrivenAndTheMotorTorqueSaturates) {
   RigidBodyArmOptions options;
   options.start_posture = {0.2, 0.3, -0.5, 0.1, -0.4, 0.0};
   Arm arm(options);
   arm.run(1.0);
-  EXPECT_TRUE(arm.plant().supported());
-  EXPECT_EQ(arm.plant().joint_positions(), options.start_posture);
+  EXPECT_TRUE(arm.plant.supported());
+  EXPECT_EQ(arm.plant.joint_positions(), options.start_posture);
   // Motor coordinates: joint x sign.
-  const auto signs = arm.plant().motor_signs();
-  EXPECT_DOUBLE_EQ(arm.plant().position(1), 0.3 * signs[1]);
+  EXPECT_DOUBLE_EQ(arm.plant.position(1), 0.3 * arm.plant.motor_signs()[1]);
+  // Joint 4 (10 N·m motor) asked for far more than it can give.
+  arm.enable();
+  arm.command(3, {0.0, 0.0, 0.0, 0.0, 50.0});
+  arm.run(0.002);
+  EXPECT_NEAR(arm.sim.state(3).torque, 10.0, 1e-9);
 }
 
 TEST(RigidBodyArm, UnpoweredArmFallsOntoItsStopsAndComesToRest) {
   RigidBodyArmOptions options;
   options.start_posture = {0.0, 0.2, -0.3, 0.0, -0.5, 0.0};
   Arm arm(options);
-  arm.plant().release_support();
-  double energy = arm.plant().mechanical_energy();
+  arm.plant.release_support();
+  double energy = arm.plant.mechanical_energy();
   double rise = 0.0;
   for (int i = 0; i < 400; ++i) {
     arm.run(0.01);
-    const double e = arm.plant().mechanical_energy();
+    const double e = arm.plant.mechanical_energy();
     rise = std::max(rise, e - energy);  // friction and stops only take energy out
     energy = e;
   }
   EXPECT_LT(rise, 1e-3);
-  const auto& q = arm.plant().joint_positions();
+  const auto& q = arm.plant.joint_positions();
   for (int j = 0; j < 6; ++j) {
-    EXPECT_LT(std::abs(arm.plant().joint_velocities()[j]), 0.05) << "joint " << j + 1;
+    EXPECT_LT(std::abs(arm.plant.joint_velocities()[j]), 0.05) << "joint " << j + 1;
     EXPECT_GE(q[j], model().joint_lower_limits()[j] - 1e-12);
     EXPECT_LE(q[j], model().joint_upper_limits()[j] + 1e-12);
   }
@@ -107,7 +92,7 @@ double hold_error(const Joints& posture, bool feed_forward, double hidden_payloa
   options.payload_mass = hidden_payload;
   Arm arm(options);
   const auto mit = kestrel::controller::load_mit_mode_config();
-  const auto signs = arm.plant().motor_signs();
+  const auto signs = arm.plant.motor_signs();
   const std::vector<double> q(posture.begin(), posture.end());
   const auto gravity = const_cast<RobotKinematics&>(model()).gravity_compensation_kdl(q);
   arm.enable();
@@ -120,58 +105,40 @@ double hold_error(const Joints& posture, bool feed_forward, double hidden_payloa
   }
   double worst = 0.0;
   for (int j = 0; j < 6; ++j) {
-    worst = std::max(worst, std::abs(arm.plant().joint_positions()[j] - posture[j]));
+    worst = std::max(worst, std::abs(arm.plant.joint_positions()[j] - posture[j]));
   }
   return worst;
 }
 
-TEST(RigidBodyArm, GravityFeedForwardHoldsThePosture) {
+TEST(RigidBodyArm, GravityFeedForwardHoldsThePostureAndAHiddenPayloadMakesItSag) {
   const Joints reaching = {0.3, 0.6, -0.2, 0.0, -0.6, 0.0};
   const double without = hold_error(reaching, false);
   const double with = hold_error(reaching, true);
   EXPECT_GT(without, 0.03) << "the shipped gains alone let the arm sag";
   EXPECT_LT(with, 0.01);
   EXPECT_LT(with * 5.0, without);
-}
-
-TEST(RigidBodyArm, HiddenPayloadMakesTheArmSag) {
-  const Joints reaching = {0.0, 0.7, -0.3, 0.0, -0.5, 0.0};
-  const double known = hold_error(reaching, true);
-  const double loaded = hold_error(reaching, true, 0.5);
-  EXPECT_GT(loaded, known + 0.005);
-}
-
-TEST(RigidBodyArm, MotorTorqueSaturatesAtItsPeak) {
-  RigidBodyArmOptions options;
-  options.start_posture = {0.0, 0.0, 0.0, 0.0, 0.0, 0.0};
-  Arm arm(options);
-  arm.enable();
-  // Joint 4 (10 N·m motor) asked for far more than it can give.
-  arm.command(3, {0.0, 0.0, 0.0, 0.0, 50.0});
-  arm.run(0.002);
-  EXPECT_NEAR(arm.sim().state(3).torque, 10.0, 1e-9);
+  const Joints forward = {0.0, 0.7, -0.3, 0.0, -0.5, 0.0};
+  EXPECT_GT(hold_error(forward, true, 0.5), hold_error(forward, true) + 0.005);
 }
 
 TEST(RigidBodyArm, GripperTravelsBetweenItsStopsThroughTheLinkage) {
   Arm arm;
   arm.enable();
-  using kestrel::can::socket::GripperComponent;
-  for (double opening : {0.085, 0.03, 0.0, 0.06}) {
-    const double angle = GripperComponent::distance_to_motor_angle(opening);
+  // Motor angles of the linkage at known openings (0.085 m, 0.0425 m, 0, 0.07 m).
+  for (double angle :
+       {-1.235598154197257, -0.6822889509948515, -0.00019983474059870332, -1.0307842463707704}) {
     for (int i = 0; i < 400; ++i) {
       arm.command(6, {angle, 0.0, 8.0, 0.2, 0.0});
       arm.run(0.0025);
     }
-    EXPECT_NEAR(GripperComponent::motor_angle_to_distance(arm.plant().gripper_angle()), opening,
-                0.002)
-        << opening;
+    EXPECT_NEAR(arm.plant.gripper_angle(), angle, 0.02);
   }
   // Driven hard beyond open it stops at its end.
   for (int i = 0; i < 400; ++i) {
     arm.command(6, {-3.0, 0.0, 20.0, 0.2, 0.0});
     arm.run(0.0025);
   }
-  EXPECT_NEAR(arm.plant().gripper_angle(), -1.2365, 1e-9);
+  EXPECT_NEAR(arm.plant.gripper_angle(), -1.2365, 1e-9);
 }
 
 }  // namespace
