@@ -4,6 +4,7 @@
 #include <random>
 
 #include "kestrel/algorithms/collision_geometry.hpp"
+#include "safety/osprey_geometry.hpp"
 
 using namespace kestrel::algorithms;
 using Eigen::Vector3d;
@@ -18,13 +19,6 @@ double sampled_min(const Vector3d& a, const Vector3d& b, F distance) {
     best = std::min(best, distance(a + (b - a) * (i / 20000.0)));
   }
   return best;
-}
-
-double point_segment(const Vector3d& p, const Vector3d& a, const Vector3d& b) {
-  const double t = (b - a).squaredNorm() == 0
-                       ? 0
-                       : std::clamp((p - a).dot(b - a) / (b - a).squaredNorm(), 0.0, 1.0);
-  return (a + t * (b - a) - p).norm();
 }
 
 double point_box(const Vector3d& p, const Eigen::Isometry3d& pose, const Vector3d& half) {
@@ -62,8 +56,9 @@ TEST(SegmentDistance, ClosedFormParallelAndDegenerateCases) {
     const Vector3d p1 = i % 3 ? Vector3d(u(rng), u(rng), u(rng)) : p0 + Vector3d(0.3, 1e-7, 0);
     const Vector3d q1 = i % 3 ? Vector3d(u(rng), u(rng), u(rng)) : q0 + Vector3d(0.2, 0, 0);
     const double exact = segment_segment_distance(p0, p1, q0, q1);
-    const double brute =
-        sampled_min(p0, p1, [&](const Vector3d& p) { return point_segment(p, q0, q1); });
+    const double brute = sampled_min(p0, p1, [&](const Vector3d& p) {
+      return kestrel::testing::point_segment_distance(p, q0, q1);
+    });
     EXPECT_LE(exact, brute + 1e-6) << i;  // never more than a real pair of points
     EXPECT_NEAR(exact, brute, 1e-4) << i;
   }

@@ -6,7 +6,6 @@
 
 #include "kestrel/algorithms/trajectory_safety.hpp"
 #include "safety/osprey_geometry.hpp"
-#include "safety/safety_samples.hpp"
 
 using namespace kestrel::algorithms;
 using kestrel::testing::Posture;
@@ -90,15 +89,16 @@ TEST(SelfCollision, ConfigurationProblemsAreStops) {
   auto lost = capsule("b", "link7", {1, 0, 0}, {1, 0, 1}, 0.1);  // not a child of six joints
   auto sphere = capsule("s", "link1", {1, 0, 0}, {1, 0, 1}, 0.1);
   sphere.type = "sphere";
-  EXPECT_EQ(format_safety_result(collide(one, {a}, 0.03, 0.01)),
-            "self_collision_config_empty: self-collision is enabled but fewer than two collision "
-            "bodies are configured sample=0 joint=-1 value=0 threshold=0.01 speed_scale=0");
-  EXPECT_EQ(format_safety_result(collide(one, {a, lost}, 0.03, 0.01)),
-            "self_collision_unknown_link: unknown self-collision body link: link7 sample=0 "
-            "joint=-1 value=0 threshold=0.01 speed_scale=0");
-  EXPECT_EQ(format_safety_result(collide(one, {a, sphere}, 0.03, 0.01)),
-            "self_collision_unsupported_body_type: unsupported self-collision body type sample=0 "
-            "joint=-1 value=0 threshold=0.01 speed_scale=0");
+  const std::string where = " sample=0 joint=-1 value=0 threshold=0.01 speed_scale=0";
+  const std::pair<std::vector<SelfCollisionConfig::Body>, std::string> cases[] = {
+      {{a},
+       "self_collision_config_empty: self-collision is enabled but fewer than two collision "
+       "bodies are configured"},
+      {{a, lost}, "self_collision_unknown_link: unknown self-collision body link: link7"},
+      {{a, sphere}, "self_collision_unsupported_body_type: unsupported self-collision body type"}};
+  for (const auto& [bodies, text] : cases) {
+    EXPECT_EQ(format_safety_result(collide(one, bodies, 0.03, 0.01)), text + where);
+  }
   EXPECT_EQ(collide(one, {a, lost}, 0.03, 0.01, {{"b", "a"}}).level, SafetyLevel::ok);
   EXPECT_EQ(format_safety_result(collide({}, {a}, 0.03, 0.01)), kDefaultText);
   EXPECT_EQ(check_self_collision(shipped_model(), one, {false, 0.03, 0.01, {}, {a}}).level,
@@ -192,14 +192,14 @@ TEST(CombineSafetyResults, StopWinsThenTheSlowestEarliestWarning) {
       {SafetyResult{}, result(SafetyLevel::warning, "w1", 0.5),
        result(SafetyLevel::warning, "w2", 0.5), stop, result(SafetyLevel::stop, "later", 0.0)});
   EXPECT_EQ(format_safety_result(merged), format_safety_result(stop));  // whole, unchanged
-  EXPECT_EQ(combine_safety_results(
-                {result(SafetyLevel::warning, "w7", 0.7), result(SafetyLevel::warning, "w5", 0.5)})
-                .code,
-            "w5");
-  EXPECT_EQ(combine_safety_results({result(SafetyLevel::warning, "first", 0.5),
-                                    result(SafetyLevel::warning, "second", 0.5)})
-                .code,
-            "first");
+  const auto code = [](double first, double second) {
+    return combine_safety_results({result(SafetyLevel::warning, "first", first),
+                                   result(SafetyLevel::warning, "second", second)})
+        .code;
+  };
+  EXPECT_EQ(code(0.7, 0.5), "second");
+  EXPECT_EQ(code(0.5, 0.7), "first");
+  EXPECT_EQ(code(0.5, 0.5), "first");
 }
 
 TEST(FormatSafetyResult, SixSignificantDigitsAndFullSampleIndex) {

@@ -3,14 +3,12 @@
 // forearm folded onto the base is stopped, and motions between working postures run unhindered.
 #include <gtest/gtest.h>
 
-#include <iostream>
 #include <random>
 #include <set>
 
 #include "kestrel/algorithms/config_paths.hpp"
 #include "kestrel/algorithms/singularity.hpp"
 #include "safety/osprey_geometry.hpp"
-#include "safety/safety_samples.hpp"
 
 using namespace kestrel::algorithms;
 using namespace kestrel::testing;
@@ -125,50 +123,35 @@ TEST(ShippedSelfCollision, BodiesCoverEveryVisualSolidAtEveryPosture) {
   }
 }
 
+// Contacts between neighbours are the joint limits' to prevent (and their solids meet at the
+// joint by design); they are not judged here.
 TEST(ShippedSelfCollision, EveryContactBetweenLinksThatAreNotNeighboursIsStopped) {
-  // Neighbours' solids that already touch in the zero pose meet at their joint by design (a
-  // motor on the joint axis and the part it drives); they are not contacts.
-  const auto zero = link_frames(shipped_model().urdf_joints(), {});
-  std::vector<std::pair<std::size_t, std::size_t>> far, near;
+  std::vector<std::pair<std::size_t, std::size_t>> far;
   for (std::size_t a = 0; a < solids().size(); ++a) {
     for (std::size_t b = a + 1; b < solids().size(); ++b) {
-      const int apart = std::abs(link_index(solids()[a].link) - link_index(solids()[b].link));
-      if (apart >= 2) {
+      if (std::abs(link_index(solids()[a].link) - link_index(solids()[b].link)) >= 2) {
         far.emplace_back(a, b);
-      } else if (apart == 1 && !solids_touch(a, b, zero)) {
-        near.emplace_back(a, b);
       }
     }
   }
-  int far_contacts = 0, near_contacts = 0, near_stopped = 0, stopped_without_contact = 0;
-  const auto postures = sampled_postures(500, 7);
-  for (const Posture& q : postures) {
+  int contacts = 0;
+  for (const Posture& q : sampled_postures(500, 7)) {
     const auto F = link_frames(shipped_model().urdf_joints(), q);
-    const auto touching = [&](const auto& pairs) {
-      return std::find_if(pairs.begin(), pairs.end(),
-                          [&](const auto& p) { return solids_touch(p.first, p.second, F); });
-    };
-    const bool stopped =
-        check_self_collision(shipped_model(), samples_of({q}), shipped_config().self_collision)
-            .level == SafetyLevel::stop;
-    if (const auto hit = touching(far); hit != far.end()) {
-      ++far_contacts;
-      EXPECT_TRUE(stopped) << solids()[hit->first].describe() << " and "
-                           << solids()[hit->second].describe() << " touch at q = " << q[0] << ' '
-                           << q[1] << ' ' << q[2] << ' ' << q[3] << ' ' << q[4] << ' ' << q[5];
-    } else if (touching(near) != near.end()) {
-      ++near_contacts;
-      near_stopped += stopped;
-    } else {
-      stopped_without_contact += stopped;
+    for (const auto& [a, b] : far) {
+      if (solids_touch(a, b, F)) {
+        ++contacts;
+        EXPECT_EQ(
+            check_self_collision(shipped_model(), samples_of({q}), shipped_config().self_collision)
+                .level,
+            SafetyLevel::stop)
+            << solids()[a].describe() << " and " << solids()[b].describe()
+            << " touch at q = " << q[0] << ' ' << q[1] << ' ' << q[2] << ' ' << q[3] << ' ' << q[4]
+            << ' ' << q[5];
+        break;
+      }
     }
   }
-  // Contacts between neighbours are the joint limits' to prevent; they are counted, not required.
-  std::cout << "[shipped bodies] " << postures.size() << " postures: " << far_contacts
-            << " with contact between links two or more joints apart (all stopped), "
-            << near_contacts << " with contact between neighbouring links only (" << near_stopped
-            << " stopped), " << stopped_without_contact << " stopped without any contact\n";
-  EXPECT_GE(far_contacts, 30);  // the sampling does reach contacts
+  EXPECT_GE(contacts, 30);  // the sampling does reach contacts
 }
 
 TEST(ShippedSelfCollision, MotionsBetweenWorkingPosturesRunUnhindered) {
@@ -209,5 +192,4 @@ TEST(ShippedSelfCollision, FoldingTheForearmOntoTheBaseIsStopped) {
       check_self_collision(shipped_model(), straight_move(kWorking[1].second, folded, 100), config);
   EXPECT_EQ(r.level, SafetyLevel::stop);
   EXPECT_LT(r.sample, 100u);  // on the way there, before the contact posture
-  std::cout << "[shipped bodies] folding onto the base: " << format_safety_result(r) << '\n';
 }

@@ -9,7 +9,6 @@
 #include "algorithms/test_files.hpp"
 #include "kestrel/algorithms/singularity.hpp"
 #include "safety/osprey_geometry.hpp"
-#include "safety/safety_samples.hpp"
 
 using namespace kestrel::algorithms;
 using kestrel::testing::Posture;
@@ -40,11 +39,7 @@ Posture with(Posture q, int joint, double value, int joint2 = -1, double value2 
 }
 
 SafetyResult assess(const std::vector<Posture>& postures, const SingularityProtectionConfig& c) {
-  kestrel::testing::Samples s(postures.size());
-  for (std::size_t i = 0; i < postures.size(); ++i) {
-    s[i].position = postures[i];
-  }
-  return assess_singularity(shipped_model(), s, c);
+  return assess_singularity(shipped_model(), kestrel::testing::samples_of(postures), c);
 }
 
 bool has(const std::string& text, const std::string& part) {
@@ -202,9 +197,8 @@ TEST(Singularity, AJacobianWithoutFullRankStops) {
       dir.write("five.urdf", urdf + "</robot>"));
   SingularityProtectionConfig c = wrist_only();
   c.jacobian_stop_condition = 1e300;
-  kestrel::testing::Samples s(1);
-  s[0].position = {0.1, 0.5, -0.5, 0.2, -0.4, 0.0};
-  const SafetyResult r = assess_singularity(five, s, c);
+  const SafetyResult r =
+      assess_singularity(five, kestrel::testing::samples_of({{0.1, 0.5, -0.5, 0.2, -0.4, 0.0}}), c);
   EXPECT_EQ(r.level, SafetyLevel::stop);
   EXPECT_TRUE(has(r.message, "jacobian_sigma_min=0 jacobian_condition=inf")) << r.message;
 }
