@@ -51,42 +51,39 @@ TEST(SafetyConfig, MissingSectionsAndKeysKeepTheDefaults) {
 }
 
 // The key names are the field names.
-#define SP(field) \
-  { #field, &SingularityProtectionConfig::field }
-#define TS(field) \
-  { #field, &TrajectorySafetyConfig::field }
+// clang-format off
+#define SP(field) {#field, &SingularityProtectionConfig::field}
+#define TS(field) {#field, &TrajectorySafetyConfig::field}
+// clang-format on
 
 TEST(SafetyConfig, EveryKeyReachesItsField) {
-  TempDir dir;
   const std::pair<const char*, double SingularityProtectionConfig::*> singularity[] = {
       SP(wrist_target_abs_rad),    SP(wrist_warn_margin_rad),    SP(wrist_stop_margin_rad),
       SP(shoulder_warn_radius_m),  SP(shoulder_stop_radius_m),   SP(elbow_j3_target_rad),
       SP(elbow_j4_target_rad),     SP(elbow_warn_radius_rad),    SP(elbow_stop_radius_rad),
       SP(jacobian_warn_sigma_min), SP(jacobian_stop_sigma_min),  SP(jacobian_warn_condition),
       SP(jacobian_stop_condition), SP(jacobian_angular_scale_m), SP(yellow_min_speed_scale)};
-  for (const auto& [key, field] : singularity) {
-    const auto c = read_safety_config(dir.write(
-        "a.yaml", std::string("singularity_protection: {enabled: false, ") + key + ": 0.75}"));
-    EXPECT_EQ(c.singularity_protection.*field, 0.75) << key;
-    EXPECT_FALSE(c.singularity_protection.enabled);
-  }
   const std::pair<const char*, double TrajectorySafetyConfig::*> trajectory[] = {
-      TS(joint_limit_warn_margin_rad),
-      TS(joint_limit_stop_margin_rad),
-      TS(tracking_error_warn_rad),
-      TS(tracking_error_stop_rad),
-      TS(velocity_stop_scale),
-      TS(acceleration_stop_scale),
-      TS(jerk_stop_scale)};
-  for (const auto& [key, field] : trajectory) {
-    const auto c = read_safety_config(
-        dir.write("a.yaml", std::string("trajectory_safety: {enabled: false, ") + key + ": 2.5}"));
-    EXPECT_EQ(c.trajectory_safety.*field, 2.5) << key;
-    EXPECT_FALSE(c.trajectory_safety.enabled);
+      // clang-format off
+      TS(joint_limit_warn_margin_rad), TS(joint_limit_stop_margin_rad), TS(tracking_error_warn_rad),
+      TS(tracking_error_stop_rad), TS(velocity_stop_scale), TS(acceleration_stop_scale),
+      TS(jerk_stop_scale), TS(velocity_warn_scale), TS(acceleration_warn_scale), TS(jerk_warn_scale)};
+  // clang-format on
+  // Each key gets its own value (binary fractions, exact in the text), so a swap shows; the
+  // trajectory values leave every stop scale above every warning scale.
+  const auto value = [](std::size_t i) { return 0.5 + i / 32.0; };
+  std::string yaml = "singularity_protection: {enabled: false";
+  for (std::size_t i = 0; i < std::size(singularity); ++i) {
+    yaml += std::string(", ") + singularity[i].first + ": " + std::to_string(value(i));
   }
-  const auto c = read_safety_config(dir.write("a.yaml", R"(
-trajectory_safety: {velocity_warn_scale: 0.25, acceleration_warn_scale: 0.5, jerk_warn_scale: 0.75,
-  tracking_error_stop_cycles: 5, derivative_stop_cycles: -2}
+  yaml +=
+      "}\ntrajectory_safety: {enabled: false, tracking_error_stop_cycles: 5, "
+      "derivative_stop_cycles: -2";
+  for (std::size_t i = 0; i < std::size(trajectory); ++i) {
+    yaml += std::string(", ") + trajectory[i].first + ": " + std::to_string(2 - value(i));
+  }
+  TempDir dir;
+  const auto c = read_safety_config(dir.write("a.yaml", yaml + R"(}
 self_collision:
   enabled: true
   warn_distance_m: 0.02
@@ -97,12 +94,16 @@ self_collision:
     - {name: base, link: base_link, p0: [1, 2, 3], p1: [4, 5, 6], radius: 0.5}
     - {name: tilted, link: link2, type: box, center: [0, 0, 0], size: [1, 1, 1], rpy: [1, 2, 3]}
 )"));
-  const auto& ts = c.trajectory_safety;
-  EXPECT_EQ(ts.velocity_warn_scale, 0.25);
-  EXPECT_EQ(ts.acceleration_warn_scale, 0.5);
-  EXPECT_EQ(ts.jerk_warn_scale, 0.75);
-  EXPECT_EQ(ts.tracking_error_stop_cycles, 5);
-  EXPECT_EQ(ts.derivative_stop_cycles, -2);  // not range-checked
+  for (std::size_t i = 0; i < std::size(singularity); ++i) {
+    EXPECT_EQ(c.singularity_protection.*singularity[i].second, value(i)) << singularity[i].first;
+  }
+  for (std::size_t i = 0; i < std::size(trajectory); ++i) {
+    EXPECT_EQ(c.trajectory_safety.*trajectory[i].second, 2 - value(i)) << trajectory[i].first;
+  }
+  EXPECT_FALSE(c.singularity_protection.enabled);
+  EXPECT_FALSE(c.trajectory_safety.enabled);
+  EXPECT_EQ(c.trajectory_safety.tracking_error_stop_cycles, 5);
+  EXPECT_EQ(c.trajectory_safety.derivative_stop_cycles, -2);  // not range-checked
   const auto& sc = c.self_collision;
   EXPECT_TRUE(sc.enabled);
   EXPECT_EQ(sc.warn_distance_m, sc.stop_distance_m);  // equal distances are accepted
