@@ -14,23 +14,13 @@ namespace {
 using test::command_bytes;
 using test::frictionless;
 using test::Harness;
-using test::kEnable;
 using ::testing::MatchesRegex;
-
-Payload mit(const dm::MitCommand& c, int type) {
-  return dm::encode_mit(c, dm::limits_of_type(type));
-}
-
-Payload write_float(uint8_t id, uint8_t rid, float value) {
-  return dm::encode_param({id, dm::kParamWrite, rid, dm::float_bits(value)});
-}
 
 TEST(MitControl, PdGainsSettleEachJointAtItsTarget) {
   Harness h;
-  h.send(0x02, kEnable);
-  h.send(0x04, kEnable);
-  h.send(0x02, mit({-0.5, 0.0, 100.0, 5.0, 0.0}, 3));
-  h.send(0x04, mit({1.0, 0.0, 50.0, 1.0, 0.0}, 1));
+  h.enable({0x02, 0x04});
+  h.mit(1, {-0.5, 0.0, 100.0, 5.0, 0.0});
+  h.mit(3, {1.0, 0.0, 50.0, 1.0, 0.0});
   h.run(3.0);
   // Coulomb friction leaves at most friction / kp of error.
   EXPECT_NEAR(h.sim.state(1).q, -0.5, 0.4 / 100.0 + 1e-3);
@@ -41,8 +31,8 @@ TEST(MitControl, PdGainsSettleEachJointAtItsTarget) {
 
 TEST(MitControl, TorqueIsClampedToTheMotorLimit) {
   Harness h({frictionless(1, 1, 1.0)});
-  h.send(0x01, kEnable);
-  h.send(0x01, mit({12.0, 0.0, 500.0, 0.0, 10.0}, 1));  // asks for 6010 N·m
+  h.enable({0x01});
+  h.mit(0, {12.0, 0.0, 500.0, 0.0, 10.0});  // asks for 6010 N·m
   h.run(0.01);
   EXPECT_DOUBLE_EQ(h.sim.state(0).torque, 10.0);
   // Saturated torque is reported as 0xFFF; 10 N·m on 1 kg·m² for 10 ms gives 0.1 rad/s.
@@ -54,8 +44,8 @@ TEST(MitControl, DisabledOrUncommandedMotorsCoastAndExternalTorqueAdds) {
   Harness h({frictionless(1, 1), frictionless(1, 2), frictionless(1, 3)});
   h.sim.plant().set_state(0, 0.0, 2.0);
   h.sim.plant().set_state(1, 0.0, 2.0);
-  h.send(0x01, mit({0.0, 0.0, 100.0, 1.0, 0.0}, 1));  // disabled: ignored
-  h.send(0x02, kEnable);                              // enabled, no MIT frame yet: no torque
+  h.mit(0, {0.0, 0.0, 100.0, 1.0, 0.0});  // disabled: ignored
+  h.enable({0x02});                       // enabled, no MIT frame yet: no torque
   h.sim.set_external_torque(2, 0.1);
   h.run(1.0);
   EXPECT_NEAR(h.sim.state(0).q, 2.0, 1e-9);
@@ -66,8 +56,8 @@ TEST(MitControl, DisabledOrUncommandedMotorsCoastAndExternalTorqueAdds) {
 
   // Disabling a holding motor releases the shaft to the external torque.
   h.sim.set_external_torque(0, -0.5);
-  h.send(0x01, kEnable);
-  h.send(0x01, mit({2.0, 0.0, 200.0, 2.0, 0.0}, 1));
+  h.enable({0x01});
+  h.mit(0, {2.0, 0.0, 200.0, 2.0, 0.0});
   h.run(1.0);
   const double held = h.sim.state(0).q;
   EXPECT_NEAR(held, 2.0 - 0.5 / 200.0, 1e-3);
@@ -88,21 +78,20 @@ TEST(Friction, StaticFrictionHoldsBelowTheCoulombLevel) {
 
 TEST(PosVelControl, FollowsATrapezoidWithinSpeedAccAndDec) {
   Harness h({frictionless(1, 1)});
-  h.reply(0x7FF, dm::encode_param({0x01, dm::kParamWrite, reg::kControlMode, dm::kModePosVel}));
-  h.reply(0x7FF, write_float(0x01, reg::kAcc, 5.0f));
-  h.reply(0x7FF, write_float(0x01, reg::kDec, 2.0f));
+  h.write_register(0x01, reg::kControlMode, dm::kModePosVel);
+  h.write_register(0x01, reg::kAcc, dm::float_bits(5.0f));
+  h.write_register(0x01, reg::kDec, dm::float_bits(2.0f));
   h.send(0x101, dm::encode_pos_vel({2.0f, 1.0f}));  // disabled: ignored
   h.run(0.1);
   EXPECT_EQ(h.sim.state(0).q, 0.0);
 
-  h.send(0x01, kEnable);
+  h.enable({0x01});
   h.send(0x101, dm::encode_pos_vel({2.0f, 1.0f}));
   // 0.2 s accelerating at 5, cruise at 1 rad/s, 0.5 s braking at 2: 2.0 + 0.1 + 0.25 s.
-  double peak = 0.0;
-  double reached = -1.0;
+  double peak = 0.0, reached = -1.0;
   for (int ms = 1; ms <= 3500; ++ms) {
     h.run(0.001);
-    MotorState s = h.sim.state(0);
+    const MotorState s = h.sim.state(0);
     peak = std::max(peak, s.dq);
     if (ms == 100) {
       EXPECT_NEAR(s.dq, 0.5, 0.05);  // ACC-limited
@@ -117,7 +106,7 @@ TEST(PosVelControl, FollowsATrapezoidWithinSpeedAccAndDec) {
   EXPECT_LE(std::abs(h.sim.state(0).torque), 10.0);
 
   // In MIT mode the same frame does nothing.
-  h.reply(0x7FF, dm::encode_param({0x01, dm::kParamWrite, reg::kControlMode, dm::kModeMit}));
+  h.write_register(0x01, reg::kControlMode, dm::kModeMit);
   h.send(0x101, dm::encode_pos_vel({0.0f, 1.0f}));
   EXPECT_FALSE(h.last.front().command.applied);
   h.run(0.5);
@@ -126,9 +115,9 @@ TEST(PosVelControl, FollowsATrapezoidWithinSpeedAccAndDec) {
 
 TEST(PosVelControl, HoldsItsPositionAgainstALoadWhenEnabled) {
   Harness h;
-  h.reply(0x7FF, dm::encode_param({0x02, dm::kParamWrite, reg::kControlMode, dm::kModePosVel}));
+  h.write_register(0x02, reg::kControlMode, dm::kModePosVel);
   h.sim.set_posture({0.0, 0.8});
-  h.send(0x02, kEnable);
+  h.enable({0x02});
   h.sim.set_external_torque(1, 20.0);  // below t_max 28: the speed loop's integrator takes it
   h.run(2.0);
   EXPECT_NEAR(h.sim.state(1).q, 0.8, 0.01);
@@ -142,11 +131,10 @@ TEST(PosVelControl, HoldsItsPositionAgainstALoadWhenEnabled) {
 TEST(Thermal, RotorWarmsWithSustainedTorqueOnly) {
   Harness h({frictionless(1, 1), frictionless(1, 2)});
   h.sim.set_external_torque(0, -8.0);
-  h.send(0x01, kEnable);
-  h.send(0x01, mit({0.0, 0.0, 500.0, 5.0, 0.0}, 1));
+  h.enable({0x01});
+  h.mit(0, {0.0, 0.0, 500.0, 5.0, 0.0});
   h.run(60.0);
-  MotorState loaded = h.sim.state(0);
-  MotorState idle = h.sim.state(1);
+  const MotorState loaded = h.sim.state(0), idle = h.sim.state(1);
   EXPECT_NEAR(loaded.torque, 8.0, 0.01);
   // 60 K at full torque, (8/10)² of it, one half of a 120 s time constant: about 15 K.
   EXPECT_NEAR(loaded.t_rotor, 30.0 + 60.0 * 0.64 * (1.0 - std::exp(-0.5)), 0.5);
@@ -176,8 +164,8 @@ TEST(PlantContract, MotorsHandAnyPlantTheirTorquePlusExternalAtTheInnerRate) {
   auto plant = std::make_unique<RecordingPlant>();
   RecordingPlant* p = plant.get();
   Harness h({frictionless(1, 1), frictionless(3, 2)}, std::move(plant));
-  h.send(0x01, kEnable);
-  h.send(0x01, mit({0.0, 0.0, 4.0, 0.0, 0.0}, 1));  // kp (0 - 0.25): -1 N·m
+  h.enable({0x01});
+  h.mit(0, {0.0, 0.0, 4.0, 0.0, 0.0});  // kp (0 - 0.25): -1 N·m
   h.sim.set_external_torque(1, 3.0);
   h.run(0.002);
   EXPECT_EQ(p->steps, 20);  // 10 kHz inner steps

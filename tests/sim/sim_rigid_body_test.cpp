@@ -17,7 +17,6 @@ namespace kestrel::sim {
 namespace {
 
 using Joints = std::array<double, 6>;
-using test::kEnable;
 
 const RobotKinematics& model() {
   static const RobotKinematics m;
@@ -30,16 +29,6 @@ struct Arm : test::Harness {
       : Arm(RigidBodyArmPlant::from_shipped_configuration(options).release()) {}
   explicit Arm(RigidBodyArmPlant* p)
       : Harness(arm_motor_configs(), std::unique_ptr<Plant>(p)), plant(*p) {}
-
-  void enable() {
-    for (uint32_t id = 1; id <= 7; ++id) {
-      send(id, kEnable);
-    }
-  }
-  // One MIT frame per motor, in motor coordinates (gripper: index 6).
-  void command(size_t motor, const dm::MitCommand& c) {
-    send(static_cast<uint32_t>(motor + 1), dm::encode_mit(c, sim.motor(motor).limits()));
-  }
 
   RigidBodyArmPlant& plant;
 };
@@ -54,8 +43,8 @@ TEST(RigidBodyArm, RestsWhereItWasPutUntilDrivenAndTheMotorTorqueSaturates) {
   // Motor coordinates: joint x sign.
   EXPECT_DOUBLE_EQ(arm.plant.position(1), 0.3 * arm.plant.motor_signs()[1]);
   // Joint 4 (10 N·m motor) asked for far more than it can give.
-  arm.enable();
-  arm.command(3, {0.0, 0.0, 0.0, 0.0, 50.0});
+  arm.enable({1, 2, 3, 4, 5, 6, 7});
+  arm.mit(3, {0.0, 0.0, 0.0, 0.0, 50.0});
   arm.run(0.002);
   EXPECT_NEAR(arm.sim.state(3).torque, 10.0, 1e-9);
 }
@@ -95,11 +84,11 @@ double hold_error(const Joints& posture, bool feed_forward, double hidden_payloa
   const auto signs = arm.plant.motor_signs();
   const std::vector<double> q(posture.begin(), posture.end());
   const auto gravity = const_cast<RobotKinematics&>(model()).gravity_compensation_kdl(q);
-  arm.enable();
+  arm.enable({1, 2, 3, 4, 5, 6, 7});
   for (int cycle = 0; cycle < 1200; ++cycle) {  // 400 Hz commands, as the controller sends them
     for (size_t j = 0; j < 6; ++j) {
-      arm.command(j, {posture[j] * signs[j], 0.0, mit.kp[j], mit.kd[j],
-                      feed_forward ? gravity[j] * signs[j] : 0.0});
+      arm.mit(j, {posture[j] * signs[j], 0.0, mit.kp[j], mit.kd[j],
+                  feed_forward ? gravity[j] * signs[j] : 0.0});
     }
     arm.run(0.0025);
   }
@@ -123,19 +112,19 @@ TEST(RigidBodyArm, GravityFeedForwardHoldsThePostureAndAHiddenPayloadMakesItSag)
 
 TEST(RigidBodyArm, GripperTravelsBetweenItsStopsThroughTheLinkage) {
   Arm arm;
-  arm.enable();
+  arm.enable({1, 2, 3, 4, 5, 6, 7});
   // Motor angles of the linkage at known openings (0.085 m, 0.0425 m, 0, 0.07 m).
   for (double angle :
        {-1.235598154197257, -0.6822889509948515, -0.00019983474059870332, -1.0307842463707704}) {
     for (int i = 0; i < 400; ++i) {
-      arm.command(6, {angle, 0.0, 8.0, 0.2, 0.0});
+      arm.mit(6, {angle, 0.0, 8.0, 0.2, 0.0});
       arm.run(0.0025);
     }
     EXPECT_NEAR(arm.plant.gripper_angle(), angle, 0.02);
   }
   // Driven hard beyond open it stops at its end.
   for (int i = 0; i < 400; ++i) {
-    arm.command(6, {-3.0, 0.0, 20.0, 0.2, 0.0});
+    arm.mit(6, {-3.0, 0.0, 20.0, 0.2, 0.0});
     arm.run(0.0025);
   }
   EXPECT_NEAR(arm.plant.gripper_angle(), -1.2365, 1e-9);

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <initializer_list>
 #include <optional>
 
 #include "kestrel_sim/motor_simulation.hpp"
@@ -42,6 +43,18 @@ class Harness {
   std::string reply(uint32_t id, const Payload& payload) {
     auto f = send(id, payload);
     return f ? to_hex(f->payload()) : "";
+  }
+  void enable(std::initializer_list<uint32_t> ids) {
+    for (const uint32_t id : ids) {
+      send(id, kEnable);
+    }
+  }
+  // One MIT frame to motor `index` (0 = joint 1), scaled with that motor's limits.
+  void mit(size_t index, const dm::MitCommand& c) {
+    send(sim.motor(index).config().send_id, dm::encode_mit(c, sim.motor(index).limits()));
+  }
+  void write_register(uint8_t id, uint8_t rid, uint32_t bits) {
+    send(0x7FF, dm::encode_param({id, dm::kParamWrite, rid, bits}));
   }
   std::vector<uint8_t> bytes(uint32_t id, const Payload& payload) {
     const Payload p = send(id, payload)->payload();
