@@ -20,6 +20,10 @@ const SafetyConfig& shipped_config() {
   return c;
 }
 
+SafetyResult collide(const Samples& s) {
+  return check_self_collision(shipped_model(), s, shipped_config().self_collision);
+}
+
 const std::vector<VisualSolid>& solids() {
   static const auto s = read_visual_solids(resolve_robot_urdf_path());
   return s;
@@ -35,16 +39,15 @@ std::vector<Posture> sampled_postures(int count, unsigned seed) {
   std::mt19937 rng(seed);
   std::vector<Posture> out(static_cast<std::size_t>(2 * count));
   for (std::size_t i = 0; i < out.size(); ++i) {
+    const auto& lower = shipped_model().joint_lower_limits();
+    const auto& upper = shipped_model().joint_upper_limits();
     for (std::size_t j = 0; j < 6; ++j) {
-      out[i][j] = std::uniform_real_distribution<double>(
-          shipped_model().joint_lower_limits()[j], shipped_model().joint_upper_limits()[j])(rng);
+      out[i][j] = std::uniform_real_distribution<double>(lower[j], upper[j])(rng);
     }
     if (i % 2 == 1) {
-      const double shoulder = shipped_model().joint_upper_limits()[1];
-      const double elbow = shipped_model().joint_upper_limits()[2];
       out[i][1] =
-          std::uniform_real_distribution<double>(0.9, shoulder)(rng) * (i % 4 == 1 ? 1 : -1);
-      out[i][2] = std::uniform_real_distribution<double>(0.0, elbow)(rng);
+          std::uniform_real_distribution<double>(0.9, upper[1])(rng) * (i % 4 == 1 ? 1 : -1);
+      out[i][2] = std::uniform_real_distribution<double>(0.0, upper[2])(rng);
     }
   }
   return out;
@@ -60,12 +63,10 @@ bool solids_touch(std::size_t a, std::size_t b, const std::map<std::string, Eige
   }
   const auto inside = [&](const VisualSolid& from, const VisualSolid& to,
                           const Eigen::Isometry3d& to_pose) {
-    for (const auto& p : surface_points(from, 0.004)) {
-      if (visual_signed_distance(to, to_pose, F.at(from.link) * p) <= 0) {
-        return true;
-      }
-    }
-    return false;
+    const auto points = surface_points(from, 0.004);
+    return std::any_of(points.begin(), points.end(), [&](const Eigen::Vector3d& p) {
+      return visual_signed_distance(to, to_pose, F.at(from.link) * p) <= 0;
+    });
   };
   return inside(A, B, pb) || inside(B, A, pa);
 }
@@ -140,10 +141,7 @@ TEST(ShippedSelfCollision, EveryContactBetweenLinksThatAreNotNeighboursIsStopped
     for (const auto& [a, b] : far) {
       if (solids_touch(a, b, F)) {
         ++contacts;
-        EXPECT_EQ(
-            check_self_collision(shipped_model(), samples_of({q}), shipped_config().self_collision)
-                .level,
-            SafetyLevel::stop)
+        EXPECT_EQ(collide(samples_of({q})).level, SafetyLevel::stop)
             << solids()[a].describe() << " and " << solids()[b].describe()
             << " touch at q = " << q[0] << ' ' << q[1] << ' ' << q[2] << ' ' << q[3] << ' ' << q[4]
             << ' ' << q[5];
@@ -161,7 +159,7 @@ TEST(ShippedSelfCollision, MotionsBetweenWorkingPosturesRunUnhindered) {
     for (std::size_t b = a + 1; b < kWorking.size(); ++b) {
       SCOPED_TRACE(std::string(kWorking[a].first) + " to " + kWorking[b].first);
       const auto move = straight_move(kWorking[a].second, kWorking[b].second, 200);
-      const auto collision = check_self_collision(model, move, c.self_collision);
+      const auto collision = collide(move);
       EXPECT_EQ(collision.level, SafetyLevel::ok) << format_safety_result(collision);
       const auto verdict = combine_safety_results(  // and the planner's whole verdict
           {check_joint_limit_margins(move, model.joint_lower_limits(), model.joint_upper_limits(),
@@ -185,11 +183,8 @@ TEST(ShippedSelfCollision, FoldingTheForearmOntoTheBaseIsStopped) {
     }
   }
   ASSERT_TRUE(base_touched);  // the real shapes do meet there
-  const auto& config = shipped_config().self_collision;
-  const auto at = check_self_collision(shipped_model(), samples_of({folded}), config);
-  EXPECT_EQ(at.message.rfind("self collision stop: base vs ", 0), 0u) << at.message;
-  const auto r =
-      check_self_collision(shipped_model(), straight_move(kWorking[1].second, folded, 100), config);
+  EXPECT_EQ(collide(samples_of({folded})).message.rfind("self collision stop: base vs ", 0), 0u);
+  const auto r = collide(straight_move(kWorking[1].second, folded, 100));
   EXPECT_EQ(r.level, SafetyLevel::stop);
   EXPECT_LT(r.sample, 100u);  // on the way there, before the contact posture
 }
