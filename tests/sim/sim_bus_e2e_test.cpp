@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <deque>
 #include <functional>
 #include <thread>
 
@@ -162,12 +163,12 @@ TEST_F(SimOnSimbus, TheHostDriverStartUpSequenceFollowsAStrictScript) {
 
   canbus::CANSocket socket(kInterface, false);
   host::DMDeviceCollection arm(socket);
-  std::vector<std::unique_ptr<host::Motor>> motors;
+  std::deque<host::Motor> motors;
   for (uint32_t id = 1; id <= 6; ++id) {
-    motors.push_back(std::make_unique<host::Motor>(
-        id <= 3 ? host::MotorType::DM_V8_T28 : host::MotorType::DM_V30_T10, id, 0x10 + id));
+    motors.emplace_back(id <= 3 ? host::MotorType::DM_V8_T28 : host::MotorType::DM_V30_T10, id,
+                        0x10 + id);
     arm.get_device_collection().add_device(
-        std::make_shared<host::DMCANDevice>(*motors.back(), 0x7FF, false));
+        std::make_shared<host::DMCANDevice>(motors.back(), 0x7FF, false));
   }
   auto drain = [&] {
     can_frame f;
