@@ -32,22 +32,20 @@ TEST(SegmentDistance, ClosedFormParallelAndDegenerateCases) {
   const Vector3d o = Vector3d::Zero(), x = Vector3d::UnitX(), y = Vector3d::UnitY(),
                  z = Vector3d::UnitZ();
   const double r2 = std::sqrt(2.0);
-  const std::tuple<Vector3d, Vector3d, Vector3d, Vector3d, double> cases[] = {
-      {-x, x, 0.3 * z - y, 0.3 * z + y, 0.3},                          // crossing
-      {o, x, 2 * x + z, 3 * x + z, r2},                                // end to end
-      {o, 2 * x, 0.1 * y + x, 0.1 * y + 3 * x, 0.1},                   // parallel, overlapping
-      {o, x, 0.1 * y + 3 * x, 0.1 * y + 2 * x, std::hypot(1.0, 0.1)},  // parallel, apart
-      {o, x, 1.5 * x, 4 * x, 0.5},                                     // collinear
-      {x, o, 4 * x, 1.5 * x, 0.5},                                     // collinear, reversed
-      {z, z, o, x, 1.0},                                               // point and segment
-      {o, x, 2 * x + y, 2 * x + y, r2},                                // segment and point
-      {z, z, y, y, r2},                                                // two points
-      {o, x, 0.5 * x - y, 0.5 * x + y, 0.0},                           // touching
+  const std::tuple<const char*, Vector3d, Vector3d, Vector3d, Vector3d, double> cases[] = {
+      {"crossing", -x, x, 0.3 * z - y, 0.3 * z + y, 0.3},
+      {"end to end", o, x, 2 * x + z, 3 * x + z, r2},
+      {"parallel, overlapping", o, 2 * x, 0.1 * y + x, 0.1 * y + 3 * x, 0.1},
+      {"parallel, apart", o, x, 0.1 * y + 3 * x, 0.1 * y + 2 * x, std::hypot(1.0, 0.1)},
+      {"collinear", o, x, 1.5 * x, 4 * x, 0.5},
+      {"collinear, reversed", x, o, 4 * x, 1.5 * x, 0.5},
+      {"point and segment", z, z, o, x, 1.0},
+      {"segment and point", o, x, 2 * x + y, 2 * x + y, r2},
+      {"two points", z, z, y, y, r2},
+      {"touching", o, x, 0.5 * x - y, 0.5 * x + y, 0.0},
   };
-  for (const auto& [p0, p1, q0, q1, expected] : cases) {
-    EXPECT_NEAR(segment_segment_distance(p0, p1, q0, q1), expected, 1e-15)
-        << p0.transpose() << " " << p1.transpose() << " / " << q0.transpose() << " "
-        << q1.transpose();
+  for (const auto& [name, p0, p1, q0, q1, expected] : cases) {
+    EXPECT_NEAR(segment_segment_distance(p0, p1, q0, q1), expected, 1e-15) << name;
   }
   std::mt19937 rng(5);
   std::uniform_real_distribution<double> u(-0.5, 0.5);
