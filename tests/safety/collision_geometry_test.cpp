@@ -4,6 +4,7 @@
 #include <random>
 
 #include "kestrel/algorithms/collision_geometry.hpp"
+#include "safety/osprey_geometry.hpp"
 
 using namespace kestrel::algorithms;
 using Eigen::Vector3d;
@@ -20,13 +21,6 @@ double sampled_min(const Vector3d& a, const Vector3d& b, F distance) {
   return best;
 }
 
-double point_segment(const Vector3d& p, const Vector3d& a, const Vector3d& b) {
-  const double t = (b - a).squaredNorm() == 0
-                       ? 0
-                       : std::clamp((p - a).dot(b - a) / (b - a).squaredNorm(), 0.0, 1.0);
-  return (a + t * (b - a) - p).norm();
-}
-
 double point_box(const Vector3d& p, const Eigen::Isometry3d& pose, const Vector3d& half) {
   const Vector3d local = pose.inverse() * p;
   return (local - local.cwiseMax(-half).cwiseMin(half)).norm();
@@ -38,22 +32,20 @@ TEST(SegmentDistance, ClosedFormParallelAndDegenerateCases) {
   const Vector3d o = Vector3d::Zero(), x = Vector3d::UnitX(), y = Vector3d::UnitY(),
                  z = Vector3d::UnitZ();
   const double r2 = std::sqrt(2.0);
-  const std::tuple<Vector3d, Vector3d, Vector3d, Vector3d, double> cases[] = {
-      {-x, x, 0.3 * z - y, 0.3 * z + y, 0.3},                          // crossing
-      {o, x, 2 * x + z, 3 * x + z, r2},                                // end to end
-      {o, 2 * x, 0.1 * y + x, 0.1 * y + 3 * x, 0.1},                   // parallel, overlapping
-      {o, x, 0.1 * y + 3 * x, 0.1 * y + 2 * x, std::hypot(1.0, 0.1)},  // parallel, apart
-      {o, x, 1.5 * x, 4 * x, 0.5},                                     // collinear
-      {x, o, 4 * x, 1.5 * x, 0.5},                                     // collinear, reversed
-      {z, z, o, x, 1.0},                                               // point and segment
-      {o, x, 2 * x + y, 2 * x + y, r2},                                // segment and point
-      {z, z, y, y, r2},                                                // two points
-      {o, x, 0.5 * x - y, 0.5 * x + y, 0.0},                           // touching
+  const std::tuple<const char*, Vector3d, Vector3d, Vector3d, Vector3d, double> cases[] = {
+      {"crossing", -x, x, 0.3 * z - y, 0.3 * z + y, 0.3},
+      {"end to end", o, x, 2 * x + z, 3 * x + z, r2},
+      {"parallel, overlapping", o, 2 * x, 0.1 * y + x, 0.1 * y + 3 * x, 0.1},
+      {"parallel, apart", o, x, 0.1 * y + 3 * x, 0.1 * y + 2 * x, std::hypot(1.0, 0.1)},
+      {"collinear", o, x, 1.5 * x, 4 * x, 0.5},
+      {"collinear, reversed", x, o, 4 * x, 1.5 * x, 0.5},
+      {"point and segment", z, z, o, x, 1.0},
+      {"segment and point", o, x, 2 * x + y, 2 * x + y, r2},
+      {"two points", z, z, y, y, r2},
+      {"touching", o, x, 0.5 * x - y, 0.5 * x + y, 0.0},
   };
-  for (const auto& [p0, p1, q0, q1, expected] : cases) {
-    EXPECT_NEAR(segment_segment_distance(p0, p1, q0, q1), expected, 1e-15)
-        << p0.transpose() << " " << p1.transpose() << " / " << q0.transpose() << " "
-        << q1.transpose();
+  for (const auto& [name, p0, p1, q0, q1, expected] : cases) {
+    EXPECT_NEAR(segment_segment_distance(p0, p1, q0, q1), expected, 1e-15) << name;
   }
   std::mt19937 rng(5);
   std::uniform_real_distribution<double> u(-0.5, 0.5);
@@ -62,8 +54,9 @@ TEST(SegmentDistance, ClosedFormParallelAndDegenerateCases) {
     const Vector3d p1 = i % 3 ? Vector3d(u(rng), u(rng), u(rng)) : p0 + Vector3d(0.3, 1e-7, 0);
     const Vector3d q1 = i % 3 ? Vector3d(u(rng), u(rng), u(rng)) : q0 + Vector3d(0.2, 0, 0);
     const double exact = segment_segment_distance(p0, p1, q0, q1);
-    const double brute =
-        sampled_min(p0, p1, [&](const Vector3d& p) { return point_segment(p, q0, q1); });
+    const double brute = sampled_min(p0, p1, [&](const Vector3d& p) {
+      return kestrel::testing::point_segment_distance(p, q0, q1);
+    });
     EXPECT_LE(exact, brute + 1e-6) << i;  // never more than a real pair of points
     EXPECT_NEAR(exact, brute, 1e-4) << i;
   }

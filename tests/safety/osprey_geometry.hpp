@@ -1,6 +1,7 @@
-// The arm's real shapes, for judging collision bodies: the URDF's <visual> boxes and cylinders,
-// link frames computed without the library (plain Eigen over the URDF joints), dense samples of
-// each solid's surface, and exact signed distances to solids and to collision bodies.
+// What the safety tests share: trajectories (single postures, straight joint-space moves), the
+// shipped arm's model, and the arm's real shapes for judging collision bodies: the URDF's <visual>
+// boxes and cylinders, link frames computed without the library (plain Eigen over the URDF
+// joints), dense samples of each solid's surface, and exact distances to solids and to bodies.
 #pragma once
 
 #include <tinyxml2.h>
@@ -14,10 +15,40 @@
 #include <string>
 #include <vector>
 
+#include "kestrel/algorithms/kinematics.hpp"
 #include "kestrel/algorithms/safety_config.hpp"
+#include "kestrel/algorithms/trajectory_safety.hpp"
 #include "kestrel/algorithms/urdf_reader.hpp"
 
 namespace kestrel::testing {
+
+using Posture = std::array<double, 6>;
+using Samples = std::vector<algorithms::WaypointTrajectorySample>;
+
+inline Samples samples_of(const std::vector<Posture>& postures) {
+  Samples out;
+  for (const Posture& q : postures) {
+    out.emplace_back().position = q;
+  }
+  return out;
+}
+
+// A straight joint-space move from a to b in `steps` steps (steps + 1 samples).
+inline Samples straight_move(const Posture& a, const Posture& b, int steps) {
+  Samples out(static_cast<std::size_t>(steps) + 1);
+  for (int i = 0; i <= steps; ++i) {
+    for (int j = 0; j < 6; ++j) {
+      out[static_cast<std::size_t>(i)].position[j] = a[j] + (b[j] - a[j]) * i / steps;
+    }
+  }
+  return out;
+}
+
+// The shipped arm, built once per test binary from the files the library finds.
+inline RobotKinematics& shipped_model() {
+  static RobotKinematics model;
+  return model;
+}
 
 inline Eigen::Isometry3d xyz_rpy_pose(const Eigen::Vector3d& xyz, const Eigen::Vector3d& rpy) {
   Eigen::Isometry3d T = Eigen::Isometry3d::Identity();
@@ -146,6 +177,15 @@ inline double visual_signed_distance(const VisualSolid& s, const Eigen::Isometry
   return d.cwiseMax(0.0).norm() + std::min(d.maxCoeff(), 0.0);
 }
 
+// Distance from p to the segment a-b (a point when a = b).
+inline double point_segment_distance(const Eigen::Vector3d& p, const Eigen::Vector3d& a,
+                                     const Eigen::Vector3d& b) {
+  const Eigen::Vector3d d = b - a;
+  const double t =
+      d.squaredNorm() > 0 ? std::clamp((p - a).dot(d) / d.squaredNorm(), 0.0, 1.0) : 0.0;
+  return (p - (a + t * d)).norm();
+}
+
 // Signed distance from a base-frame point to a collision body on a link at `link_pose`.
 inline double body_signed_distance(const algorithms::SelfCollisionConfig::Body& body,
                                    const Eigen::Isometry3d& link_pose, const Eigen::Vector3d& p) {
@@ -156,10 +196,8 @@ inline double body_signed_distance(const algorithms::SelfCollisionConfig::Body& 
     return visual_signed_distance(box, link_pose * xyz_rpy_pose(vec(body.center), vec(body.rpy)),
                                   p);
   }
-  const Eigen::Vector3d a = link_pose * vec(body.p0), d = link_pose * vec(body.p1) - a;
-  const double t =
-      d.squaredNorm() > 0 ? std::clamp((p - a).dot(d) / d.squaredNorm(), 0.0, 1.0) : 0.0;
-  return (p - (a + t * d)).norm() - body.radius;
+  return point_segment_distance(p, link_pose * vec(body.p0), link_pose * vec(body.p1)) -
+         body.radius;
 }
 
 }  // namespace kestrel::testing

@@ -1,4 +1,5 @@
 // The joint-limit and self-collision checks, the merge of verdicts and their one-line text.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -6,12 +7,13 @@
 
 #include "kestrel/algorithms/trajectory_safety.hpp"
 #include "safety/osprey_geometry.hpp"
-#include "safety/safety_samples.hpp"
 
 using namespace kestrel::algorithms;
 using kestrel::testing::Posture;
 using kestrel::testing::samples_of;
 using kestrel::testing::shipped_model;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
 
 namespace {
 
@@ -42,10 +44,6 @@ Posture joint1_at(double q1) {
   return {q1, 0, 0, 0, 0, 0};
 }
 
-bool starts_with(const std::string& text, const std::string& prefix) {
-  return text.rfind(prefix, 0) == 0;
-}
-
 }  // namespace
 
 TEST(JointLimitMargins, InclusiveMarginsFirstWarningFirstStopAndUncheckedJoints) {
@@ -64,16 +62,16 @@ TEST(JointLimitMargins, InclusiveMarginsFirstWarningFirstStopAndUncheckedJoints)
             "joint_limit_margin_warn: trajectory approaches joint limit warning margin sample=0 "
             "joint=4 value=0.5 threshold=0.5 speed_scale=0.7");
   EXPECT_EQ(check(samples_of({{0.49, -0.49, 0, 0, 0, 0}})), kDefaultText);
-  EXPECT_TRUE(starts_with(check(samples_of({{0, 1.5}})), "joint_limit_margin_stop"));  // outside
+  EXPECT_THAT(check(samples_of({{0, 1.5}})), StartsWith("joint_limit_margin_stop"));  // outside
 
   kestrel::testing::Samples s(10);
   s[3].position = {0, 0, 0, 0.625, -0.6875, 0};  // two warnings: the lower joint is kept
   s[7].position = {0.6875, 0, 0, 0, 0, 0};       // closer, but later
-  EXPECT_TRUE(starts_with(check(s), "joint_limit_margin_warn")) << check(s);
-  EXPECT_NE(check(s).find(" sample=3 joint=3 value=0.375 "), std::string::npos) << check(s);
+  EXPECT_THAT(check(s), StartsWith("joint_limit_margin_warn"));
+  EXPECT_THAT(check(s), HasSubstr(" sample=3 joint=3 value=0.375 "));
   s[8].position = {0, 0, 0, 0, 0, 0.875};
   s[9].position = {0, 0, 0, 0, 0, 1.0};
-  EXPECT_NE(check(s).find("stop margin sample=8 joint=5 "), std::string::npos) << check(s);
+  EXPECT_THAT(check(s), HasSubstr("stop margin sample=8 joint=5 "));
 
   const auto at_limits = samples_of({{0, 0, 0, 0, 1.0, 1.0}});
   flags = {true, true, true, true, false};  // joint 5 unflagged, joint 6 beyond the flags
@@ -90,15 +88,16 @@ TEST(SelfCollision, ConfigurationProblemsAreStops) {
   auto lost = capsule("b", "link7", {1, 0, 0}, {1, 0, 1}, 0.1);  // not a child of six joints
   auto sphere = capsule("s", "link1", {1, 0, 0}, {1, 0, 1}, 0.1);
   sphere.type = "sphere";
-  EXPECT_EQ(format_safety_result(collide(one, {a}, 0.03, 0.01)),
-            "self_collision_config_empty: self-collision is enabled but fewer than two collision "
-            "bodies are configured sample=0 joint=-1 value=0 threshold=0.01 speed_scale=0");
-  EXPECT_EQ(format_safety_result(collide(one, {a, lost}, 0.03, 0.01)),
-            "self_collision_unknown_link: unknown self-collision body link: link7 sample=0 "
-            "joint=-1 value=0 threshold=0.01 speed_scale=0");
-  EXPECT_EQ(format_safety_result(collide(one, {a, sphere}, 0.03, 0.01)),
-            "self_collision_unsupported_body_type: unsupported self-collision body type sample=0 "
-            "joint=-1 value=0 threshold=0.01 speed_scale=0");
+  const std::string where = " sample=0 joint=-1 value=0 threshold=0.01 speed_scale=0";
+  const std::pair<std::vector<SelfCollisionConfig::Body>, std::string> cases[] = {
+      {{a},
+       "self_collision_config_empty: self-collision is enabled but fewer than two collision "
+       "bodies are configured"},
+      {{a, lost}, "self_collision_unknown_link: unknown self-collision body link: link7"},
+      {{a, sphere}, "self_collision_unsupported_body_type: unsupported self-collision body type"}};
+  for (const auto& [bodies, text] : cases) {
+    EXPECT_EQ(format_safety_result(collide(one, bodies, 0.03, 0.01)), text + where);
+  }
   EXPECT_EQ(collide(one, {a, lost}, 0.03, 0.01, {{"b", "a"}}).level, SafetyLevel::ok);
   EXPECT_EQ(format_safety_result(collide({}, {a}, 0.03, 0.01)), kDefaultText);
   EXPECT_EQ(check_self_collision(shipped_model(), one, {false, 0.03, 0.01, {}, {a}}).level,
@@ -118,12 +117,9 @@ TEST(SelfCollision, InclusiveDistancesFirstWarningAndIgnoredPairsInEitherOrder) 
             "joint=-1 value=0.25 threshold=0.25 speed_scale=0.5");
   EXPECT_EQ(collide(one, {a, b}, 0.2499, 0.2).level, SafetyLevel::ok);
   // Axes 0.1 apart with radii 0.03: clearance 0.04, no warning at the default distances.
-  EXPECT_EQ(collide(one,
-                    {capsule("c", "base_link", {0.1, 0, 0}, {0.1, 0, 1}, 0.03),
-                     capsule("d", "base_link", {0.2, 0, 0}, {0.2, 0, 1}, 0.03)},
-                    0.03, 0.01)
-                .level,
-            SafetyLevel::ok);
+  const auto c = capsule("c", "base_link", {0.1, 0, 0}, {0.1, 0, 1}, 0.03);
+  const auto d = capsule("d", "base_link", {0.2, 0, 0}, {0.2, 0, 1}, 0.03);
+  EXPECT_EQ(collide(one, {c, d}, 0.03, 0.01).level, SafetyLevel::ok);
 
   // Posts on the base at 0 and 90 degrees, 0.3 m out; a post on link1 sweeps past both.
   const auto post_a = capsule("post_a", "base_link", {0.3, 0, 0.1}, {0.3, 0, 0.3}, 0.01);
@@ -132,27 +128,22 @@ TEST(SelfCollision, InclusiveDistancesFirstWarningAndIgnoredPairsInEitherOrder) 
   const auto sweep = samples_of({joint1_at(-1.5), joint1_at(0.1), joint1_at(1.56)});
   const SafetyResult first = collide(sweep, {post_a, post_b, arm}, 0.1, -1.0);
   EXPECT_EQ(first.sample, 1u);  // the closer pass at sample 2 does not replace it
-  EXPECT_TRUE(starts_with(first.message, "self collision warning: post_a vs arm")) << first.message;
+  EXPECT_THAT(first.message, StartsWith("self collision warning: post_a vs arm"));
   EXPECT_NEAR(first.value, 0.6 * std::sin(0.05) - 0.02, 1e-12);
   const SafetyResult second = collide(sweep, {post_a, post_b, arm}, 0.1, -1.0, {{"arm", "post_a"}});
-  EXPECT_TRUE(starts_with(second.message, "self collision warning: post_b vs arm"));
+  EXPECT_THAT(second.message, StartsWith("self collision warning: post_b vs arm"));
   // Within one sample the pairs go in body order: (post_a, arm) before the closer (post_b, arm).
-  EXPECT_TRUE(
-      starts_with(collide(samples_of({joint1_at(0.8)}), {post_a, post_b, arm}, 0.3, -1.0).message,
-                  "self collision warning: post_a vs arm"));
+  EXPECT_THAT(collide(samples_of({joint1_at(0.8)}), {post_a, post_b, arm}, 0.3, -1.0).message,
+              StartsWith("self collision warning: post_a vs arm"));
   const SafetyResult stop = collide(sweep, {post_a, post_b, arm}, 0.1, 0.05);
-  EXPECT_EQ(stop.level, SafetyLevel::stop);
-  EXPECT_EQ(stop.sample, 1u);
+  EXPECT_TRUE(stop.level == SafetyLevel::stop && stop.sample == 1u);
 }
 
 TEST(SelfCollision, BodiesFollowTheLinkFramesAndBoxPairsUseTheirRules) {
   std::mt19937 rng(11);
-  std::uniform_real_distribution<double> angle(-2.0, 2.0);
+  std::uniform_real_distribution<double> u(-2.0, 2.0);
   for (int trial = 0; trial < 20; ++trial) {
-    Posture q;
-    for (double& v : q) {
-      v = angle(rng);
-    }
+    const Posture q{u(rng), u(rng), u(rng), u(rng), u(rng), u(rng)};
     const auto frames = kestrel::testing::link_frames(shipped_model().urdf_joints(), q);
     for (const char* link : {"base_link", "link1", "link2", "link3", "link4", "link5", "link6"}) {
       // Two points (capsules of zero length): the clearance is their distance less the radii.
@@ -178,8 +169,8 @@ TEST(SelfCollision, BodiesFollowTheLinkFramesAndBoxPairsUseTheirRules) {
   const auto rod_first = collide(one, {rod, cube}, 1.0, -1.0);
   EXPECT_NEAR(box_first.value, 0.3, 1e-12);
   EXPECT_EQ(box_first.value, rod_first.value);
-  EXPECT_TRUE(starts_with(box_first.message, "self collision warning: cube vs rod"));
-  EXPECT_TRUE(starts_with(rod_first.message, "self collision warning: rod vs cube"));
+  EXPECT_THAT(box_first.message, StartsWith("self collision warning: cube vs rod"));
+  EXPECT_THAT(rod_first.message, StartsWith("self collision warning: rod vs cube"));
 }
 
 TEST(CombineSafetyResults, StopWinsThenTheSlowestEarliestWarning) {
@@ -192,14 +183,14 @@ TEST(CombineSafetyResults, StopWinsThenTheSlowestEarliestWarning) {
       {SafetyResult{}, result(SafetyLevel::warning, "w1", 0.5),
        result(SafetyLevel::warning, "w2", 0.5), stop, result(SafetyLevel::stop, "later", 0.0)});
   EXPECT_EQ(format_safety_result(merged), format_safety_result(stop));  // whole, unchanged
-  EXPECT_EQ(combine_safety_results(
-                {result(SafetyLevel::warning, "w7", 0.7), result(SafetyLevel::warning, "w5", 0.5)})
-                .code,
-            "w5");
-  EXPECT_EQ(combine_safety_results({result(SafetyLevel::warning, "first", 0.5),
-                                    result(SafetyLevel::warning, "second", 0.5)})
-                .code,
-            "first");
+  const auto code = [](double first, double second) {
+    return combine_safety_results({result(SafetyLevel::warning, "first", first),
+                                   result(SafetyLevel::warning, "second", second)})
+        .code;
+  };
+  EXPECT_EQ(code(0.7, 0.5), "second");
+  EXPECT_EQ(code(0.5, 0.7), "first");
+  EXPECT_EQ(code(0.5, 0.5), "first");
 }
 
 TEST(FormatSafetyResult, SixSignificantDigitsAndFullSampleIndex) {

@@ -2,12 +2,12 @@
 // of load_safety_config on a bad file.
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <iostream>
 
 #include "algorithms/test_files.hpp"
 #include "kestrel/algorithms/safety_config.hpp"
 #include "support/config_sandbox.hpp"
+#include "support/refusal.hpp"
 
 using namespace kestrel::algorithms;
 using kestrel::testing::ConfigSandbox;
@@ -15,20 +15,12 @@ using kestrel::testing::TempDir;
 
 namespace {
 
-std::string error_of(const std::function<void()>& action) {
-  try {
-    action();
-  } catch (const std::exception& e) {
-    return e.what();
-  }
-  return "<no exception>";
-}
-
 bool starts_with(const std::string& text, const std::string& prefix) {
   return text.rfind(prefix, 0) == 0;
 }
 
 const std::string kCapsule = "{name: a, link: link1, p0: [0, 0, 0], p1: [0, 0, 1], radius: 0.1}";
+const std::string kBadBool = "Invalid boolean config field 'enabled': expected true/false. ";
 
 }  // namespace
 
@@ -44,6 +36,7 @@ TEST(SafetyConfig, MissingSectionsAndKeysKeepTheDefaults) {
   for (const char* yaml : {"logging: {}\n",
                            "singularity_protection:\ntrajectory_safety: {}\n"
                            "self_collision: {}\n"}) {
+    SCOPED_TRACE(yaml);
     const SafetyConfig c = read_safety_config(dir.write("a.yaml", yaml));
     EXPECT_TRUE(c.singularity_protection.enabled);
     EXPECT_TRUE(c.trajectory_safety.enabled);
@@ -57,49 +50,40 @@ TEST(SafetyConfig, MissingSectionsAndKeysKeepTheDefaults) {
   }
 }
 
+// The key names are the field names.
+// clang-format off
+#define SP(field) {#field, &SingularityProtectionConfig::field}
+#define TS(field) {#field, &TrajectorySafetyConfig::field}
+// clang-format on
+
 TEST(SafetyConfig, EveryKeyReachesItsField) {
+  const std::pair<const char*, double SingularityProtectionConfig::*> singularity[] = {
+      SP(wrist_target_abs_rad),    SP(wrist_warn_margin_rad),    SP(wrist_stop_margin_rad),
+      SP(shoulder_warn_radius_m),  SP(shoulder_stop_radius_m),   SP(elbow_j3_target_rad),
+      SP(elbow_j4_target_rad),     SP(elbow_warn_radius_rad),    SP(elbow_stop_radius_rad),
+      SP(jacobian_warn_sigma_min), SP(jacobian_stop_sigma_min),  SP(jacobian_warn_condition),
+      SP(jacobian_stop_condition), SP(jacobian_angular_scale_m), SP(yellow_min_speed_scale)};
+  const std::pair<const char*, double TrajectorySafetyConfig::*> trajectory[] = {
+      // clang-format off
+      TS(joint_limit_warn_margin_rad), TS(joint_limit_stop_margin_rad), TS(tracking_error_warn_rad),
+      TS(tracking_error_stop_rad), TS(velocity_stop_scale), TS(acceleration_stop_scale),
+      TS(jerk_stop_scale), TS(velocity_warn_scale), TS(acceleration_warn_scale), TS(jerk_warn_scale)};
+  // clang-format on
+  // Each key gets its own value (binary fractions, exact in the text), so a swap shows; the
+  // trajectory values leave every stop scale above every warning scale.
+  const auto value = [](std::size_t i) { return 0.5 + i / 32.0; };
+  std::string yaml = "singularity_protection: {enabled: false";
+  for (std::size_t i = 0; i < std::size(singularity); ++i) {
+    yaml += std::string(", ") + singularity[i].first + ": " + std::to_string(value(i));
+  }
+  yaml +=
+      "}\ntrajectory_safety: {enabled: false, tracking_error_stop_cycles: 5, "
+      "derivative_stop_cycles: -2";
+  for (std::size_t i = 0; i < std::size(trajectory); ++i) {
+    yaml += std::string(", ") + trajectory[i].first + ": " + std::to_string(2 - value(i));
+  }
   TempDir dir;
-  using SP = SingularityProtectionConfig;
-  using TS = TrajectorySafetyConfig;
-  const std::pair<const char*, double SP::*> singularity[] = {
-      {"wrist_target_abs_rad", &SP::wrist_target_abs_rad},
-      {"wrist_warn_margin_rad", &SP::wrist_warn_margin_rad},
-      {"wrist_stop_margin_rad", &SP::wrist_stop_margin_rad},
-      {"shoulder_warn_radius_m", &SP::shoulder_warn_radius_m},
-      {"shoulder_stop_radius_m", &SP::shoulder_stop_radius_m},
-      {"elbow_j3_target_rad", &SP::elbow_j3_target_rad},
-      {"elbow_j4_target_rad", &SP::elbow_j4_target_rad},
-      {"elbow_warn_radius_rad", &SP::elbow_warn_radius_rad},
-      {"elbow_stop_radius_rad", &SP::elbow_stop_radius_rad},
-      {"jacobian_warn_sigma_min", &SP::jacobian_warn_sigma_min},
-      {"jacobian_stop_sigma_min", &SP::jacobian_stop_sigma_min},
-      {"jacobian_warn_condition", &SP::jacobian_warn_condition},
-      {"jacobian_stop_condition", &SP::jacobian_stop_condition},
-      {"jacobian_angular_scale_m", &SP::jacobian_angular_scale_m},
-      {"yellow_min_speed_scale", &SP::yellow_min_speed_scale}};
-  for (const auto& [key, field] : singularity) {
-    const auto c = read_safety_config(dir.write(
-        "a.yaml", std::string("singularity_protection: {enabled: false, ") + key + ": 0.75}"));
-    EXPECT_EQ(c.singularity_protection.*field, 0.75) << key;
-    EXPECT_FALSE(c.singularity_protection.enabled);
-  }
-  const std::pair<const char*, double TS::*> trajectory[] = {
-      {"joint_limit_warn_margin_rad", &TS::joint_limit_warn_margin_rad},
-      {"joint_limit_stop_margin_rad", &TS::joint_limit_stop_margin_rad},
-      {"tracking_error_warn_rad", &TS::tracking_error_warn_rad},
-      {"tracking_error_stop_rad", &TS::tracking_error_stop_rad},
-      {"velocity_stop_scale", &TS::velocity_stop_scale},
-      {"acceleration_stop_scale", &TS::acceleration_stop_scale},
-      {"jerk_stop_scale", &TS::jerk_stop_scale}};
-  for (const auto& [key, field] : trajectory) {
-    const auto c = read_safety_config(
-        dir.write("a.yaml", std::string("trajectory_safety: {enabled: false, ") + key + ": 2.5}"));
-    EXPECT_EQ(c.trajectory_safety.*field, 2.5) << key;
-    EXPECT_FALSE(c.trajectory_safety.enabled);
-  }
-  const auto c = read_safety_config(dir.write("a.yaml", R"(
-trajectory_safety: {velocity_warn_scale: 0.5, acceleration_warn_scale: 0.5, jerk_warn_scale: 0.5,
-  tracking_error_stop_cycles: 5, derivative_stop_cycles: -2}
+  const auto c = read_safety_config(dir.write("a.yaml", yaml + R"(}
 self_collision:
   enabled: true
   warn_distance_m: 0.02
@@ -110,10 +94,16 @@ self_collision:
     - {name: base, link: base_link, p0: [1, 2, 3], p1: [4, 5, 6], radius: 0.5}
     - {name: tilted, link: link2, type: box, center: [0, 0, 0], size: [1, 1, 1], rpy: [1, 2, 3]}
 )"));
-  const auto& ts = c.trajectory_safety;
-  EXPECT_EQ(ts.velocity_warn_scale + ts.acceleration_warn_scale + ts.jerk_warn_scale, 1.5);
-  EXPECT_EQ(ts.tracking_error_stop_cycles, 5);
-  EXPECT_EQ(ts.derivative_stop_cycles, -2);  // not range-checked
+  for (std::size_t i = 0; i < std::size(singularity); ++i) {
+    EXPECT_EQ(c.singularity_protection.*singularity[i].second, value(i)) << singularity[i].first;
+  }
+  for (std::size_t i = 0; i < std::size(trajectory); ++i) {
+    EXPECT_EQ(c.trajectory_safety.*trajectory[i].second, 2 - value(i)) << trajectory[i].first;
+  }
+  EXPECT_FALSE(c.singularity_protection.enabled);
+  EXPECT_FALSE(c.trajectory_safety.enabled);
+  EXPECT_EQ(c.trajectory_safety.tracking_error_stop_cycles, 5);
+  EXPECT_EQ(c.trajectory_safety.derivative_stop_cycles, -2);  // not range-checked
   const auto& sc = c.self_collision;
   EXPECT_TRUE(sc.enabled);
   EXPECT_EQ(sc.warn_distance_m, sc.stop_distance_m);  // equal distances are accepted
@@ -131,105 +121,89 @@ self_collision:
 TEST(SafetyConfig, RejectsEachInvalidValueWithItsOwnText) {
   TempDir dir;
   const auto error_for = [&](const std::string& yaml) {
-    return error_of([&] { read_safety_config(dir.write("a.yaml", yaml + "\n")); });
+    return kestrel::testing::refusal_of<std::exception>(
+        [&] { read_safety_config(dir.write("a.yaml", yaml + "\n")); });
   };
   const std::string body = "self_collision: {bodies: [" + kCapsule + ", ";
+  const auto triple = [](const char* key) {
+    return std::string("self_collision.bodies.") + key + " must be a sequence of 3 numbers";
+  };
+  const std::string angular = "singularity_protection.jacobian_angular_scale_m must be positive",
+                    yellow = "singularity_protection.yellow_min_speed_scale must be in (0, 1]",
+                    scales = "trajectory_safety stop scales must be >= warning scales",
+                    distances = "self_collision.warn_distance_m must be >= stop_distance_m",
+                    pairs = "self_collision.ignored_pairs entries must be [name_a, name_b]",
+                    name_link = "self_collision.bodies entries require name and link",
+                    radius = "self_collision capsule radius must be positive",
+                    box_size = "self_collision box size must be positive";
   const std::pair<std::string, std::string> cases[] = {
-      {"singularity_protection: {jacobian_angular_scale_m: 0}",
-       "singularity_protection.jacobian_angular_scale_m must be positive"},
-      {"singularity_protection: {yellow_min_speed_scale: 0}",
-       "singularity_protection.yellow_min_speed_scale must be in (0, 1]"},
-      {"singularity_protection: {yellow_min_speed_scale: 1.0001}",
-       "singularity_protection.yellow_min_speed_scale must be in (0, 1]"},
+      {"singularity_protection: {jacobian_angular_scale_m: 0}", angular},
+      {"singularity_protection: {yellow_min_speed_scale: 0}", yellow},
+      {"singularity_protection: {yellow_min_speed_scale: 1.0001}", yellow},
       {"trajectory_safety: {tracking_error_stop_cycles: 0}",
        "trajectory_safety.tracking_error_stop_cycles must be positive"},
-      {"trajectory_safety: {velocity_stop_scale: 1.0}",
-       "trajectory_safety stop scales must be >= warning scales"},
-      {"trajectory_safety: {acceleration_warn_scale: 1.7}",
-       "trajectory_safety stop scales must be >= warning scales"},
-      {"trajectory_safety: {jerk_stop_scale: 1.4}",
-       "trajectory_safety stop scales must be >= warning scales"},
-      {"self_collision: {warn_distance_m: 0.009}",
-       "self_collision.warn_distance_m must be >= stop_distance_m"},
-      {"self_collision: {ignored_pairs: [[a, b, c]]}",
-       "self_collision.ignored_pairs entries must be [name_a, name_b]"},
-      {"self_collision: {ignored_pairs: [a]}",
-       "self_collision.ignored_pairs entries must be [name_a, name_b]"},
+      {"trajectory_safety: {velocity_stop_scale: 1.0}", scales},
+      {"trajectory_safety: {acceleration_warn_scale: 1.7}", scales},
+      {"trajectory_safety: {jerk_stop_scale: 1.4}", scales},
+      {"self_collision: {warn_distance_m: 0.009}", distances},
+      {"self_collision: {ignored_pairs: [[a, b, c]]}", pairs},
+      {"self_collision: {ignored_pairs: [a]}", pairs},
       {body + "{name: s, link: link1, type: sphere, radius: 1}]}",
        "self_collision.bodies only supports type=capsule or type=box"},
-      {body + "{name: c, link: link1, p0: [0, 0, 0], radius: 1}]}",
-       "self_collision.bodies.p1 must be a sequence of 3 numbers"},
-      {body + "{name: c, link: link1, p0: [0, 0], p1: [0, 0, 0], radius: 1}]}",
-       "self_collision.bodies.p0 must be a sequence of 3 numbers"},
-      {body + "{name: b, link: link1, type: box, center: [0, 0, 0]}]}",
-       "self_collision.bodies.size must be a sequence of 3 numbers"},
-      {body + "{name: b, link: link1, type: box, size: [1, 1, 1]}]}",
-       "self_collision.bodies.center must be a sequence of 3 numbers"},
+      {body + "{name: c, link: link1, p0: [0, 0, 0], radius: 1}]}", triple("p1")},
+      {body + "{name: c, link: link1, p0: [0, 0], p1: [0, 0, 0], radius: 1}]}", triple("p0")},
+      {body + "{name: b, link: link1, type: box, center: [0, 0, 0]}]}", triple("size")},
+      {body + "{name: b, link: link1, type: box, size: [1, 1, 1]}]}", triple("center")},
       {body + "{name: b, link: link1, type: box, center: [0, 0, 0], size: [1, 1, 1], rpy: 0}]}",
-       "self_collision.bodies.rpy must be a sequence of 3 numbers"},
-      {body + "{link: link1, p0: [0, 0, 0], p1: [0, 0, 0], radius: 1}]}",
-       "self_collision.bodies entries require name and link"},
-      {body + "{name: c, p0: [0, 0, 0], p1: [0, 0, 0], radius: 1}]}",
-       "self_collision.bodies entries require name and link"},
-      {body + "{name: c, link: link1, p0: [0, 0, 0], p1: [0, 0, 0]}]}",
-       "self_collision capsule radius must be positive"},
-      {body + "{name: b, link: link1, type: box, center: [0, 0, 0], size: [1, 0, 1]}]}",
-       "self_collision box size must be positive"},
+       triple("rpy")},
+      {body + "{link: link1, p0: [0, 0, 0], p1: [0, 0, 0], radius: 1}]}", name_link},
+      {body + "{name: c, p0: [0, 0, 0], p1: [0, 0, 0], radius: 1}]}", name_link},
+      {body + "{name: c, link: link1, p0: [0, 0, 0], p1: [0, 0, 0]}]}", radius},
+      {body + "{name: b, link: link1, type: box, center: [0, 0, 0], size: [1, 0, 1]}]}", box_size},
       // NaN passed every rule before (found by fuzzing).
-      {"singularity_protection: {jacobian_angular_scale_m: .nan}",
-       "singularity_protection.jacobian_angular_scale_m must be positive"},
-      {"singularity_protection: {yellow_min_speed_scale: .nan}",
-       "singularity_protection.yellow_min_speed_scale must be in (0, 1]"},
-      {"trajectory_safety: {jerk_stop_scale: .nan}",
-       "trajectory_safety stop scales must be >= warning scales"},
-      {"self_collision: {stop_distance_m: .nan}",
-       "self_collision.warn_distance_m must be >= stop_distance_m"},
-      {body + "{name: c, link: link1, p0: [0, 0, 0], p1: [0, 0, 0], radius: .nan}]}",
-       "self_collision capsule radius must be positive"},
+      {"singularity_protection: {jacobian_angular_scale_m: .nan}", angular},
+      {"singularity_protection: {yellow_min_speed_scale: .nan}", yellow},
+      {"trajectory_safety: {jerk_stop_scale: .nan}", scales},
+      {"self_collision: {stop_distance_m: .nan}", distances},
+      {body + "{name: c, link: link1, p0: [0, 0, 0], p1: [0, 0, 0], radius: .nan}]}", radius},
       {body + "{name: b, link: link1, type: box, center: [0, 0, 0], size: [1, .nan, 1]}]}",
-       "self_collision box size must be positive"},
+       box_size},
       // Validation runs in a fixed order: the singularity section is judged first.
       {"self_collision: {warn_distance_m: 0}\nsingularity_protection: {jacobian_angular_scale_m: "
        "-1}",
-       "singularity_protection.jacobian_angular_scale_m must be positive"},
+       angular},
   };
   for (const auto& [yaml, message] : cases) {
     EXPECT_EQ(error_for(yaml), message) << yaml;
   }
-  EXPECT_PRED2(starts_with, error_for("self_collision: {enabled: maybe}"),
-               "Invalid boolean config field 'enabled': expected true/false. ");
-  EXPECT_NE(error_for("trajectory_safety: {tracking_error_stop_cycles: 2.5}"), "<no exception>");
-  EXPECT_NE(error_for("singularity_protection: {wrist_warn_margin_rad: wide}"), "<no exception>");
+  EXPECT_PRED2(starts_with, error_for("self_collision: {enabled: maybe}"), kBadBool);
+  EXPECT_NE(error_for("trajectory_safety: {tracking_error_stop_cycles: 2.5}"), "no exception");
+  EXPECT_NE(error_for("singularity_protection: {wrist_warn_margin_rad: wide}"), "no exception");
 }
 
-TEST(SafetyConfigLoad, EndsTheProcessWithOneLineNamingTheFile) {
+TEST(SafetyConfigLoad, EndsTheProcessWithOneLineNamingTheFileAndKeepsTheDefaultsOtherwise) {
   ConfigSandbox box;
-  const auto expect_exit = [&box](const std::string& reason_prefix) {
+  const std::pair<std::string, std::string> bad_files[] = {
+      {"singularity_protection: {enabled: maybe}\n", kBadBool},
+      {"self_collision: {enabled: true, bodies: [" + kCapsule +
+           "]}\ntrajectory_safety: {tracking_error_stop_cycles: -1}\n",
+       "trajectory_safety.tracking_error_stop_cycles must be positive"},
+      {"self_collision: [unclosed\n", ""}};
+  for (const auto& [yaml, reason_prefix] : bad_files) {
+    box.write_config(yaml);
     const auto r = box.run("print_safety_config");
     EXPECT_EQ(r.exit_code, 1) << r.describe();
     ASSERT_EQ(r.err_lines().size(), 1u) << r.describe();
     EXPECT_PRED2(
         starts_with, r.err_lines()[0],
         "Failed to load safety config at " + box.config_path().string() + ": " + reason_prefix);
-  };
-  box.write_config("singularity_protection: {enabled: maybe}\n");
-  expect_exit("Invalid boolean config field 'enabled': expected true/false. ");
-  box.write_config("self_collision: {enabled: true, bodies: [" + kCapsule +
-                   "]}\ntrajectory_safety: {tracking_error_stop_cycles: -1}\n");
-  expect_exit("trajectory_safety.tracking_error_stop_cycles must be positive");
-  box.write_config("self_collision: [unclosed\n");
-  expect_exit("");
-
-  ConfigSandbox empty("kestrel_sdk/build", false);
-  const auto missing = empty.run("print_safety_config");
+  }
+  const auto missing = ConfigSandbox("kestrel_sdk/build", false).run("print_safety_config");
   EXPECT_EQ(missing.exit_code, 1) << missing.describe();
   EXPECT_PRED2(starts_with, missing.err,
                "Failed to load safety config at : Failed to locate config file "
                "'robot_kinematics.yaml'");
-}
 
-TEST(SafetyConfigLoad, DefaultsWithoutSectionsAndTheShippedFile) {
-  ConfigSandbox box;
   box.write_config("logging: {ik_diagnostics: false}\n");
   const auto defaults = box.run("print_safety_config");
   ASSERT_EQ(defaults.exit_code, 0) << defaults.describe();

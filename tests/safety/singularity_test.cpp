@@ -1,5 +1,6 @@
 // The singularity assessment on the shipped arm: its Jacobian and wrist centre against the link
 // frames, postures whose answer is known, and the zone boundaries and speed scales.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <Eigen/SVD>
@@ -9,11 +10,11 @@
 #include "algorithms/test_files.hpp"
 #include "kestrel/algorithms/singularity.hpp"
 #include "safety/osprey_geometry.hpp"
-#include "safety/safety_samples.hpp"
 
 using namespace kestrel::algorithms;
 using kestrel::testing::Posture;
 using kestrel::testing::shipped_model;
+using ::testing::HasSubstr;
 
 namespace {
 
@@ -31,24 +32,16 @@ SingularityProtectionConfig wrist_only() {
   return c;
 }
 
-Posture with(Posture q, int joint, double value, int joint2 = -1, double value2 = 0) {
-  q[joint] = value;
-  if (joint2 >= 0) {
-    q[joint2] = value2;
-  }
-  return q;
+// kForward with the wrist (q5) at `q5`, or with the elbow (q3, q4) at `q3`, `q4`.
+Posture wrist(double q5) {
+  return {0.0, 0.6, -0.28, 0.0, q5, 0.0};
+}
+Posture elbow(double q3, double q4) {
+  return {0.0, 0.6, q3, q4, -0.32, 0.0};
 }
 
 SafetyResult assess(const std::vector<Posture>& postures, const SingularityProtectionConfig& c) {
-  kestrel::testing::Samples s(postures.size());
-  for (std::size_t i = 0; i < postures.size(); ++i) {
-    s[i].position = postures[i];
-  }
-  return assess_singularity(shipped_model(), s, c);
-}
-
-bool has(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
+  return assess_singularity(shipped_model(), kestrel::testing::samples_of(postures), c);
 }
 
 }  // namespace
@@ -56,12 +49,10 @@ bool has(const std::string& text, const std::string& part) {
 TEST(Singularity, JacobianAndWristCentreAgreeWithTheLinkFrames) {
   auto& model = shipped_model();
   std::mt19937 rng(2);
-  std::uniform_real_distribution<double> angle(-1.5, 1.5);
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
   for (int trial = 0; trial < 20; ++trial) {
-    Posture q;
-    for (double& v : q) {
-      v = angle(rng);
-    }
+    const Posture q{1.5 * u(rng), 1.5 * u(rng), 1.5 * u(rng),
+                    1.5 * u(rng), 1.5 * u(rng), 1.5 * u(rng)};
     const auto frames = kestrel::testing::link_frames(model.urdf_joints(), q);
     EXPECT_LT((joint_origin_position(model, q) - frames.at("link5").translation()).norm(), 1e-12);
     const auto J = finite_difference_jacobian(model, q);
@@ -77,12 +68,9 @@ TEST(Singularity, JacobianAndWristCentreAgreeWithTheLinkFrames) {
     }
   }
   // The singular values match a two-sided Jacobi decomposition, badly conditioned ones too.
-  std::uniform_real_distribution<double> u(-1.0, 1.0);
   for (int trial = 0; trial < 200; ++trial) {
-    Eigen::Matrix<double, 6, 6> m;
-    for (int k = 0; k < 36; ++k) {
-      m(k) = u(rng);
-    }
+    Eigen::Matrix<double, 6, 6> m =
+        Eigen::Matrix<double, 6, 6>::NullaryExpr([&] { return u(rng); });
     m.col(trial % 6) *= trial % 2 ? 1e-6 : 1.0;
     const auto reference = Eigen::JacobiSVD<Eigen::Matrix<double, 6, 6>>(m).singularValues();
     const auto range = detail::singular_value_range(m);
@@ -96,18 +84,17 @@ TEST(Singularity, KnownPosturesOfTheShippedArm) {
   EXPECT_EQ(assess({kForward}, c).level, SafetyLevel::ok);
   // Wrist aligned: |q5| at the target gives margin 0, on either side.
   for (const double q5 : {-c.wrist_target_abs_rad, c.wrist_target_abs_rad}) {
-    const SafetyResult r = assess({kForward, with(kForward, 4, q5)}, c);
-    EXPECT_EQ(r.level, SafetyLevel::stop);
-    EXPECT_TRUE(r.sample == 1 && r.joint == -1 && r.speed_scale == 0.0 &&
-                r.code == "singularity_stop");
-    EXPECT_TRUE(has(r.message, "singularity stop at sample=1 q=[0, 0.6, -0.28, 0, ")) << r.message;
-    EXPECT_TRUE(has(r.message, " wrist_margin_rad=0 shoulder_radius_m=")) << r.message;
+    const SafetyResult r = assess({kForward, wrist(q5)}, c);
+    EXPECT_TRUE(r.level == SafetyLevel::stop && r.sample == 1 && r.joint == -1 &&
+                r.speed_scale == 0.0 && r.code == "singularity_stop");
+    EXPECT_THAT(r.message, HasSubstr("singularity stop at sample=1 q=[0, 0.6, -0.28, 0, "));
+    EXPECT_THAT(r.message, HasSubstr(" wrist_margin_rad=0 shoulder_radius_m="));
   }
   // Stretched elbow: q3 at the configured target or its mirror, q4 at its target.
   for (const double q3 : {c.elbow_j3_target_rad, -c.elbow_j3_target_rad}) {
-    const SafetyResult r = assess({with(kForward, 2, q3, 3, c.elbow_j4_target_rad)}, c);
+    const SafetyResult r = assess({elbow(q3, c.elbow_j4_target_rad)}, c);
     EXPECT_EQ(r.level, SafetyLevel::stop);
-    EXPECT_TRUE(has(r.message, "elbow_radius_rad=0 ")) << r.message;
+    EXPECT_THAT(r.message, HasSubstr("elbow_radius_rad=0 "));
   }
   // Wrist centre on the base axis: q3 solved for x = 0 with the upper arm leaning back.
   double lo = -1.3, hi = -0.6;
@@ -119,24 +106,22 @@ TEST(Singularity, KnownPosturesOfTheShippedArm) {
   EXPECT_LT(joint_origin_position(shipped_model(), on_axis).head<2>().norm(), 1e-9);
   EXPECT_EQ(assess({kForward, on_axis}, c).level, SafetyLevel::stop);
   // q5 = 1.50: margin 0.0708, wrist scale 0.077 clamped up to the configured minimum.
-  const SafetyResult slow = assess({kForward, with(kForward, 4, 1.50), kForward}, c);
-  EXPECT_EQ(slow.level, SafetyLevel::warning);
-  EXPECT_EQ(slow.code, "singularity_warn");
+  const SafetyResult slow = assess({kForward, wrist(1.50), kForward}, c);
+  EXPECT_TRUE(slow.level == SafetyLevel::warning && slow.code == "singularity_warn" &&
+              slow.sample == 1u);
   EXPECT_EQ(slow.speed_scale, c.yellow_min_speed_scale);
-  EXPECT_EQ(slow.sample, 1u);
   EXPECT_EQ(slow.threshold, c.jacobian_warn_sigma_min);
-  EXPECT_TRUE(
-      has(slow.message, "singularity warning: wrist_margin_rad=0.0707963, shoulder_radius_m="))
-      << slow.message;
+  EXPECT_THAT(slow.message,
+              HasSubstr("singularity warning: wrist_margin_rad=0.0707963, shoulder_radius_m="));
   SingularityProtectionConfig off = c;
   off.enabled = false;
-  EXPECT_EQ(assess({with(kForward, 4, -c.wrist_target_abs_rad)}, off).level, SafetyLevel::ok);
+  EXPECT_EQ(assess({wrist(-c.wrist_target_abs_rad)}, off).level, SafetyLevel::ok);
   EXPECT_EQ(assess({}, c).level, SafetyLevel::ok);
 }
 
 TEST(Singularity, InclusiveZonesLinearScalesAndTheWorstSample) {
   const SingularityProtectionConfig c = wrist_only();
-  const auto wrist_at = [&](double q5) { return assess({with(kForward, 4, q5)}, c); };
+  const auto wrist_at = [&](double q5) { return assess({wrist(q5)}, c); };
   EXPECT_EQ(wrist_at(1.0).level, SafetyLevel::stop);       // margin 0.25: the stop margin
   EXPECT_EQ(wrist_at(-1.0).level, SafetyLevel::stop);      // |q5| counts
   EXPECT_EQ(wrist_at(0.75).level, SafetyLevel::ok);        // margin 0.5: in the zone, scale 1
@@ -145,17 +130,17 @@ TEST(Singularity, InclusiveZonesLinearScalesAndTheWorstSample) {
   EXPECT_NEAR(wrist_at(0.875).speed_scale, 0.5, 1e-12);    // half way
   EXPECT_EQ(wrist_at(0.99).speed_scale, 0.2);              // clamped to the minimum
   // Margins 0.45, 0.25: the first stop ends the assessment.
-  EXPECT_TRUE(
-      has(assess({with(kForward, 4, 0.8), with(kForward, 4, 1.0), kForward}, c).message,
-          "singularity stop at sample=1 q=[0, 0.6, -0.28, 0, 1, 0] wrist_margin_rad=0.25 "));
+  EXPECT_THAT(assess({wrist(0.8), wrist(1.0), kForward}, c).message,
+              HasSubstr("singularity stop at sample=1 q=[0, 0.6, -0.28, 0, 1, 0] "
+                        "wrist_margin_rad=0.25 "));
   // Margins 0.45, 0.3, 0.45: the middle sample is the worst, and the scale is its scale.
-  const SafetyResult warn =
-      assess({with(kForward, 4, 0.8), with(kForward, 4, 0.95), with(kForward, 4, 0.8)}, c);
+  const SafetyResult warn = assess({wrist(0.8), wrist(0.95), wrist(0.8)}, c);
   EXPECT_TRUE(warn.level == SafetyLevel::warning && warn.sample == 1 && warn.threshold == -1.0);
   EXPECT_NEAR(warn.speed_scale, 0.2, 1e-12);
-  EXPECT_TRUE(has(warn.message, "singularity warning: wrist_margin_rad=0.3, shoulder_radius_m="));
+  EXPECT_THAT(warn.message,
+              HasSubstr("singularity warning: wrist_margin_rad=0.3, shoulder_radius_m="));
 
-  // The Jacobian measures, with this posture's own values as the bounds.
+  // The Jacobian measures, with this posture's own values as the bounds (angular rows scaled).
   Eigen::Matrix<double, 6, 6> J = finite_difference_jacobian(shipped_model(), kForward);
   J.bottomRows<3>() *= c.jacobian_angular_scale_m;
   const auto range = detail::singular_value_range(J);
@@ -173,12 +158,12 @@ TEST(Singularity, InclusiveZonesLinearScalesAndTheWorstSample) {
   EXPECT_NEAR(assess({kForward}, condition).speed_scale, 0.5, 1e-9);
 
   // The elbow posture matches either sign of q3, modulo a turn.
-  SingularityProtectionConfig elbow = c;
-  elbow.elbow_j3_target_rad = -2.912226;
-  elbow.elbow_j4_target_rad = -0.267559;
-  elbow.elbow_stop_radius_rad = 1e-9;
+  SingularityProtectionConfig stretched = c;
+  stretched.elbow_j3_target_rad = -2.912226;
+  stretched.elbow_j4_target_rad = -0.267559;
+  stretched.elbow_stop_radius_rad = 1e-9;
   for (const double q3 : {2.912226, -2.912226, -2.912226 + 2 * M_PI}) {
-    EXPECT_EQ(assess({with(kForward, 2, q3, 3, -0.267559)}, elbow).level, SafetyLevel::stop) << q3;
+    EXPECT_EQ(assess({elbow(q3, -0.267559)}, stretched).level, SafetyLevel::stop) << q3;
   }
 }
 
@@ -186,15 +171,16 @@ TEST(Singularity, AJacobianWithoutFullRankStops) {
   // A five-joint arm: its sixth Jacobian column is zero, sigma_min 0, the condition infinite.
   kestrel::testing::TempDir dir;
   std::string urdf = "<robot name=\"five\"><link name=\"l0\"/>";
-  const char* joints[] = {"0 0 0.1\" /><axis xyz=\"0 0 1", "0 0 0.1\" /><axis xyz=\"0 1 0",
-                          "0 0 0.3\" /><axis xyz=\"0 1 0", "0.1 0 0\" /><axis xyz=\"1 0 0",
-                          "0.2 0 0\" /><axis xyz=\"0 1 0"};
+  const char* origin_axis[][2] = {{"0 0 0.1", "0 0 1"},
+                                  {"0 0 0.1", "0 1 0"},
+                                  {"0 0 0.3", "0 1 0"},
+                                  {"0.1 0 0", "1 0 0"},
+                                  {"0.2 0 0", "0 1 0"}};
   for (int i = 0; i < 5; ++i) {
-    const std::string n = std::to_string(i);
-    const std::string child = "l" + std::to_string(i + 1);
-    urdf += "<link name=\"" + child + "\"/><joint name=\"j" + n +
-            "\" type=\"revolute\"><parent link=\"l" + n + "\"/><child link=\"" + child +
-            "\"/><origin xyz=\"" + joints[i] +
+    const std::string parent = "l" + std::to_string(i), child = "l" + std::to_string(i + 1);
+    urdf += "<link name=\"" + child + "\"/><joint name=\"j" + child +
+            "\" type=\"revolute\"><parent link=\"" + parent + "\"/><child link=\"" + child +
+            "\"/><origin xyz=\"" + origin_axis[i][0] + "\"/><axis xyz=\"" + origin_axis[i][1] +
             "\"/><limit lower=\"-3\" upper=\"3\" effort=\"1\" velocity=\"1\"/></joint>";
   }
   RobotKinematics five(
@@ -202,9 +188,8 @@ TEST(Singularity, AJacobianWithoutFullRankStops) {
       dir.write("five.urdf", urdf + "</robot>"));
   SingularityProtectionConfig c = wrist_only();
   c.jacobian_stop_condition = 1e300;
-  kestrel::testing::Samples s(1);
-  s[0].position = {0.1, 0.5, -0.5, 0.2, -0.4, 0.0};
-  const SafetyResult r = assess_singularity(five, s, c);
+  const SafetyResult r =
+      assess_singularity(five, kestrel::testing::samples_of({{0.1, 0.5, -0.5, 0.2, -0.4, 0.0}}), c);
   EXPECT_EQ(r.level, SafetyLevel::stop);
-  EXPECT_TRUE(has(r.message, "jacobian_sigma_min=0 jacobian_condition=inf")) << r.message;
+  EXPECT_THAT(r.message, HasSubstr("jacobian_sigma_min=0 jacobian_condition=inf"));
 }

@@ -15,42 +15,40 @@ namespace {
 
 using test::command_bytes;
 using test::Harness;
+using test::kEnable;
+using test::text;
+using ::testing::DoubleEq;
+using ::testing::DoubleNear;
+using ::testing::Pointwise;
 using namespace std::chrono_literals;
 namespace host = kestrel::damiao_motor;
 
 constexpr size_t kJoint2 = 1;  // type 3, id 0x02, feedback 0x12
 
+std::vector<double> fields(const dm::MitCommand& c) {
+  return {c.q, c.dq, c.kp, c.kd, c.tau};
+}
+
 TEST(MitDecoding, RangeEndsAndNibblePacking) {
   const dm::Limits type3 = dm::limits_of_type(3);
-  dm::MitCommand low = dm::decode_mit(Payload{}, type3);
-  EXPECT_DOUBLE_EQ(low.q, -12.5);
-  EXPECT_DOUBLE_EQ(low.dq, -8.0);
-  EXPECT_DOUBLE_EQ(low.kp, 0.0);
-  EXPECT_DOUBLE_EQ(low.kd, 0.0);
-  EXPECT_DOUBLE_EQ(low.tau, -28.0);
-
+  const std::vector<double> low{-12.5, -8.0, 0.0, 0.0, -28.0}, high{12.5, 8.0, 500.0, 5.0, 28.0};
+  EXPECT_THAT(fields(dm::decode_mit(Payload{}, type3)), Pointwise(DoubleEq(), low));
   // 0xFF in the last byte is not one of the special commands: all fields at their maximum.
-  dm::MitCommand high = dm::decode_mit(command_bytes(0xFF), type3);
-  EXPECT_DOUBLE_EQ(high.q, 12.5);
-  EXPECT_DOUBLE_EQ(high.dq, 8.0);
-  EXPECT_DOUBLE_EQ(high.kp, 500.0);
-  EXPECT_DOUBLE_EQ(high.kd, 5.0);
-  EXPECT_DOUBLE_EQ(high.tau, 28.0);
-
-  // dq = 0x00A, kp = 0x53C, kd = 0x123, tau = 0x456 share bytes 3 and 6 nibble by nibble.
-  dm::MitCommand mixed = dm::decode_mit(Payload{0x80, 0x00, 0x00, 0xA5, 0x3C, 0x12, 0x34, 0x56},
-                                        dm::limits_of_type(1));
-  EXPECT_NEAR(mixed.q, 0.000190737, 1e-9);
-  EXPECT_NEAR(mixed.dq, -29.853479853, 1e-9);
-  EXPECT_NEAR(mixed.kp, 163.614163614, 1e-9);
-  EXPECT_NEAR(mixed.kd, 0.355311355, 1e-9);
-  EXPECT_NEAR(mixed.tau, -4.578754579, 1e-9);  // type 1: t_max 10
+  EXPECT_THAT(fields(dm::decode_mit(command_bytes(0xFF), type3)), Pointwise(DoubleEq(), high));
+  // dq = 0x00A, kp = 0x53C, kd = 0x123, tau = 0x456 share bytes 3 and 6 nibble by nibble; type 1
+  // has t_max 10.
+  const std::vector<double> mixed{0.000190737, -29.853479853, 163.614163614, 0.355311355,
+                                  -4.578754579};
+  EXPECT_THAT(fields(dm::decode_mit(Payload{0x80, 0x00, 0x00, 0xA5, 0x3C, 0x12, 0x34, 0x56},
+                                    dm::limits_of_type(1))),
+              Pointwise(DoubleNear(1e-9), mixed));
 }
 
 TEST(MitDecoding, AgreesWithTheHostEncoderForEveryMotorType) {
   std::mt19937 rng(7);
   std::uniform_real_distribution<double> unit(-1.0, 1.0);
   for (int type = 0; type < dm::kMotorTypeCount; ++type) {
+    SCOPED_TRACE("type " + std::to_string(type));
     const dm::Limits lim = dm::limits_of_type(type);
     host::Motor motor(static_cast<host::MotorType>(type), 1, 0x11);
     for (int i = 0; i < 200; ++i) {
@@ -61,44 +59,33 @@ TEST(MitDecoding, AgreesWithTheHostEncoderForEveryMotorType) {
       std::copy(packet.data.begin(), packet.data.end(), bytes.begin());
       dm::MitCommand c = dm::decode_mit(bytes, lim);
       // One quantisation step of each field, the host truncating toward the lower step.
-      EXPECT_NEAR(c.q, p.q, 2 * lim.p_max / 65535.0) << "type " << type;
-      EXPECT_NEAR(c.dq, p.dq, 2 * lim.v_max / 4095.0) << "type " << type;
-      EXPECT_NEAR(c.kp, p.kp, 500.0 / 4095.0) << "type " << type;
-      EXPECT_NEAR(c.kd, p.kd, 5.0 / 4095.0) << "type " << type;
-      EXPECT_NEAR(c.tau, p.tau, 2 * lim.t_max / 4095.0) << "type " << type;
+      EXPECT_NEAR(c.q, p.q, 2 * lim.p_max / 65535.0);
+      EXPECT_NEAR(c.dq, p.dq, 2 * lim.v_max / 4095.0);
+      EXPECT_NEAR(c.kp, p.kp, 500.0 / 4095.0);
+      EXPECT_NEAR(c.kd, p.kd, 5.0 / 4095.0);
+      EXPECT_NEAR(c.tau, p.tau, 2 * lim.t_max / 4095.0);
     }
   }
 }
 
 TEST(MotorReplies, EachCommandIsAnsweredWithOneFeedbackFrameFromTheMasterId) {
   Harness h;
-  auto enable = h.send(0x02, command_bytes(0xFC));
-  ASSERT_TRUE(enable.has_value());
-  EXPECT_EQ(enable->id, 0x12u);
-  EXPECT_FALSE(enable->fd);
   // Status 1, id nibble 2, q = 0 -> 0x7FFF, dq and tau = 0 -> 0x7FF, MOS 33 °C, rotor 30 °C.
-  EXPECT_EQ(to_hex(enable->payload()), "12 7F FF 7F F7 FF 21 1E");
-
+  EXPECT_EQ(text(h.send(0x02, kEnable)), "0x012 [8] 12 7F FF 7F F7 FF 21 1E");
   h.sim.set_posture({0.0, 1.0});
-  EXPECT_EQ(to_hex(*h.reply(0x7FF, {0x02, 0x00, 0xCC})), "12 8A 3C 7F F7 FF 21 1E");
-  EXPECT_EQ(to_hex(*h.reply(0x02, command_bytes(0xFE))), "12 7F FF 7F F7 FF 21 1E");  // zeroed
+  EXPECT_EQ(h.reply(0x7FF, {0x02, 0x00, 0xCC}), "12 8A 3C 7F F7 FF 21 1E");
+  EXPECT_EQ(h.reply(0x02, command_bytes(0xFE)), "12 7F FF 7F F7 FF 21 1E");  // zeroed
   EXPECT_EQ(h.sim.state(kJoint2).zero_offset, 1.0);
-  EXPECT_EQ(to_hex(*h.reply(0x02, command_bytes(0xFD))), "02 7F FF 7F F7 FF 21 1E");
-  EXPECT_EQ(to_hex(*h.reply(0x02, command_bytes(0xFB))), "02 7F FF 7F F7 FF 21 1E");
+  EXPECT_EQ(h.reply(0x02, command_bytes(0xFD)), "02 7F FF 7F F7 FF 21 1E");
+  EXPECT_EQ(h.reply(0x02, command_bytes(0xFB)), "02 7F FF 7F F7 FF 21 1E");
   // A disabled motor answers MIT and position-velocity frames without acting on them.
-  EXPECT_EQ(to_hex(*h.reply(0x02, Payload{0xFF, 0xFF, 0xFF, 0x00, 0x00, 0x00, 0x0F, 0xFF})),
+  EXPECT_EQ(h.reply(0x02, Payload{0xFF, 0xFF, 0xFF, 0x00, 0x00, 0x00, 0x0F, 0xFF}),
             "02 7F FF 7F F7 FF 21 1E");
   EXPECT_FALSE(h.last.front().command.applied);
-  EXPECT_EQ(to_hex(*h.reply(0x102, dm::encode_pos_vel({1.0f, 2.0f}))), "02 7F FF 7F F7 FF 21 1E");
+  EXPECT_EQ(h.reply(0x102, dm::encode_pos_vel({1.0f, 2.0f})), "02 7F FF 7F F7 FF 21 1E");
   EXPECT_EQ(h.sim.state(kJoint2).last_pos_vel->q, 1.0f);
-
   // An FD request is answered with an 8-byte FD frame with bit-rate switch.
-  auto fd = h.send(0x05, command_bytes(0xFC), true);
-  ASSERT_TRUE(fd.has_value());
-  EXPECT_TRUE(fd->fd);
-  EXPECT_EQ(fd->flags, Frame::kBitRateSwitch);
-  EXPECT_EQ(fd->len, 8);
-  EXPECT_EQ(to_hex(fd->payload()), "15 7F FF 7F F7 FF 21 1E");
+  EXPECT_EQ(text(h.send(0x05, kEnable, true)), "0x015 FD[8] 15 7F FF 7F F7 FF 21 1E flags=1");
 }
 
 TEST(MotorReplies, FramesForOtherMotorsOrOfTheWrongShapeAreNotAnswered) {
@@ -107,15 +94,15 @@ TEST(MotorReplies, FramesForOtherMotorsOrOfTheWrongShapeAreNotAnswered) {
   // The host's refresh carries only the low byte of the id: motor 0x105 does not recognise it.
   EXPECT_FALSE(h.send(0x7FF, {0x05, 0x00, 0xCC}));
   EXPECT_TRUE(h.last.empty());
-  EXPECT_EQ(to_hex(*h.reply(0x7FF, {0x05, 0x01, 0xCC})), "05 7F FF 7F F7 FF 21 1E");
-  EXPECT_FALSE(h.send(0x06, command_bytes(0xFC)));
+  EXPECT_EQ(h.reply(0x7FF, {0x05, 0x01, 0xCC}), "05 7F FF 7F F7 FF 21 1E");
+  EXPECT_FALSE(h.send(0x06, kEnable));
 
   Frame short_frame = Frame::with_bytes(0x105, {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFC});
   auto outcome = h.sim.handle_frame(short_frame, h.now);
   ASSERT_EQ(outcome.size(), 1u);
   EXPECT_EQ(outcome[0].command.kind, CommandKind::kMalformed);
   EXPECT_FALSE(outcome[0].reply);
-  Frame extended = Frame::classic(0x105, command_bytes(0xFC));
+  Frame extended = Frame::classic(0x105, kEnable);
   extended.extended = true;
   EXPECT_TRUE(h.sim.handle_frame(extended, h.now).empty());
   // Unknown parameter commands (0xAA here) get no answer.
@@ -125,27 +112,27 @@ TEST(MotorReplies, FramesForOtherMotorsOrOfTheWrongShapeAreNotAnswered) {
 
 TEST(Registers, ReadsAndWritesKeepIntegerAndFloatRepresentations) {
   Harness h;
-  EXPECT_EQ(to_hex(*h.reply(0x7FF, {0x01, 0x00, 0x33, 0x0A})), "01 00 33 0A 01 00 00 00");
-  EXPECT_EQ(to_hex(*h.reply(0x7FF, {0x01, 0x00, 0x33, 0x1B})), "01 00 33 1B 00 00 F0 41");
-  EXPECT_EQ(to_hex(*h.reply(0x7FF, {0x01, 0x00, 0x33, 0x07})), "01 00 33 07 11 00 00 00");
-  EXPECT_EQ(to_hex(*h.reply(0x7FF, {0x04, 0x00, 0x33, 0x17})), "04 00 33 17 00 00 20 41");
-  EXPECT_EQ(to_hex(*h.reply(0x7FF, {0x01, 0x00, 0x33, 0x63})), "01 00 33 63 00 00 00 00");
+  EXPECT_EQ(h.reply(0x7FF, {0x01, 0x00, 0x33, 0x0A}), "01 00 33 0A 01 00 00 00");
+  EXPECT_EQ(h.reply(0x7FF, {0x01, 0x00, 0x33, 0x1B}), "01 00 33 1B 00 00 F0 41");
+  EXPECT_EQ(h.reply(0x7FF, {0x01, 0x00, 0x33, 0x07}), "01 00 33 07 11 00 00 00");
+  EXPECT_EQ(h.reply(0x7FF, {0x04, 0x00, 0x33, 0x17}), "04 00 33 17 00 00 20 41");
+  EXPECT_EQ(h.reply(0x7FF, {0x01, 0x00, 0x33, 0x63}), "01 00 33 63 00 00 00 00");
 
   // Write timeout 1000 (integer) and ACC 10.0 (float): acknowledged, stored, read back.
-  EXPECT_EQ(to_hex(*h.reply(0x7FF, {0x01, 0x00, 0x55, 0x09, 0xE8, 0x03, 0x00, 0x00})),
+  EXPECT_EQ(h.reply(0x7FF, {0x01, 0x00, 0x55, 0x09, 0xE8, 0x03, 0x00, 0x00}),
             "01 00 55 09 E8 03 00 00");
-  EXPECT_EQ(to_hex(*h.reply(0x7FF, {0x01, 0x00, 0x33, 0x09})), "01 00 33 09 E8 03 00 00");
-  EXPECT_EQ(to_hex(*h.reply(0x7FF, {0x01, 0x00, 0x55, 0x04, 0x00, 0x00, 0x20, 0x41})),
+  EXPECT_EQ(h.reply(0x7FF, {0x01, 0x00, 0x33, 0x09}), "01 00 33 09 E8 03 00 00");
+  EXPECT_EQ(h.reply(0x7FF, {0x01, 0x00, 0x55, 0x04, 0x00, 0x00, 0x20, 0x41}),
             "01 00 55 04 00 00 20 41");
   EXPECT_DOUBLE_EQ(h.sim.state(0).registers.value(reg::kAcc), 10.0);
   EXPECT_EQ(h.last.front().command.kind, CommandKind::kWriteRegister);
   EXPECT_DOUBLE_EQ(h.last.front().command.value, 10.0);
   // The mode switch writes only the mode byte.
-  EXPECT_EQ(to_hex(*h.reply(0x7FF, {0x01, 0x00, 0x55, 0x0A, 0x02})), "01 00 55 0A 02 00 00 00");
+  EXPECT_EQ(h.reply(0x7FF, {0x01, 0x00, 0x55, 0x0A, 0x02}), "01 00 55 0A 02 00 00 00");
   EXPECT_EQ(h.sim.state(0).mode, dm::kModePosVel);
   // Read-only and unknown registers keep their value; the acknowledgement shows it.
-  EXPECT_EQ(to_hex(*h.reply(0x7FF, {0x01, 0x00, 0x55, 0x0E, 0x01})), "01 00 55 0E 95 13 00 00");
-  EXPECT_EQ(to_hex(*h.reply(0x7FF, {0x01, 0x00, 0x55, 0x63, 0x01})), "01 00 55 63 00 00 00 00");
+  EXPECT_EQ(h.reply(0x7FF, {0x01, 0x00, 0x55, 0x0E, 0x01}), "01 00 55 0E 95 13 00 00");
+  EXPECT_EQ(h.reply(0x7FF, {0x01, 0x00, 0x55, 0x63, 0x01}), "01 00 55 63 00 00 00 00");
 }
 
 TEST(Registers, ReadBackFaultsAreWhatTheHostDecoderSees) {
@@ -153,22 +140,19 @@ TEST(Registers, ReadBackFaultsAreWhatTheHostDecoderSees) {
   h.sim.motor(0).registers().set_read_back_offset(reg::kAcc, 2e-4);
   h.sim.motor(1).registers().set_read_back_override(reg::kTimeout, 7);
   h.reply(0x7FF, {0x01, 0x00, 0x55, 0x04, 0x00, 0x00, 0x20, 0x41});
-  auto acc = host::CanPacketDecoder::parse_motor_param_data([&] {
-    Payload p = *h.reply(0x7FF, {0x01, 0x00, 0x33, 0x04});
-    return std::vector<uint8_t>(p.begin(), p.end());
-  }());
+  auto acc = host::CanPacketDecoder::parse_motor_param_data(h.bytes(0x7FF, {1, 0x00, 0x33, 0x04}));
   ASSERT_TRUE(acc.valid);
   EXPECT_EQ(acc.rid, 4);
   EXPECT_NEAR(acc.value, 10.0002, 1e-6);
   EXPECT_GT(std::abs(acc.value - 10.0), 1e-4);
-  EXPECT_EQ(to_hex(*h.reply(0x7FF, {0x02, 0x00, 0x33, 0x09})), "02 00 33 09 07 00 00 00");
+  EXPECT_EQ(h.reply(0x7FF, {0x02, 0x00, 0x33, 0x09}), "02 00 33 09 07 00 00 00");
   // The stored value is untouched.
   EXPECT_DOUBLE_EQ(h.sim.state(0).registers.value(reg::kAcc), 10.0);
 }
 
 TEST(Status, FaultsReplaceTheStatusNibbleAndStopTheTorque) {
   Harness h;
-  h.send(0x04, command_bytes(0xFC));
+  h.send(0x04, kEnable);
   h.send(0x04, dm::encode_mit({0.0, 0.0, 0.0, 0.0, 5.0}, dm::limits_of_type(1)));
   h.run(0.01);
   EXPECT_NEAR(h.sim.state(3).torque, 5.0, 0.01);
@@ -176,28 +160,28 @@ TEST(Status, FaultsReplaceTheStatusNibbleAndStopTheTorque) {
   h.sim.motor(3).inject_fault(dm::kOverVoltage, false);
   h.run(0.01);
   EXPECT_EQ(h.sim.state(3).torque, 0.0);
-  EXPECT_EQ(h.reply(0x04, command_bytes(0xFC))->at(0), 0x84);  // enable does not clear it
-  EXPECT_EQ(h.reply(0x04, command_bytes(0xFB))->at(0), 0x04);  // clear error: disabled
-  EXPECT_EQ(h.reply(0x04, command_bytes(0xFC))->at(0), 0x14);
+  EXPECT_EQ(h.status(0x04, kEnable), 0x84);              // enable does not clear it
+  EXPECT_EQ(h.status(0x04, command_bytes(0xFB)), 0x04);  // clear error: disabled
+  EXPECT_EQ(h.status(0x04, kEnable), 0x14);
 
   h.sim.motor(3).inject_fault(dm::kMosOverTemperature, true);
-  EXPECT_EQ(h.reply(0x04, command_bytes(0xFB))->at(0), 0xB4);  // sticky: survives clear error
+  EXPECT_EQ(h.status(0x04, command_bytes(0xFB)), 0xB4);  // sticky: survives clear error
   h.sim.motor(3).clear_injected_fault();
-  EXPECT_EQ(h.reply(0x04, command_bytes(0xFB))->at(0), 0x04);
+  EXPECT_EQ(h.status(0x04, command_bytes(0xFB)), 0x04);
 
   // A coil hotter than the OT register (120 °C) trips by itself.
-  h.send(0x04, command_bytes(0xFC));
+  h.send(0x04, kEnable);
   h.sim.motor(3).set_temperatures(40.0, 121.0);
   h.run(0.002);
-  EXPECT_EQ(h.reply(0x7FF, {0x04, 0x00, 0xCC})->at(0), 0xC4);
+  EXPECT_EQ(h.status(0x7FF, {0x04, 0x00, 0xCC}), 0xC4);
 }
 
 TEST(Status, CommunicationTimeoutDisablesAfterTheConfiguredSilence) {
   Harness h;
   h.reply(0x7FF, {0x01, 0x00, 0x55, 0x09, 0xE8, 0x03});  // 1000 x 50 µs = 50 ms
   h.reply(0x7FF, {0x02, 0x00, 0x55, 0x09, 0xE8, 0x03});
-  h.send(0x01, command_bytes(0xFC));
-  h.send(0x02, command_bytes(0xFC));
+  h.send(0x01, kEnable);
+  h.send(0x02, kEnable);
   h.wait(49ms);
   h.send(0x7FF, {0x01, 0x00, 0xCC});  // motor 1 hears from the host, motor 2 does not
   h.wait(1ms);
@@ -209,12 +193,12 @@ TEST(Status, CommunicationTimeoutDisablesAfterTheConfiguredSilence) {
 
   // A frame that arrives after the deadline finds the motor already timed out.
   h.now += 60ms;
-  EXPECT_EQ(h.reply(0x01, command_bytes(0xFC))->at(0), 0xD1);
-  EXPECT_EQ(h.reply(0x01, command_bytes(0xFB))->at(0), 0x01);
-  EXPECT_EQ(h.reply(0x01, command_bytes(0xFC))->at(0), 0x11);
+  EXPECT_EQ(h.status(0x01, kEnable), 0xD1);
+  EXPECT_EQ(h.status(0x01, command_bytes(0xFB)), 0x01);
+  EXPECT_EQ(h.status(0x01, kEnable), 0x11);
 
   // Timeout 0 never trips; a disabled motor never times out.
-  h.send(0x03, command_bytes(0xFC));
+  h.send(0x03, kEnable);
   h.wait(10s);
   EXPECT_EQ(h.sim.state(2).status, dm::kEnabled);
   EXPECT_EQ(h.sim.state(1).status, dm::kCommunicationLost);
@@ -228,16 +212,15 @@ TEST(Feedback, TheHostDecoderReadsBackTheSimulatedState) {
   h.sim.set_posture({0.3, -1.2, 2.0, 0.7, -0.4, 1.1, 0.05});
   for (size_t i = 0; i < 7; ++i) {
     const uint32_t id = static_cast<uint32_t>(i + 1);
-    h.send(id, command_bytes(0xFC));
+    h.send(id, kEnable);
     h.send(id, dm::encode_mit({0.0, 0.0, 0.0, 0.0, 0.5 * (i + 1)}, h.sim.motor(i).limits()));
   }
   h.run(0.005);
   for (size_t i = 0; i < 7; ++i) {
     const MotorConfig& config = h.sim.motor(i).config();
     host::Motor motor(static_cast<host::MotorType>(config.type), config.send_id, config.master_id);
-    Payload p = *h.reply(0x7FF, {static_cast<uint8_t>(config.send_id), 0x00, 0xCC});
-    host::StateResult s =
-        host::CanPacketDecoder::parse_motor_state_data(motor, {p.begin(), p.end()});
+    host::StateResult s = host::CanPacketDecoder::parse_motor_state_data(
+        motor, h.bytes(0x7FF, {static_cast<uint8_t>(config.send_id), 0x00, 0xCC}));
     MotorState truth = h.sim.state(i);
     ASSERT_TRUE(s.valid);
     EXPECT_EQ(s.error_code, 1);

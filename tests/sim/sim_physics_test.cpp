@@ -1,10 +1,15 @@
 // The simulated motors driving their mechanics: MIT and position-velocity control laws, torque
-// limits, friction, external torque, temperatures, and the Plant contract a rigid-body model
-// will implement.
+// limits, friction, external torque, temperatures, the Plant contract, and the arm's rigid-body
+// model behind the motors (gravity, hard stops, feed-forward, hidden payload, the gripper
+// linkage). All in simulated time through the motors' own protocol, so every run is the same.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
 
+#include "kestrel/algorithms/kinematics.hpp"
+#include "kestrel/controller/controller_config.hpp"
+#include "kestrel_sim/rigid_body_arm_plant.hpp"
 #include "sim_test_support.hpp"
 
 namespace kestrel::sim {
@@ -13,21 +18,13 @@ namespace {
 using test::command_bytes;
 using test::frictionless;
 using test::Harness;
-
-Payload mit(const dm::MitCommand& c, int type) {
-  return dm::encode_mit(c, dm::limits_of_type(type));
-}
-
-Payload write_float(uint8_t id, uint8_t rid, float value) {
-  return dm::encode_param({id, dm::kParamWrite, rid, dm::float_bits(value)});
-}
+using ::testing::MatchesRegex;
 
 TEST(MitControl, PdGainsSettleEachJointAtItsTarget) {
   Harness h;
-  h.send(0x02, command_bytes(0xFC));
-  h.send(0x04, command_bytes(0xFC));
-  h.send(0x02, mit({-0.5, 0.0, 100.0, 5.0, 0.0}, 3));
-  h.send(0x04, mit({1.0, 0.0, 50.0, 1.0, 0.0}, 1));
+  h.enable({0x02, 0x04});
+  h.mit(1, {-0.5, 0.0, 100.0, 5.0, 0.0});
+  h.mit(3, {1.0, 0.0, 50.0, 1.0, 0.0});
   h.run(3.0);
   // Coulomb friction leaves at most friction / kp of error.
   EXPECT_NEAR(h.sim.state(1).q, -0.5, 0.4 / 100.0 + 1e-3);
@@ -38,14 +35,12 @@ TEST(MitControl, PdGainsSettleEachJointAtItsTarget) {
 
 TEST(MitControl, TorqueIsClampedToTheMotorLimit) {
   Harness h({frictionless(1, 1, 1.0)});
-  h.send(0x01, command_bytes(0xFC));
-  h.send(0x01, mit({12.0, 0.0, 500.0, 0.0, 10.0}, 1));  // asks for 6010 N·m
+  h.enable({0x01});
+  h.mit(0, {12.0, 0.0, 500.0, 0.0, 10.0});  // asks for 6010 N·m
   h.run(0.01);
   EXPECT_DOUBLE_EQ(h.sim.state(0).torque, 10.0);
   // Saturated torque is reported as 0xFFF; 10 N·m on 1 kg·m² for 10 ms gives 0.1 rad/s.
-  Payload fb = *h.reply(0x7FF, {0x01, 0x00, 0xCC});
-  EXPECT_EQ(fb[4] & 0x0F, 0x0F);
-  EXPECT_EQ(fb[5], 0xFF);
+  EXPECT_THAT(h.reply(0x7FF, {0x01, 0x00, 0xCC}), MatchesRegex(".. .. .. .. .F FF .. .."));
   EXPECT_NEAR(h.sim.state(0).dq, 0.1, 1e-6);
 }
 
@@ -53,8 +48,8 @@ TEST(MitControl, DisabledOrUncommandedMotorsCoastAndExternalTorqueAdds) {
   Harness h({frictionless(1, 1), frictionless(1, 2), frictionless(1, 3)});
   h.sim.plant().set_state(0, 0.0, 2.0);
   h.sim.plant().set_state(1, 0.0, 2.0);
-  h.send(0x01, mit({0.0, 0.0, 100.0, 1.0, 0.0}, 1));  // disabled: ignored
-  h.send(0x02, command_bytes(0xFC));                  // enabled, no MIT frame yet: no torque
+  h.mit(0, {0.0, 0.0, 100.0, 1.0, 0.0});  // disabled: ignored
+  h.enable({0x02});                       // enabled, no MIT frame yet: no torque
   h.sim.set_external_torque(2, 0.1);
   h.run(1.0);
   EXPECT_NEAR(h.sim.state(0).q, 2.0, 1e-9);
@@ -65,8 +60,8 @@ TEST(MitControl, DisabledOrUncommandedMotorsCoastAndExternalTorqueAdds) {
 
   // Disabling a holding motor releases the shaft to the external torque.
   h.sim.set_external_torque(0, -0.5);
-  h.send(0x01, command_bytes(0xFC));
-  h.send(0x01, mit({2.0, 0.0, 200.0, 2.0, 0.0}, 1));
+  h.enable({0x01});
+  h.mit(0, {2.0, 0.0, 200.0, 2.0, 0.0});
   h.run(1.0);
   const double held = h.sim.state(0).q;
   EXPECT_NEAR(held, 2.0 - 0.5 / 200.0, 1e-3);
@@ -87,21 +82,20 @@ TEST(Friction, StaticFrictionHoldsBelowTheCoulombLevel) {
 
 TEST(PosVelControl, FollowsATrapezoidWithinSpeedAccAndDec) {
   Harness h({frictionless(1, 1)});
-  h.reply(0x7FF, dm::encode_param({0x01, dm::kParamWrite, reg::kControlMode, dm::kModePosVel}));
-  h.reply(0x7FF, write_float(0x01, reg::kAcc, 5.0f));
-  h.reply(0x7FF, write_float(0x01, reg::kDec, 2.0f));
+  h.write_register(0x01, reg::kControlMode, dm::kModePosVel);
+  h.write_register(0x01, reg::kAcc, dm::float_bits(5.0f));
+  h.write_register(0x01, reg::kDec, dm::float_bits(2.0f));
   h.send(0x101, dm::encode_pos_vel({2.0f, 1.0f}));  // disabled: ignored
   h.run(0.1);
   EXPECT_EQ(h.sim.state(0).q, 0.0);
 
-  h.send(0x01, command_bytes(0xFC));
+  h.enable({0x01});
   h.send(0x101, dm::encode_pos_vel({2.0f, 1.0f}));
   // 0.2 s accelerating at 5, cruise at 1 rad/s, 0.5 s braking at 2: 2.0 + 0.1 + 0.25 s.
-  double peak = 0.0;
-  double reached = -1.0;
+  double peak = 0.0, reached = -1.0;
   for (int ms = 1; ms <= 3500; ++ms) {
     h.run(0.001);
-    MotorState s = h.sim.state(0);
+    const MotorState s = h.sim.state(0);
     peak = std::max(peak, s.dq);
     if (ms == 100) {
       EXPECT_NEAR(s.dq, 0.5, 0.05);  // ACC-limited
@@ -116,7 +110,7 @@ TEST(PosVelControl, FollowsATrapezoidWithinSpeedAccAndDec) {
   EXPECT_LE(std::abs(h.sim.state(0).torque), 10.0);
 
   // In MIT mode the same frame does nothing.
-  h.reply(0x7FF, dm::encode_param({0x01, dm::kParamWrite, reg::kControlMode, dm::kModeMit}));
+  h.write_register(0x01, reg::kControlMode, dm::kModeMit);
   h.send(0x101, dm::encode_pos_vel({0.0f, 1.0f}));
   EXPECT_FALSE(h.last.front().command.applied);
   h.run(0.5);
@@ -125,9 +119,9 @@ TEST(PosVelControl, FollowsATrapezoidWithinSpeedAccAndDec) {
 
 TEST(PosVelControl, HoldsItsPositionAgainstALoadWhenEnabled) {
   Harness h;
-  h.reply(0x7FF, dm::encode_param({0x02, dm::kParamWrite, reg::kControlMode, dm::kModePosVel}));
+  h.write_register(0x02, reg::kControlMode, dm::kModePosVel);
   h.sim.set_posture({0.0, 0.8});
-  h.send(0x02, command_bytes(0xFC));
+  h.enable({0x02});
   h.sim.set_external_torque(1, 20.0);  // below t_max 28: the speed loop's integrator takes it
   h.run(2.0);
   EXPECT_NEAR(h.sim.state(1).q, 0.8, 0.01);
@@ -141,11 +135,10 @@ TEST(PosVelControl, HoldsItsPositionAgainstALoadWhenEnabled) {
 TEST(Thermal, RotorWarmsWithSustainedTorqueOnly) {
   Harness h({frictionless(1, 1), frictionless(1, 2)});
   h.sim.set_external_torque(0, -8.0);
-  h.send(0x01, command_bytes(0xFC));
-  h.send(0x01, mit({0.0, 0.0, 500.0, 5.0, 0.0}, 1));
+  h.enable({0x01});
+  h.mit(0, {0.0, 0.0, 500.0, 5.0, 0.0});
   h.run(60.0);
-  MotorState loaded = h.sim.state(0);
-  MotorState idle = h.sim.state(1);
+  const MotorState loaded = h.sim.state(0), idle = h.sim.state(1);
   EXPECT_NEAR(loaded.torque, 8.0, 0.01);
   // 60 K at full torque, (8/10)² of it, one half of a 120 s time constant: about 15 K.
   EXPECT_NEAR(loaded.t_rotor, 30.0 + 60.0 * 0.64 * (1.0 - std::exp(-0.5)), 0.5);
@@ -175,18 +168,132 @@ TEST(PlantContract, MotorsHandAnyPlantTheirTorquePlusExternalAtTheInnerRate) {
   auto plant = std::make_unique<RecordingPlant>();
   RecordingPlant* p = plant.get();
   Harness h({frictionless(1, 1), frictionless(3, 2)}, std::move(plant));
-  h.send(0x01, command_bytes(0xFC));
-  h.send(0x01, mit({0.0, 0.0, 4.0, 0.0, 0.0}, 1));  // kp (0 - 0.25): -1 N·m
+  h.enable({0x01});
+  h.mit(0, {0.0, 0.0, 4.0, 0.0, 0.0});  // kp (0 - 0.25): -1 N·m
   h.sim.set_external_torque(1, 3.0);
   h.run(0.002);
   EXPECT_EQ(p->steps, 20);  // 10 kHz inner steps
   EXPECT_NEAR(p->time, 0.002, 1e-12);
   EXPECT_NEAR(p->last_torque[0], -1.0, 0.25 * 500.0 / 4095.0);  // one kp step
   EXPECT_DOUBLE_EQ(p->last_torque[1], 3.0);
-  EXPECT_EQ(to_hex(*h.reply(0x7FF, {0x02, 0x00, 0xCC})).substr(0, 8), "02 7D 70");
+  EXPECT_EQ(h.reply(0x7FF, {0x02, 0x00, 0xCC}).substr(0, 8), "02 7D 70");
 
   EXPECT_THROW(MotorSimulation({frictionless(1, 1)}, std::make_unique<RecordingPlant>()),
                std::invalid_argument);
+}
+
+using Joints = std::array<double, 6>;
+
+const RobotKinematics& model() {
+  static const RobotKinematics m;
+  return m;
+}
+
+// The seven motors of the arm on the rigid-body plant, in simulated time.
+struct Arm : test::Harness {
+  explicit Arm(const RigidBodyArmOptions& options = {})
+      : Arm(RigidBodyArmPlant::from_shipped_configuration(options).release()) {}
+  explicit Arm(RigidBodyArmPlant* p)
+      : Harness(arm_motor_configs(), std::unique_ptr<Plant>(p)), plant(*p) {}
+
+  RigidBodyArmPlant& plant;
+};
+
+TEST(RigidBodyArm, RestsWhereItWasPutUntilDrivenAndTheMotorTorqueSaturates) {
+  RigidBodyArmOptions options;
+  options.start_posture = {0.2, 0.3, -0.5, 0.1, -0.4, 0.0};
+  Arm arm(options);
+  arm.run(1.0);
+  EXPECT_TRUE(arm.plant.supported());
+  EXPECT_EQ(arm.plant.joint_positions(), options.start_posture);
+  // Motor coordinates: joint x sign.
+  EXPECT_DOUBLE_EQ(arm.plant.position(1), 0.3 * arm.plant.motor_signs()[1]);
+  // Joint 4 (10 N·m motor) asked for far more than it can give.
+  arm.enable({1, 2, 3, 4, 5, 6, 7});
+  arm.mit(3, {0.0, 0.0, 0.0, 0.0, 50.0});
+  arm.run(0.002);
+  EXPECT_NEAR(arm.sim.state(3).torque, 10.0, 1e-9);
+}
+
+TEST(RigidBodyArm, UnpoweredArmFallsOntoItsStopsAndComesToRest) {
+  RigidBodyArmOptions options;
+  options.start_posture = {0.0, 0.2, -0.3, 0.0, -0.5, 0.0};
+  Arm arm(options);
+  arm.plant.release_support();
+  double energy = arm.plant.mechanical_energy();
+  double rise = 0.0;
+  for (int i = 0; i < 400; ++i) {
+    arm.run(0.01);
+    const double e = arm.plant.mechanical_energy();
+    rise = std::max(rise, e - energy);  // friction and stops only take energy out
+    energy = e;
+  }
+  EXPECT_LT(rise, 1e-3);
+  const auto& q = arm.plant.joint_positions();
+  for (int j = 0; j < 6; ++j) {
+    EXPECT_LT(std::abs(arm.plant.joint_velocities()[j]), 0.05) << "joint " << j + 1;
+    EXPECT_GE(q[j], model().joint_lower_limits()[j] - 1e-12);
+    EXPECT_LE(q[j], model().joint_upper_limits()[j] + 1e-12);
+  }
+  // Leaning forward from upright, the shoulder falls forward onto its upper stop.
+  EXPECT_DOUBLE_EQ(q[1], model().joint_upper_limits()[1]);
+}
+
+// Holds `posture` with the shipped MIT gains for three seconds, with or without the model's
+// gravity torque as feed-forward; returns the largest remaining joint error.
+double hold_error(const Joints& posture, bool feed_forward, double hidden_payload = 0.0) {
+  RigidBodyArmOptions options;
+  options.start_posture = posture;
+  options.payload_mass = hidden_payload;
+  Arm arm(options);
+  const auto mit = kestrel::controller::load_mit_mode_config();
+  const auto signs = arm.plant.motor_signs();
+  const std::vector<double> q(posture.begin(), posture.end());
+  const auto gravity = const_cast<RobotKinematics&>(model()).gravity_compensation_kdl(q);
+  arm.enable({1, 2, 3, 4, 5, 6, 7});
+  for (int cycle = 0; cycle < 1200; ++cycle) {  // 400 Hz commands, as the controller sends them
+    for (size_t j = 0; j < 6; ++j) {
+      arm.mit(j, {posture[j] * signs[j], 0.0, mit.kp[j], mit.kd[j],
+                  feed_forward ? gravity[j] * signs[j] : 0.0});
+    }
+    arm.run(0.0025);
+  }
+  double worst = 0.0;
+  for (int j = 0; j < 6; ++j) {
+    worst = std::max(worst, std::abs(arm.plant.joint_positions()[j] - posture[j]));
+  }
+  return worst;
+}
+
+TEST(RigidBodyArm, GravityFeedForwardHoldsThePostureAndAHiddenPayloadMakesItSag) {
+  const Joints reaching = {0.3, 0.6, -0.2, 0.0, -0.6, 0.0};
+  const double without = hold_error(reaching, false);
+  const double with = hold_error(reaching, true);
+  EXPECT_GT(without, 0.03) << "the shipped gains alone let the arm sag";
+  EXPECT_LT(with, 0.01);
+  EXPECT_LT(with * 5.0, without);
+  const Joints forward = {0.0, 0.7, -0.3, 0.0, -0.5, 0.0};
+  EXPECT_GT(hold_error(forward, true, 0.5), hold_error(forward, true) + 0.005);
+}
+
+TEST(RigidBodyArm, GripperTravelsBetweenItsStopsThroughTheLinkage) {
+  Arm arm;
+  arm.enable({1, 2, 3, 4, 5, 6, 7});
+  // Motor angles of the linkage at known openings (0.085 m, 0.0425 m, 0, 0.07 m).
+  for (double angle :
+       {-1.235598154197257, -0.6822889509948515, -0.00019983474059870332, -1.0307842463707704}) {
+    for (int i = 0; i < 400; ++i) {
+      arm.mit(6, {angle, 0.0, 8.0, 0.2, 0.0});
+      arm.run(0.0025);
+    }
+    EXPECT_NEAR(arm.plant.gripper_angle(), angle, 0.02);
+  }
+  // Driven hard beyond open it stops at its end.
+  for (int i = 0; i < 400; ++i) {
+    arm.mit(6, {-3.0, 0.0, 20.0, 0.2, 0.0});
+    arm.run(0.0025);
+  }
+  EXPECT_NEAR(arm.plant.gripper_angle(), -1.2365, 1e-9);
 }
 
 }  // namespace

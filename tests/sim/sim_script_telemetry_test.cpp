@@ -41,9 +41,9 @@ TEST(ExpectationScript, InOrderScriptReportsEveryExpectationThatNeverHappened) {
   offer(script, h, 0x01, command_bytes(0xFB));
   offer(script, h, 0x7FF, {0x01, 0x00, 0xCC});  // not scripted: allowed in between
   offer(script, h, 0x7FF, {0x01, 0x00, 0x55, 0x0A, 0x02});
-  offer(script, h, 0x01, command_bytes(0xFC));
+  offer(script, h, 0x01, test::kEnable);
   EXPECT_EQ(fired, 0);
-  offer(script, h, 0x01, command_bytes(0xFC));
+  offer(script, h, 0x01, test::kEnable);
   EXPECT_EQ(fired, 1);
   offer(script, h, 0x01, dm::encode_mit({0.9, 0.0, 20.0, 1.0, 0.0}, dm::limits_of_type(3)));
 
@@ -64,10 +64,10 @@ TEST(ExpectationScript, StrictScriptReportsFramesThatCameInstead) {
   script.set_mode(ExpectationScript::Mode::kStrict);
   script.expect(Expectation::enable(0x01).times(2));
   script.expect(Expectation::refresh(0x02));
-  offer(script, h, 0x01, command_bytes(0xFC));
-  offer(script, h, 0x02, command_bytes(0xFC));
-  offer(script, h, 0x123, command_bytes(0xFC));  // nobody's frame: not counted against
-  offer(script, h, 0x01, command_bytes(0xFC));
+  offer(script, h, 0x01, test::kEnable);
+  offer(script, h, 0x02, test::kEnable);
+  offer(script, h, 0x123, test::kEnable);  // nobody's frame: not counted against
+  offer(script, h, 0x01, test::kEnable);
   offer(script, h, 0x7FF, {0x02, 0x00, 0xCC});
   offer(script, h, 0x03, command_bytes(0xFD));
   EXPECT_THAT(
