@@ -130,14 +130,11 @@ TEST(HubControl, StateAndMtuAreReadAndChangedFromOutsideAndTheMtuGatesFdWrites) 
   EXPECT_EQ(later.mtu("late0"), CAN_MTU);
   EXPECT_EQ(query_interface(bus.directory(), "late0")->mtu, CAN_MTU);
 
-  auto stats = set_interface_state(bus.directory(), "can0", false);
-  ASSERT_TRUE(stats.has_value());
-  EXPECT_FALSE(stats->up);
+  EXPECT_FALSE(set_interface_state(bus.directory(), "can0", false).value().up);
   EXPECT_FALSE(bus.hub().is_up("can0"));
-  stats = query_interface(bus.directory(), "can0");
-  ASSERT_TRUE(stats.has_value());
-  EXPECT_FALSE(stats->up);
-  EXPECT_EQ(stats->ifindex, interface_index("can0"));
+  const InterfaceStatistics stats = query_interface(bus.directory(), "can0").value();
+  EXPECT_FALSE(stats.up);
+  EXPECT_EQ(stats.ifindex, interface_index("can0"));
   EXPECT_TRUE(set_interface_state(bus.directory(), "can0", true)->up);
   EXPECT_TRUE(bus.hub().is_up("can0"));
   EXPECT_FALSE(query_interface(bus.directory(), "nosuch0").has_value());
@@ -219,16 +216,14 @@ TEST(HubRelay, CountsBusTimeAndLoadAndResets) {
   const InterfaceStatistics stats = bus.statistics("can0");
   EXPECT_EQ(stats.frames_relayed, 20u);
   EXPECT_EQ(stats.busy_time, 10 * (microseconds(111) + nanoseconds(49200)));
-  // Unpaced, the frames came faster than a real bus carries them: the load may exceed 1.
-  EXPECT_DOUBLE_EQ(stats.load(), static_cast<double>(stats.busy_time.count()) /
-                                     static_cast<double>(stats.elapsed.count()));
-  EXPECT_GT(stats.load(), 0.0);
+  EXPECT_GT(stats.load(), 0.0);  // unpaced, it may exceed 1
   EXPECT_FALSE(stats.wire_time);
   EXPECT_EQ(stats.bitrate, kDefaultBitrate);
   bus.hub().reset_statistics();
   const InterfaceStatistics after = bus.statistics("can0");
   EXPECT_EQ(after.frames_relayed, 0u);
   EXPECT_EQ(after.busy_time.count(), 0);
+  EXPECT_EQ(after.load(), 0.0);
   EXPECT_EQ(after.clients, 2u);
 }
 
@@ -534,54 +529,57 @@ TEST_F(SimbusSocket, ReceiveFiltersUseTheKernelMatchingRules) {
   EXPECT_EQ(errno_of(::setsockopt(range.get(), SOL_CAN_RAW, CAN_RAW_FILTER, back, 12)), EINVAL);
 }
 
-TEST_F(SimbusSocket, OptionsChangedAfterBindApplyToTheVeryNextFrame) {
-  Fd writer = open_can("can0", true);
-  Fd reader = open_can("can0");
-  const int one = 1;
-  ASSERT_EQ(::setsockopt(reader.get(), SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &one, sizeof(one)), 0);
-  const canfd_frame big = fd_frame(0x55, 12);
-  ASSERT_EQ(::write(writer.get(), &big, CANFD_MTU), CANFD_MTU);
-  canfd_frame got{};
-  EXPECT_EQ(read_within(reader.get(), &got, sizeof(got), 2000), CANFD_MTU);
-
-  const can_filter only_0x10{0x10, CAN_SFF_MASK};
-  ASSERT_EQ(::setsockopt(reader.get(), SOL_CAN_RAW, CAN_RAW_FILTER, &only_0x10, sizeof(only_0x10)),
-            0);
-  const can_frame other = classic_frame(0x11, {});
-  const can_frame wanted = classic_frame(0x10, {});
-  ASSERT_EQ(::write(writer.get(), &other, CAN_MTU), CAN_MTU);
-  ASSERT_EQ(::write(writer.get(), &wanted, CAN_MTU), CAN_MTU);
-  EXPECT_EQ(read_ids(reader.get(), 2, 100), std::vector<canid_t>{0x10});
-}
-
-TEST_F(SimbusSocket, SourceAddressAndPollWorkAsOnTheKernel) {
-  Fd writer = open_can("can1");
+// A reader on can1: its address, poll and select, a blocking read, the sender's address, and
+// options changed after bind applying to the very next frame.
+TEST_F(SimbusSocket, ReadersSeeFramesAsOnTheKernel) {
+  Fd writer = open_can("can1", true);
   Fd reader = open_can("can1");
-  sockaddr_can own{};
-  socklen_t own_length = sizeof(own);
-  ASSERT_EQ(::getsockname(reader.get(), reinterpret_cast<sockaddr*>(&own), &own_length), 0);
-  EXPECT_EQ(own.can_family, AF_CAN);
-  EXPECT_EQ(own.can_ifindex, interface_index("can1"));
+  sockaddr_can address{};
+  socklen_t length = sizeof(address);
+  ASSERT_EQ(::getsockname(reader.get(), reinterpret_cast<sockaddr*>(&address), &length), 0);
+  EXPECT_EQ(address.can_family, AF_CAN);
+  EXPECT_EQ(address.can_ifindex, interface_index("can1"));
 
   pollfd waiter{reader.get(), POLLIN, 0};
   EXPECT_EQ(::poll(&waiter, 1, 0), 0);
-  const can_frame frame = classic_frame(0x5, {5});
-  ASSERT_EQ(::write(writer.get(), &frame, CAN_MTU), CAN_MTU);
+  std::thread later([&] {
+    std::this_thread::sleep_for(50ms);
+    const can_frame frame = classic_frame(0x9, {9});
+    EXPECT_EQ(::write(writer.get(), &frame, CAN_MTU), CAN_MTU);
+  });
   EXPECT_EQ(::poll(&waiter, 1, 2000), 1);
   fd_set readable;
   FD_ZERO(&readable);
   FD_SET(reader.get(), &readable);
   timeval no_wait{0, 0};
   EXPECT_EQ(::select(reader.get() + 1, &readable, nullptr, nullptr, &no_wait), 1);
-
   sockaddr_can source{};
-  socklen_t length = sizeof(source);
-  can_frame got{};
+  canfd_frame got{};
   ASSERT_EQ(
       ::recvfrom(reader.get(), &got, sizeof(got), 0, reinterpret_cast<sockaddr*>(&source), &length),
       CAN_MTU);
+  EXPECT_EQ(got.can_id, 0x9u);
   EXPECT_EQ(source.can_family, AF_CAN);
   EXPECT_EQ(source.can_ifindex, interface_index("can1"));
+  later.join();
+  later = std::thread([&] {  // a blocking read wakes up when a frame arrives
+    std::this_thread::sleep_for(50ms);
+    const canfd_frame big = fd_frame(0x55, 12);
+    EXPECT_EQ(::write(writer.get(), &big, CANFD_MTU), CANFD_MTU);
+  });
+  const int one = 1;
+  ASSERT_EQ(::setsockopt(reader.get(), SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &one, sizeof(one)), 0);
+  EXPECT_EQ(::read(reader.get(), &got, sizeof(got)), CANFD_MTU);
+  later.join();
+
+  const can_filter only_0x10{0x10, CAN_SFF_MASK};
+  ASSERT_EQ(::setsockopt(reader.get(), SOL_CAN_RAW, CAN_RAW_FILTER, &only_0x10, sizeof(only_0x10)),
+            0);
+  for (canid_t id : {0x11, 0x10}) {
+    const can_frame frame = classic_frame(id, {});
+    ASSERT_EQ(::write(writer.get(), &frame, CAN_MTU), CAN_MTU);
+  }
+  EXPECT_EQ(read_ids(reader.get(), 2, 100), std::vector<canid_t>{0x10});
 }
 
 TEST_F(SimbusSocket, CloseAndDupKeepTheDescriptorTableTrue) {
@@ -632,20 +630,6 @@ TEST_F(SimbusSocket, RebindMovesTheSocketAndAFailedRebindKeepsTheOldBinding) {
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(errno_of(::read(moving.get(), &got, sizeof(got))), EAGAIN);
   EXPECT_GE(std::chrono::steady_clock::now() - start, 55ms);
-}
-
-TEST_F(SimbusSocket, BlockingReadWakesUpWhenAFrameArrives) {
-  Fd reader = open_can("can0");
-  Fd writer = open_can("can0");
-  std::thread later([&] {
-    std::this_thread::sleep_for(50ms);
-    const can_frame frame = classic_frame(0x9, {9});
-    EXPECT_EQ(::write(writer.get(), &frame, CAN_MTU), CAN_MTU);
-  });
-  can_frame got{};
-  EXPECT_EQ(::read(reader.get(), &got, sizeof(got)), CAN_MTU);
-  EXPECT_EQ(got.can_id, 0x9u);
-  later.join();
 }
 
 }  // namespace
