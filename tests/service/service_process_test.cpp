@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cmath>
 #include <fstream>
 #include <future>
@@ -145,10 +146,7 @@ TEST_F(ArmService, HoldsTheArmBetweenCommandsAndLendsControlToOneClientAtATime) 
   std::string header;
   std::getline(rows, header);
   EXPECT_THAT(header, ::testing::StartsWith("time_s,kind,"));
-  int count = 0;
-  for (std::string row; std::getline(rows, row);) {
-    ++count;
-  }
+  const auto count = std::count(std::istreambuf_iterator<char>(rows), {}, '\n');
   EXPECT_GT(count, 150);  // 0.5 s at 400 cycles a second, every cycle seen
   EXPECT_EQ(watcher.call("state")["control_holder"].get<int>(), 0);  // each let go of control
 
