@@ -60,9 +60,7 @@ int index_of(const std::string& name) {
 }
 
 int bind_to(int fd, int index, sa_family_t family = AF_CAN) {
-  sockaddr_can address{};
-  address.can_family = family;
-  address.can_ifindex = index;
+  sockaddr_can address{family, index, {}};
   return ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) < 0 ? errno : 0;
 }
 

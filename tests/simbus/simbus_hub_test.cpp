@@ -174,12 +174,8 @@ TEST(HubControl, StateAndMtuAreReadAndChangedFromOutsideAndTheMtuGatesFdWrites) 
   EXPECT_EQ(request.ifr_mtu, CAN_MTU);
   canfd_frame big = fd_frame(0x5, 12);
   iovec part{&big, CANFD_MTU};
-  msghdr message{};
-  message.msg_iov = &part;
-  message.msg_iovlen = 1;
-  sockaddr_can address{};
-  address.can_family = AF_CAN;
-  address.can_ifindex = interface_index("can0");
+  const msghdr message{nullptr, 0, &part, 1, nullptr, 0, 0};
+  const sockaddr_can address{AF_CAN, interface_index("can0"), {}};
   const auto to = reinterpret_cast<const sockaddr*>(&address);
   const std::function<ssize_t()> writes[] = {
       [&] { return ::write(fd_socket.get(), &big, CANFD_MTU); },
@@ -611,9 +607,7 @@ TEST_F(SimbusSocket, RebindMovesTheSocketAndAFailedRebindKeepsTheOldBinding) {
   ASSERT_EQ(::setsockopt(moving.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout)), 0);
   const can_frame frame = classic_frame(0x31, {});
 
-  sockaddr_can address{};
-  address.can_family = AF_CAN;
-  address.can_ifindex = interface_index("nosuch0");
+  sockaddr_can address{AF_CAN, interface_index("nosuch0"), {}};
   EXPECT_EQ(errno_of(::bind(moving.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address))),
             ENODEV);
   ASSERT_EQ(::write(on_can0.get(), &frame, CAN_MTU), CAN_MTU);
