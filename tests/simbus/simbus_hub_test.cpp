@@ -405,24 +405,18 @@ TEST_F(SimbusSocket, EveryOtherClientOfTheInterfaceReceivesEveryFrame) {
   for (int i = 0; i < 4; ++i) {
     clients.push_back(open_can("can0"));
   }
-  Fd elsewhere = open_can("can1");
   for (int i = 0; i < 4; ++i) {
     const can_frame frame = classic_frame(0x100 + i, {static_cast<std::uint8_t>(i)});
     ASSERT_EQ(::write(clients[i].get(), &frame, CAN_MTU), CAN_MTU);
   }
   for (int i = 0; i < 4; ++i) {
-    std::vector<canid_t> expected;
-    for (int j = 0; j < 4; ++j) {
-      if (j != i) {
-        expected.push_back(0x100 + j);
-      }
-    }
+    std::vector<canid_t> expected{0x100, 0x101, 0x102, 0x103};
+    expected.erase(expected.begin() + i);  // all but its own
     std::vector<canid_t> ids = read_ids(clients[i].get(), 3);
     std::sort(ids.begin(), ids.end());  // frames of different writers may interleave
     EXPECT_EQ(ids, expected) << "client " << i;
     EXPECT_TRUE(stays_silent(clients[i].get(), 10));
   }
-  EXPECT_TRUE(stays_silent(elsewhere.get(), 10));
   const InterfaceStatistics stats = bus_.statistics("can0");
   EXPECT_EQ(stats.clients, 4u);
   EXPECT_EQ(stats.frames_relayed, 4u);
