@@ -552,13 +552,13 @@ TEST_F(SimbusSocket, ReadersSeeFramesAsOnTheKernel) {
   EXPECT_EQ(source.can_family, AF_CAN);
   EXPECT_EQ(source.can_ifindex, interface_index("can1"));
   later.join();
+  const int one = 1;
+  ASSERT_EQ(::setsockopt(reader.get(), SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &one, sizeof(one)), 0);
   later = std::thread([&] {  // a blocking read wakes up when a frame arrives
     std::this_thread::sleep_for(50ms);
     const canfd_frame big = fd_frame(0x55, 12);
     EXPECT_EQ(::write(writer.get(), &big, CANFD_MTU), CANFD_MTU);
   });
-  const int one = 1;
-  ASSERT_EQ(::setsockopt(reader.get(), SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &one, sizeof(one)), 0);
   EXPECT_EQ(::read(reader.get(), &got, sizeof(got)), CANFD_MTU);
   later.join();
 
