@@ -1,65 +1,32 @@
-// The kestrel tool as a user runs it: the simulated arm started with `kestrel sim`, then each
-// subcommand as its own process on the same userspace bus, with its exit status and output.
+// The kestrel tool as a user runs it: each subcommand as its own process, beside the simulated
+// arm started with `kestrel sim` on a private userspace bus, judged by exit status and output.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
+#include <cmath>
 #include <fstream>
 #include <sstream>
 
-#include "simbus/simbus_control.hpp"
-#include "simbus/simbus_paths.hpp"
-#include "support/child_process.hpp"
+#include "simbus/private_bus.hpp"
 
 namespace {
 
 using namespace std::chrono_literals;
-using kestrel::testing::Process;
+using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 
-struct Result {
-  int status;
-  std::string output;
-};
+const std::string kTool = KESTREL_CLI_PROGRAM;
 
-// A private bus directory, optionally with the simulated arm served on "clican0".
-class KestrelTool : public ::testing::Test {
+class KestrelTool : public kestrel::testing::PrivateBus {
  protected:
-  void SetUp() override {
-    char dir_template[] = "/tmp/kestrel-cli-test-XXXXXX";
-    dir = ::mkdtemp(dir_template);
-    ::setenv(kestrel::simbus::kDirectoryEnv, dir.c_str(), 1);
+  // Runs a command that must succeed; its output.
+  std::string ok(std::vector<std::string> words) {
+    words.insert(words.begin(), kTool);
+    const auto r = run(words);
+    EXPECT_EQ(r.status, 0) << words[1] << ": " << r.output;
+    return r.output;
   }
-  void TearDown() override {
-    if (sim) {
-      sim->terminate();
-      EXPECT_EQ(sim->wait(), 0) << sim->output();
-    }
-    ::unsetenv(kestrel::simbus::kDirectoryEnv);
-    std::filesystem::remove_all(dir);
-  }
-  void start_sim() {
-    sim = std::make_unique<Process>(
-        std::vector<std::string>{KESTREL_CLI_PROGRAM, "sim", "--serve", "--interface", "clican0"},
-        dir + "/sim.log");
-    bool served = false;
-    for (int i = 0; i < 500 && !served; ++i) {
-      served = kestrel::simbus::is_served(dir, "clican0");
-      std::this_thread::sleep_for(10ms);
-    }
-    ASSERT_TRUE(served) << sim->output();
-  }
-  std::vector<std::string> command(std::vector<std::string> words) {
-    words.insert(words.begin(), KESTREL_CLI_PROGRAM);
-    return words;
-  }
-  Result run(std::vector<std::string> words, std::chrono::seconds timeout = 60s) {
-    Process p(command(std::move(words)), dir + "/run" + std::to_string(++runs) + ".log");
-    const int status = p.wait(timeout);
-    return {status, p.output()};
-  }
-  // The six numbers after "joints rad:" in a command's output.
+  // The six numbers after the last "joints rad:" of a command's output.
   static std::vector<double> joints_in(const std::string& output) {
     const auto at = output.rfind("joints rad:");
     std::istringstream in(at == std::string::npos ? "" : output.substr(at + 11));
@@ -69,81 +36,177 @@ class KestrelTool : public ::testing::Test {
     }
     return q;
   }
-  std::string dir;
-  std::unique_ptr<Process> sim;
-  int runs = 0;
 };
 
-TEST_F(KestrelTool, HelpForEveryCommandAndUsageErrors) {
-  const auto top = run({"--help"});
-  EXPECT_EQ(top.status, 0);
+TEST_F(KestrelTool, HelpUsageErrorsAndProgramChecksNeedNoArm) {
+  const std::string top = ok({"--help"});
   for (const char* sub :
        {"sim", "monitor", "status", "move", "run", "gravity", "record", "latency"}) {
-    EXPECT_THAT(top.output, HasSubstr(std::string("\n  ") + sub + " ")) << sub;
-    const auto help = run({sub, "--help"});
-    EXPECT_EQ(help.status, 0) << sub << help.output;
-    EXPECT_THAT(help.output, HasSubstr("Usage: kestrel")) << sub;
+    EXPECT_THAT(top, HasSubstr(std::string("\n  ") + sub + " ")) << sub;
+    EXPECT_THAT(ok({sub, "--help"}), HasSubstr("Usage: kestrel")) << sub;
   }
-  EXPECT_EQ(run({}).status, 2);
-  // Usage mistakes: exit status 2 and the line that names the mistake.
+  EXPECT_THAT(ok({"run", KESTREL_EXAMPLE_PROGRAM_FILE, "--check"}),
+              HasSubstr("10 steps, all well-formed"));
+  const std::string bad = dir + "/bad.yaml";
+  std::ofstream(bad) << "steps:\n  - movej: {to: [0, 0.4, -0.9, 0, -0.6, 0], time_sec: 1}\n"
+                        "  - movel: {to: [0.3, 0, 0.2]}\n";
+  // Each mistake: its exit status and the line that names it.
   const struct {
     std::vector<std::string> words;
+    int status;
     std::string message;
-  } usage_errors[] = {
-      {{"fly"}, "kestrel: unknown command \"fly\""},
-      {{"status", "--bogus"}, "kestrel status: unknown option --bogus (kestrel status --help)"},
-      {{"move", "--joints", "0.1,0.2"}, "--joints needs 6 numbers separated by commas, got 2"},
-      {{"move", "--joints", "0,0,nan,0,0,0"}, "--joints needs a finite number, not \"nan\""},
+  } mistakes[] = {
+      {{}, 2, ""},
+      {{"fly"}, 2, "kestrel: unknown command \"fly\""},
+      {{"status", "--bogus"}, 2, "kestrel status: unknown option --bogus (kestrel status --help)"},
+      {{"move", "--joints", "0.1,0.2"}, 2, "--joints needs 6 numbers separated by commas, got 2"},
+      {{"move", "--joints", "0,0,nan,0,0,0"}, 2, "--joints needs a finite number, not \"nan\""},
       {{"move", "--joints", "0,0,0,0,0,0", "--time", "1", "--speed", "0.5"},
+       2,
        "give --time or --speed, not both"},
       {{"move", "--joints", "0,0,0,0,0,0", "--speed", "2"},
+       2,
        "--speed must be between 0.001 and 1, not 2"},
-      {{"gravity", "--mode", "posvel"}, "gravity compensation needs --mode mit"},
-      {{"latency", "--bogus"}, "kestrel latency: unknown option --bogus (kestrel latency --help)"},
+      {{"gravity", "--mode", "posvel"}, 2, "gravity compensation needs --mode mit"},
+      {{"latency", "--bogus"},
+       2,
+       "kestrel latency: unknown option --bogus (kestrel latency --help)"},
       {{"latency", "--seconds", "0"},
+       2,
        "kestrel latency: --seconds must be between 0.1 and 86400, not 0"},
+      {{"run", bad, "--check"},
+       1,
+       "kestrel run: " + bad + ":3: step 2: to must be a list of 6 numbers"},
+      {{"status", "--interface", "nocan0"},
+       1,
+       "kestrel status: cannot open CAN interface 'nocan0': No such device (does it exist? for a "
+       "USB adapter: sudo ip link set nocan0 up type can bitrate 1000000)"},
   };
-  for (const auto& row : usage_errors) {
-    const auto r = run(row.words);
-    EXPECT_EQ(r.status, 2) << row.words[0] << ' ' << r.output;
+  for (const auto& row : mistakes) {
+    std::vector<std::string> words = row.words;
+    words.insert(words.begin(), kTool);
+    const auto r = run(words);
+    EXPECT_EQ(r.status, row.status) << r.output;
     EXPECT_THAT(r.output, HasSubstr(row.message));
   }
 }
 
 TEST_F(KestrelTool, LatencyCountsTheLoopOfASimulatedArmItRunsItself) {
-  const auto r = run({"latency", "--seconds", "1"});
-  ASSERT_EQ(r.status, 0) << r.output;
-  EXPECT_THAT(r.output, HasSubstr("kestrel latency: the simulated arm in this process on "));
-  EXPECT_THAT(r.output, ::testing::ContainsRegex("\nrange us +compute +bus I/O +jitter\n"));
-  EXPECT_THAT(r.output, ::testing::ContainsRegex("\nsummary us +compute +bus I/O +jitter\n"));
+  const std::string out = ok({"latency", "--seconds", "1"});
+  EXPECT_THAT(out, HasSubstr("kestrel latency: the simulated arm in this process on "));
+  EXPECT_THAT(out, ContainsRegex("\nrange us +compute +bus I/O +jitter\n"));
+  EXPECT_THAT(out, ContainsRegex("\nsummary us +compute +bus I/O +jitter\n"));
   for (const char* label :
        {"< 5 ", "< 10 ", "< 20 ", "< 50 ", "< 100 ", "< 200 ", "< 500 ", "< 1000 ", "< 2500 ",
         ">= 2500 ", "min ", "median ", "p99 ", "max ", "missed deadlines ", "missed per minute "}) {
-    EXPECT_THAT(r.output, HasSubstr(std::string("\n") + label)) << label;
+    EXPECT_THAT(out, HasSubstr(std::string("\n") + label)) << label;
   }
-  const auto at = r.output.find("\ncycles ");
-  ASSERT_NE(at, std::string::npos) << r.output;
+  const auto at = out.find("\ncycles ");
+  ASSERT_NE(at, std::string::npos) << out;
   unsigned long long cycles = 0;
-  std::istringstream(r.output.substr(at + 8)) >> cycles;
-  EXPECT_GT(cycles, 0u) << r.output;
+  std::istringstream(out.substr(at + 8)) >> cycles;
+  EXPECT_GT(cycles, 0u) << out;
 }
 
-TEST_F(KestrelTool, MissingAndDownInterfacesAreRefusedWithTheReason) {
-  const auto missing = run({"status", "--interface", "nocan0"});
-  EXPECT_EQ(missing.status, 1);
-  EXPECT_THAT(missing.output,
-              HasSubstr("kestrel status: cannot open CAN interface 'nocan0': No such device "
-                        "(does it exist? for a USB adapter: sudo ip link set nocan0 up type can "
-                        "bitrate 1000000)"));
-  start_sim();
-  Process down({KESTREL_SIMBUS_PROGRAM, "set", "clican0", "down"}, dir + "/down.log");
-  ASSERT_EQ(down.wait(), 0) << down.output();
-  const auto refused = run({"move", "--interface", "clican0", "--joints", "0,0.4,-0.8,0,-0.6,0"});
+TEST_F(KestrelTool, StatusMonitorAndRecordReadTheArmWithoutMovingIt) {
+  start_sim("clican0");
+  // Status reads every motor without enabling one; the monitor beside it decodes those frames.
+  const auto monitor = start({kTool, "monitor", "clican0", "--duration", "3"});
+  std::this_thread::sleep_for(300ms);
+  const std::string status = ok({"status", "--interface", "clican0"});
+  for (const char* text : {"joint 1", "joint 6", "gripper", "0 Disabled", "tool pose: x ",
+                           "7 of 7 motors answered\nCAN send failures: 0\n"}) {
+    EXPECT_THAT(status, HasSubstr(text));
+  }
+  EXPECT_THAT(status, ::testing::Not(HasSubstr("Enabled")));
+  EXPECT_EQ(monitor->wait(), 0) << monitor->output();
+  EXPECT_THAT(monitor->output(), HasSubstr("joint 1 (id 1) refresh"));
+  EXPECT_THAT(monitor->output(), HasSubstr("gripper (id 7) feedback Disabled (0)"));
+  EXPECT_THAT(ok({"status", "--interface", "clican0", "--no-gripper"}),
+              HasSubstr("6 of 6 motors answered"));
+
+  // Record writes one row per control cycle: one second at 400 Hz, less the cycles that fall
+  // between two polls on a busy machine.
+  const std::string csv = dir + "/record.csv";
+  ok({"record", "--interface", "clican0", "--seconds", "1", "--output", csv});
+  std::ifstream in(csv);
+  std::string header;
+  std::getline(in, header);
+  EXPECT_THAT(header, ::testing::StartsWith("time_s,kind,cmd_q1,"));
+  EXPECT_THAT(header, ::testing::EndsWith(",tau6,cmd_gripper_m,gripper_m"));
+  int rows = 0;
+  double last_time = -1.0;
+  for (std::string line; std::getline(in, line); ++rows) {
+    EXPECT_GT(std::stod(line), last_time);
+    last_time = std::stod(line);
+  }
+  EXPECT_GT(rows, 300);
+  EXPECT_LE(rows, 410);
+}
+
+// Each on an arm of its own: one left disabled by a previous command sags under gravity, and the
+// run-time acceleration check would stop the next motion.
+TEST_F(KestrelTool, MotionCommandsArriveWhereTheySay) {
+  const std::string program = dir + "/short.yaml";
+  std::ofstream(program) << "steps:\n"
+                            "  - movej: {to: [0, 0.4, -0.9, 0, -0.6, 0], time_sec: 1.5}\n"
+                            "  - gripper: open\n"
+                            "  - sleep: 0.2\n"
+                            "  - movej: {to: [0.3, 0.4, -0.9, 0, -0.6, 0], time_sec: 1.0}\n";
+  const double deg = M_PI / 180.0;
+  const struct {
+    const char* name;
+    std::vector<std::string> words;
+    std::string says;
+    std::vector<double> joints;  // where it ends (only as many as given)
+  } commands[] = {
+      {"a joint target in degrees",
+       {"move", "--joints", "0,23,-46,0,-34,10", "--deg", "--time", "2"},
+       "moved in 2.000 s (planned)",
+       {0, 23 * deg, -46 * deg, 0, -34 * deg, 10 * deg}},
+      {"a program file",
+       {"run", program},
+       "program done: 4 steps, 2.500 s of planned motion",
+       {0.3}},
+      {"gravity compensation", {"gravity", "--seconds", "1"}, "floating: move the arm by hand", {}},
+  };
+  for (const auto& row : commands) {
+    SCOPED_TRACE(row.name);
+    start_sim("clican0");
+    std::vector<std::string> words = row.words;
+    words.insert(words.end(), {"--interface", "clican0"});
+    const std::string out = ok(words);
+    EXPECT_THAT(out, HasSubstr(row.says));
+    EXPECT_THAT(out, HasSubstr("joints rad:"));
+    for (std::size_t j = 0; j < row.joints.size(); ++j) {
+      EXPECT_NEAR(joints_in(out)[j], row.joints[j], 0.01) << j;
+    }
+  }
+  start_sim("clican0");  // a tool pose target is solved for
+  EXPECT_THAT(ok({"move", "--interface", "clican0", "--pose", "0.30,0.05,0.22,3.14159,0,0",
+                  "--time", "2.5"}),
+              ContainsRegex("tool pose:  x 0\\.30[0-9]*  y 0\\.0[45]"));
+
+  start_sim("clican0");  // Ctrl-C stops the arm where it is
+  const auto move = start({kTool, "move", "--interface", "clican0", "--joints",
+                           "1.0,0.4,-0.9,0,-0.6,0", "--time", "6"});
+  std::this_thread::sleep_for(2500ms);
+  move->interrupt();
+  EXPECT_EQ(move->wait(10s), 130) << move->output();
+  EXPECT_THAT(move->output(), HasSubstr("kestrel: stop requested: holding the arm"));
+  EXPECT_THAT(move->output(), HasSubstr("kestrel: stopped (motion stopped)"));
+}
+
+TEST_F(KestrelTool, DownAndClassicInterfacesAreRefusedWithTheReason) {
+  start_sim("clican0");
+  ASSERT_EQ(run({KESTREL_SIMBUS_PROGRAM, "set", "clican0", "down"}).status, 0);
+  const auto refused =
+      run({kTool, "move", "--interface", "clican0", "--joints", "0,0.4,-0.8,0,-0.6,0"});
   EXPECT_EQ(refused.status, 1);
   EXPECT_THAT(refused.output,
               HasSubstr("kestrel move: CAN interface 'clican0' is DOWN (bring it up: sudo ip link "
                         "set clican0 up type can bitrate 1000000)"));
-  const auto bad_file = run({"run", dir + "/none.yaml", "--interface", "clican0"});
+  const auto bad_file = run({kTool, "run", dir + "/none.yaml", "--interface", "clican0"});
   EXPECT_EQ(bad_file.status, 1);
   EXPECT_THAT(bad_file.output,
               HasSubstr("kestrel run: " + dir + "/none.yaml: cannot open the file"));
@@ -155,9 +218,9 @@ TEST_F(KestrelTool, MissingAndDownInterfacesAreRefusedWithTheReason) {
       "FD with: sudo ip link set clican0 down && sudo ip link set clican0 up type can bitrate "
       "1000000 dbitrate 5000000 fd on (a vcan: sudo ip link set clican0 mtu 72)\n";
   const std::pair<std::vector<std::string>, std::string> fd_refusals[] = {
-      {{"status", "--interface", "clican0", "--fd"}, "kestrel status"},
-      {{"monitor", "clican0", "--fd", "--duration", "1"}, "kestrel-monitor"},
-      {{"sim", "--interface", "clican0", "--fd"}, "kestrel-sim"},
+      {{kTool, "status", "--interface", "clican0", "--fd"}, "kestrel status"},
+      {{kTool, "monitor", "clican0", "--fd", "--duration", "1"}, "kestrel-monitor"},
+      {{kTool, "sim", "--interface", "clican0", "--fd"}, "kestrel-sim"},
   };
   for (const auto& [words, program] : fd_refusals) {
     const auto r = run(words);
@@ -165,122 +228,6 @@ TEST_F(KestrelTool, MissingAndDownInterfacesAreRefusedWithTheReason) {
     EXPECT_EQ(r.output, program + classic);
   }
   EXPECT_EQ(kestrel::simbus::query_interface(dir, "clican0")->frames_received, 0u);
-}
-
-TEST_F(KestrelTool, StatusReadsEveryMotorWithoutEnablingIt) {
-  start_sim();
-  const auto status = run({"status", "--interface", "clican0"});
-  EXPECT_EQ(status.status, 0) << status.output;
-  for (const char* motor : {"joint 1", "joint 6", "gripper"}) {
-    EXPECT_THAT(status.output, HasSubstr(motor));
-  }
-  EXPECT_THAT(status.output, HasSubstr("0 Disabled"));
-  EXPECT_THAT(status.output, ::testing::Not(HasSubstr("Enabled")));
-  EXPECT_THAT(status.output, HasSubstr("tool pose: x "));
-  EXPECT_THAT(status.output, HasSubstr("7 of 7 motors answered\nCAN send failures: 0\n"));
-  const auto without_gripper = run({"status", "--interface", "clican0", "--no-gripper"});
-  EXPECT_THAT(without_gripper.output, HasSubstr("6 of 6 motors answered"));
-}
-
-TEST_F(KestrelTool, MoveArrivesAtAJointTargetGivenInDegrees) {
-  start_sim();
-  const auto joints = run(
-      {"move", "--interface", "clican0", "--joints", "0,23,-46,0,-34,10", "--deg", "--time", "2"});
-  ASSERT_EQ(joints.status, 0) << joints.output;
-  EXPECT_THAT(joints.output, HasSubstr("moved in 2.000 s (planned)"));
-  const auto q = joints_in(joints.output);
-  const double deg = M_PI / 180.0;
-  const std::vector<double> target = {0, 23 * deg, -46 * deg, 0, -34 * deg, 10 * deg};
-  for (int j = 0; j < 6; ++j) {
-    EXPECT_NEAR(q[j], target[j], 0.01) << j;
-  }
-}
-
-TEST_F(KestrelTool, PoseMoveSolvesTheToolTarget) {
-  start_sim();
-  const auto pose = run(
-      {"move", "--interface", "clican0", "--pose", "0.30,0.05,0.22,3.14159,0,0", "--time", "2.5"});
-  ASSERT_EQ(pose.status, 0) << pose.output;
-  EXPECT_THAT(pose.output, ::testing::ContainsRegex("tool pose:  x 0\\.30[0-9]*  y 0\\.0[45]"));
-}
-
-TEST_F(KestrelTool, RunChecksThenRunsAProgramFile) {
-  const auto check = run({"run", KESTREL_EXAMPLE_PROGRAM_FILE, "--check"});
-  EXPECT_EQ(check.status, 0) << check.output;
-  EXPECT_THAT(check.output, HasSubstr("10 steps, all well-formed"));
-  const std::string bad = dir + "/bad.yaml";
-  std::ofstream(bad) << "steps:\n  - movej: {to: [0, 0.4, -0.9, 0, -0.6, 0], time_sec: 1}\n"
-                        "  - movel: {to: [0.3, 0, 0.2]}\n";
-  const auto refused = run({"run", bad, "--check"});
-  EXPECT_EQ(refused.status, 1);
-  EXPECT_THAT(refused.output,
-              HasSubstr("kestrel run: " + bad + ":3: step 2: to must be a list of 6 numbers"));
-
-  start_sim();
-  const std::string program = dir + "/short.yaml";
-  std::ofstream(program) << "steps:\n"
-                            "  - movej: {to: [0, 0.4, -0.9, 0, -0.6, 0], time_sec: 1.5}\n"
-                            "  - gripper: open\n"
-                            "  - sleep: 0.2\n"
-                            "  - movej: {to: [0.3, 0.4, -0.9, 0, -0.6, 0], time_sec: 1.0}\n";
-  const auto ran = run({"run", program, "--interface", "clican0"});
-  ASSERT_EQ(ran.status, 0) << ran.output;
-  EXPECT_THAT(ran.output, HasSubstr("program done: 4 steps, 2.500 s of planned motion"));
-  EXPECT_NEAR(joints_in(ran.output)[0], 0.3, 0.01);
-}
-
-TEST_F(KestrelTool, RecordWritesOneRowPerControlCycle) {
-  start_sim();
-  const std::string csv = dir + "/record.csv";
-  const auto recorded =
-      run({"record", "--interface", "clican0", "--seconds", "1", "--output", csv});
-  ASSERT_EQ(recorded.status, 0) << recorded.output;
-  std::ifstream in(csv);
-  std::string header;
-  std::getline(in, header);
-  EXPECT_THAT(header, ::testing::StartsWith("time_s,kind,cmd_q1,"));
-  EXPECT_THAT(header, ::testing::EndsWith(",tau6,cmd_gripper_m,gripper_m"));
-  int rows = 0;
-  double last_time = -1.0;
-  for (std::string line; std::getline(in, line); ++rows) {
-    const double t = std::stod(line);
-    EXPECT_GT(t, last_time);
-    last_time = t;
-  }
-  // One second at 400 Hz, less the cycles that fall between two polls on a busy machine.
-  EXPECT_GT(rows, 300);
-  EXPECT_LE(rows, 410);
-}
-
-TEST_F(KestrelTool, GravityFloatsForItsSeconds) {
-  start_sim();
-  const auto floated = run({"gravity", "--interface", "clican0", "--seconds", "1"});
-  EXPECT_EQ(floated.status, 0) << floated.output;
-  EXPECT_THAT(floated.output, HasSubstr("floating: move the arm by hand"));
-  EXPECT_THAT(floated.output, HasSubstr("joints rad:"));
-}
-
-TEST_F(KestrelTool, CtrlCStopsTheArmWhereItIs) {
-  start_sim();
-  Process move(command({"move", "--interface", "clican0", "--joints", "1.0,0.4,-0.9,0,-0.6,0",
-                        "--time", "6"}),
-               dir + "/move.log");
-  std::this_thread::sleep_for(2500ms);
-  move.interrupt();
-  EXPECT_EQ(move.wait(10s), 130) << move.output();
-  EXPECT_THAT(move.output(), HasSubstr("kestrel: stop requested: holding the arm"));
-  EXPECT_THAT(move.output(), HasSubstr("kestrel: stopped (motion stopped)"));
-}
-
-TEST_F(KestrelTool, MonitorSeesTheBusOfTheSimulatedArm) {
-  start_sim();
-  Process monitor(command({"monitor", "clican0", "--duration", "3"}), dir + "/monitor.log");
-  std::this_thread::sleep_for(300ms);
-  const auto status = run({"status", "--interface", "clican0"});
-  EXPECT_EQ(status.status, 0);
-  EXPECT_EQ(monitor.wait(), 0) << monitor.output();
-  EXPECT_THAT(monitor.output(), HasSubstr("joint 1 (id 1) refresh"));
-  EXPECT_THAT(monitor.output(), HasSubstr("gripper (id 7) feedback Disabled (0)"));
 }
 
 }  // namespace

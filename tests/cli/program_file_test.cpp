@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <functional>
 
 #include "program_file.hpp"
 
@@ -12,13 +13,18 @@ namespace {
 using kestrel::cli::parse_program;
 using kestrel::cli::ProgramStep;
 
-std::string error_of(const std::string& text) {
+// The message a program is refused with, "no error" when none.
+std::string error_of(const std::function<void()>& load) {
   try {
-    parse_program(text, "p.yaml");
+    load();
   } catch (const std::runtime_error& e) {
     return e.what();
   }
   return "no error";
+}
+
+std::string error_of(const std::string& text) {
+  return error_of([&] { parse_program(text, "p.yaml"); });
 }
 
 TEST(ProgramFile, StepsBecomeProgramItemsWithTheirUnits) {
@@ -62,57 +68,48 @@ steps:
 
 TEST(ProgramFile, MistakesNameTheFileLineAndStep) {
   const std::string head = "steps:\n  - sleep: 1\n";
-  EXPECT_EQ(error_of(head + "  - jump: {to: [0, 0, 0, 0, 0, 0]}\n"),
-            "p.yaml:3: step 2: unknown step \"jump\" (expected movej, movel, movep, sleep or "
-            "gripper)");
-  EXPECT_EQ(error_of(head + "  - movej: {to: [0, 0, 0]}\n"),
-            "p.yaml:3: step 2: to must be a list of 6 numbers");
-  EXPECT_EQ(error_of(head + "  - movej: {to: [0, 0, x, 0, 0, 0]}\n"),
-            "p.yaml:3: step 2: to value 3 must be a number, not \"x\"");
-  EXPECT_EQ(error_of(head + "  - movej: {to: [0, 0, .nan, 0, 0, 0]}\n"),
-            "p.yaml:3: step 2: to value 3 must be finite");
-  EXPECT_EQ(
-      error_of(head + "  - movej: {to: [0, 0, 0, 0, 0, 0], time_sec: 1, speed_percent: 0.5}\n"),
-      "p.yaml:3: step 2: give time_sec or speed_percent, not both");
-  EXPECT_EQ(error_of(head + "  - movel: {to: [0.3, 0, 0.2, 3.1, 0, 0], speed_percent: 1.5}\n"),
-            "p.yaml:3: step 2: speed_percent must be in (0, 1] (a fraction of the speed limits)");
-  EXPECT_EQ(error_of(head + "  - movej: {to: [0, 0, 0, 0, 0, 0], time_sec: 0}\n"),
-            "p.yaml:3: step 2: time_sec must be positive");
-  EXPECT_EQ(error_of(head + "  - movej: {to: [0, 0, 0, 0, 0, 0], blend_radius_m: 0.1}\n"),
-            "p.yaml:3: step 2: unknown key \"blend_radius_m\" (expected to, waypoints, time_sec, "
-            "speed_percent)");
-  EXPECT_EQ(error_of(head + "  - movep: {to: [0.3, 0, 0.2, 3, 0, 0], poses: []}\n"),
-            "p.yaml:3: step 2: give either to: (one target) or poses: (a list of targets)");
-  EXPECT_EQ(error_of(head + "  - gripper: 2\n"),
-            "p.yaml:3: step 2: gripper must be open, close or a fraction in [0, 1]");
-  EXPECT_EQ(error_of(head + "  - sleep: -1\n"),
-            "p.yaml:3: step 2: sleep must be a non-negative number of seconds");
-  EXPECT_EQ(
-      error_of(head + "  - {sleep: 1, gripper: open}\n"),
-      "p.yaml:3: step 2: a step is a map with one key: movej, movel, movep, sleep or gripper");
-  // A list or a map as a key (found by fuzzing: yaml-cpp's conversion error escaped unnamed).
-  EXPECT_EQ(error_of(head + "  - movej: {to: [0, 0, 0, 0, 0, 0], [1]: 2}\n"),
-            "p.yaml:3: step 2: a key must be a word, not a list or a map");
-  EXPECT_EQ(error_of(head + "  - {[movej]: 1}\n"),
-            "p.yaml:3: step 2: a key must be a word, not a list or a map");
-}
-
-TEST(ProgramFile, FileLevelMistakes) {
-  EXPECT_EQ(error_of("steps: []\n"), "p.yaml: \"steps:\" must be a non-empty list");
-  EXPECT_EQ(error_of("- sleep: 1\n"), "p.yaml: expected a map with a \"steps:\" list");
-  EXPECT_EQ(error_of("angle_unit: grad\nsteps:\n  - sleep: 1\n"),
-            "p.yaml: angle_unit must be rad or deg, not \"grad\"");
-  EXPECT_EQ(error_of("speed: 1\nsteps:\n  - sleep: 1\n"),
-            "p.yaml: unknown top-level key \"speed\" (expected steps, angle_unit)");
-  EXPECT_EQ(error_of("{a: b}: 1\nsteps:\n  - sleep: 1\n"),
-            "p.yaml: a top-level key must be a word, not a list or a map");
-  EXPECT_THAT(error_of("steps: [\n"), ::testing::StartsWith("p.yaml: not valid YAML: "));
-  try {
-    kestrel::cli::load_program_file("/nonexistent/program.yaml");
-    ADD_FAILURE();
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "/nonexistent/program.yaml: cannot open the file");
+  const std::string p3 = "p.yaml:3: step 2: ";
+  const struct {
+    std::string text;
+    std::string message;
+  } rows[] = {
+      {head + "  - jump: {to: [0, 0, 0, 0, 0, 0]}\n",
+       p3 + "unknown step \"jump\" (expected movej, movel, movep, sleep or gripper)"},
+      {head + "  - movej: {to: [0, 0, 0]}\n", p3 + "to must be a list of 6 numbers"},
+      {head + "  - movej: {to: [0, 0, x, 0, 0, 0]}\n",
+       p3 + "to value 3 must be a number, not \"x\""},
+      {head + "  - movej: {to: [0, 0, .nan, 0, 0, 0]}\n", p3 + "to value 3 must be finite"},
+      {head + "  - movej: {to: [0, 0, 0, 0, 0, 0], time_sec: 1, speed_percent: 0.5}\n",
+       p3 + "give time_sec or speed_percent, not both"},
+      {head + "  - movel: {to: [0.3, 0, 0.2, 3.1, 0, 0], speed_percent: 1.5}\n",
+       p3 + "speed_percent must be in (0, 1] (a fraction of the speed limits)"},
+      {head + "  - movej: {to: [0, 0, 0, 0, 0, 0], time_sec: 0}\n",
+       p3 + "time_sec must be positive"},
+      {head + "  - movej: {to: [0, 0, 0, 0, 0, 0], blend_radius_m: 0.1}\n",
+       p3 + "unknown key \"blend_radius_m\" (expected to, waypoints, time_sec, speed_percent)"},
+      {head + "  - movep: {to: [0.3, 0, 0.2, 3, 0, 0], poses: []}\n",
+       p3 + "give either to: (one target) or poses: (a list of targets)"},
+      {head + "  - gripper: 2\n", p3 + "gripper must be open, close or a fraction in [0, 1]"},
+      {head + "  - sleep: -1\n", p3 + "sleep must be a non-negative number of seconds"},
+      {head + "  - {sleep: 1, gripper: open}\n",
+       p3 + "a step is a map with one key: movej, movel, movep, sleep or gripper"},
+      // A list or a map as a key (found by fuzzing: yaml-cpp's conversion error escaped unnamed).
+      {head + "  - movej: {to: [0, 0, 0, 0, 0, 0], [1]: 2}\n",
+       p3 + "a key must be a word, not a list or a map"},
+      {head + "  - {[movej]: 1}\n", p3 + "a key must be a word, not a list or a map"},
+      // Mistakes of the whole file.
+      {"steps: []\n", "p.yaml: \"steps:\" must be a non-empty list"},
+      {"- sleep: 1\n", "p.yaml: expected a map with a \"steps:\" list"},
+      {"angle_unit: grad\n" + head, "p.yaml: angle_unit must be rad or deg, not \"grad\""},
+      {"speed: 1\n" + head, "p.yaml: unknown top-level key \"speed\" (expected steps, angle_unit)"},
+      {"{a: b}: 1\n" + head, "p.yaml: a top-level key must be a word, not a list or a map"},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(error_of(row.text), row.message) << row.text;
   }
+  EXPECT_THAT(error_of("steps: [\n"), ::testing::StartsWith("p.yaml: not valid YAML: "));
+  EXPECT_EQ(error_of([] { kestrel::cli::load_program_file("/nonexistent/program.yaml"); }),
+            "/nonexistent/program.yaml: cannot open the file");
 }
 
 }  // namespace

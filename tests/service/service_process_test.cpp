@@ -6,17 +6,14 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cmath>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <future>
 
 #include "service/line_channel.hpp"
 #include "service/service_client.hpp"
-#include "simbus/simbus_control.hpp"
-#include "simbus/simbus_paths.hpp"
-#include "support/child_process.hpp"
+#include "simbus/private_bus.hpp"
 
 namespace {
 
@@ -31,24 +28,14 @@ using ::testing::HasSubstr;
 const std::vector<double> kPostureA{0.0, 0.4, -0.8, 0.0, -0.6, 0.0};
 const std::vector<double> kPostureB{0.3, 0.8, -1.2, 0.2, -0.5, 0.1};
 
-// A private bus and service folder, the simulated arm on "svccan0" and `kestrel serve` for it.
-class ArmService : public ::testing::Test {
+// The simulated arm on "svccan0" and `kestrel serve` for it, on a private bus and service folder.
+class ArmService : public kestrel::testing::PrivateBus {
  protected:
   void SetUp() override {
-    char dir_template[] = "/tmp/kestrel-service-test-XXXXXX";
-    dir = ::mkdtemp(dir_template);
-    ::setenv(kestrel::simbus::kDirectoryEnv, dir.c_str(), 1);
+    PrivateBus::SetUp();
     ::setenv("KESTREL_SERVICE_DIR", (dir + "/service").c_str(), 1);
-    sim = std::make_unique<Process>(
-        std::vector<std::string>{KESTREL_CLI_PROGRAM, "sim", "--serve", "--interface", "svccan0"},
-        dir + "/sim.log");
-    bool served = false;
-    for (int i = 0; i < 500 && !served; ++i) {
-      served = kestrel::simbus::is_served(dir, "svccan0");
-      std::this_thread::sleep_for(10ms);
-    }
-    ASSERT_TRUE(served) << sim->output();
-    service = start_service("serve.log");
+    ASSERT_NO_FATAL_FAILURE(start_sim("svccan0"));
+    service = start_service();
     for (int i = 0; i < 500 && !std::filesystem::exists(socket()); ++i) {
       std::this_thread::sleep_for(10ms);
     }
@@ -59,24 +46,21 @@ class ArmService : public ::testing::Test {
       service->terminate();
       EXPECT_EQ(service->wait(), 0) << service->output();
     }
-    sim->terminate();
-    EXPECT_EQ(sim->wait(), 0) << sim->output();
-    ::unsetenv(kestrel::simbus::kDirectoryEnv);
     ::unsetenv("KESTREL_SERVICE_DIR");
-    std::filesystem::remove_all(dir);
+    PrivateBus::TearDown();
   }
-  std::unique_ptr<Process> start_service(const std::string& log) {
-    return std::make_unique<Process>(
-        std::vector<std::string>{KESTREL_CLI_PROGRAM, "serve", "--interface", "svccan0"},
-        dir + "/" + log);
+  std::unique_ptr<Process> start_service() {
+    return start({KESTREL_CLI_PROGRAM, "serve", "--interface", "svccan0"});
   }
   std::string socket() const { return dir + "/service/svccan0.sock"; }
-  std::pair<int, std::string> run(std::vector<std::string> words) {
+  // A kestrel command for the arm, which must go through the service and succeed.
+  std::string through_service(std::vector<std::string> words) {
     words.insert(words.begin(), KESTREL_CLI_PROGRAM);
     words.insert(words.end(), {"--interface", "svccan0"});
-    Process p(words, dir + "/run" + std::to_string(++runs) + ".log");
-    const int status = p.wait(60s);
-    return {status, p.output()};
+    const auto r = run(words);
+    EXPECT_EQ(r.status, 0) << r.output << service->output();
+    EXPECT_THAT(r.output, HasSubstr("kestrel: using the arm service at " + socket()));
+    return r.output;
   }
   static std::vector<double> joints(ServiceClient& client) {
     return client.call("state")["joints"].get<std::vector<double>>();
@@ -95,6 +79,11 @@ class ArmService : public ::testing::Test {
     }
     return drift;
   }
+  // Once a motion towards kPostureB was cut short: the arm holds still, short of it.
+  static void holds_short_of_b(ServiceClient& watcher) {
+    EXPECT_LT(largest_drift(watcher, 0.5), 0.003);
+    EXPECT_GT(std::abs(joints(watcher)[1] - kPostureB[1]), 0.05);  // it did not go on
+  }
   // The error a call is answered with: "type: message".
   template <typename Call>
   static std::string error_of(Call call) {
@@ -109,16 +98,22 @@ class ArmService : public ::testing::Test {
     }
     return "no error";
   }
-  std::string dir;
-  std::unique_ptr<Process> sim;
+  // A 4 s motion towards kPostureB by `holder`, in the background: its error once it ends.
+  static std::future<std::string> long_motion(ServiceClient& holder) {
+    holder.call("acquire");
+    return std::async(std::launch::async, [&holder] {
+      return error_of([&] {
+        holder.call("move_joint_waypoints", {{"waypoints", {kPostureB}}, {"time_sec", 4.0}});
+      });
+    });
+  }
   std::unique_ptr<Process> service;
-  int runs = 0;
 };
 
-TEST_F(ArmService, KeepsTheArmHeldBetweenClientCommandsOnAnOwnerOnlySocket) {
+TEST_F(ArmService, HoldsTheArmBetweenCommandsAndLendsControlToOneClientAtATime) {
   struct stat info {};
   ASSERT_EQ(::stat(socket().c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 0777, 0600u);
+  EXPECT_EQ(info.st_mode & 0777, 0600u);  // owner only
   ServiceClient watcher(socket());
   for (const auto& target : {kPostureA, kPostureB, kPostureA}) {
     std::string text;
@@ -126,9 +121,7 @@ TEST_F(ArmService, KeepsTheArmHeldBetweenClientCommandsOnAnOwnerOnlySocket) {
       text += std::to_string(v) + ",";
     }
     text.pop_back();
-    const auto [status, output] = run({"move", "--joints", text, "--time", "1.5"});
-    ASSERT_EQ(status, 0) << output << service->output();
-    EXPECT_THAT(output, HasSubstr("kestrel: using the arm service at " + socket()));
+    through_service({"move", "--joints", text, "--time", "1.5"});
     // Between commands the arm holds: joint 2 carries the arm's weight and would fall first.
     EXPECT_LT(largest_drift(watcher, 0.6), 0.003);
     const auto q = joints(watcher);
@@ -136,46 +129,28 @@ TEST_F(ArmService, KeepsTheArmHeldBetweenClientCommandsOnAnOwnerOnlySocket) {
       EXPECT_NEAR(q[j], target[j], 0.01) << "joint " << j + 1;
     }
   }
-  const auto [status, output] = run({"status"});
-  EXPECT_EQ(status, 0) << output;
-  EXPECT_THAT(output, HasSubstr("motors: holding; control free"));
-}
+  EXPECT_THAT(through_service({"status"}), HasSubstr("motors: holding; control free"));
 
-TEST_F(ArmService, RunRecordAndGravityGoThroughTheService) {
   const std::string program = dir + "/program.yaml";
   std::ofstream(program) << "steps:\n"
                             "  - movej: {to: [0.0, 0.4, -0.8, 0.0, -0.6, 0.0], time_sec: 2.0}\n"
                             "  - gripper: open\n";
+  EXPECT_THAT(through_service({"run", program}),
+              HasSubstr("program done: 2 steps, 2.000 s of planned motion"));
   const std::string csv = dir + "/record.csv";
-  const struct {
-    std::vector<std::string> words;
-    std::string says;
-  } commands[] = {
-      {{"run", program}, "program done: 2 steps, 2.000 s of planned motion"},
-      {{"record", "--seconds", "0.5", "--output", csv}, "kestrel record: "},
-      {{"gravity", "--seconds", "0.3"}, "floating: move the arm by hand"},
-  };
-  for (const auto& c : commands) {
-    const auto [status, output] = run(c.words);
-    EXPECT_EQ(status, 0) << output << service->output();
-    EXPECT_THAT(output, HasSubstr("kestrel: using the arm service at " + socket()));
-    EXPECT_THAT(output, HasSubstr(c.says));
-  }
+  EXPECT_THAT(through_service({"record", "--seconds", "0.5", "--output", csv}),
+              HasSubstr("kestrel record: "));
+  EXPECT_THAT(through_service({"gravity", "--seconds", "0.3"}),
+              HasSubstr("floating: move the arm by hand"));
   std::ifstream rows(csv);
   std::string header;
   std::getline(rows, header);
   EXPECT_THAT(header, ::testing::StartsWith("time_s,kind,"));
-  int count = 0;
-  for (std::string row; std::getline(rows, row);) {
-    ++count;
-  }
+  const auto count = std::count(std::istreambuf_iterator<char>(rows), {}, '\n');
   EXPECT_GT(count, 150);  // 0.5 s at 400 cycles a second, every cycle seen
-  ServiceClient watcher(socket());
   EXPECT_EQ(watcher.call("state")["control_holder"].get<int>(), 0);  // each let go of control
-}
 
-TEST_F(ArmService, OneClientHoldsControlUntilItReleasesOrDisconnects) {
-  ServiceClient first(socket());
+  ServiceClient& first = watcher;
   auto second = std::make_unique<ServiceClient>(socket());
   const json move{{"q", kPostureA}, {"time_sec", 1.0}};
   EXPECT_EQ(error_of([&] { first.call("set_joint", move); }),
@@ -198,42 +173,48 @@ TEST_F(ArmService, OneClientHoldsControlUntilItReleasesOrDisconnects) {
   EXPECT_EQ(first.call("acquire")["client"].get<int>(), holder);
 }
 
-TEST_F(ArmService, StopFromAWatchingClientEndsTheHoldersMotion) {
-  ServiceClient holder(socket());
+TEST_F(ArmService, StopOrADisconnectMidMotionLeavesTheArmHoldingAndSigtermEndsCleanly) {
   ServiceClient watcher(socket());
-  holder.call("acquire");
-  auto motion = std::async(std::launch::async, [&] {
-    return error_of([&] {
-      holder.call("move_joint_waypoints", {{"waypoints", {kPostureB}}, {"time_sec", 4.0}});
-    });
-  });
-  std::this_thread::sleep_for(1s);
-  watcher.call("stop");
-  ASSERT_EQ(motion.wait_for(2s), std::future_status::ready);
-  EXPECT_EQ(motion.get(), "runtime_error: motion stopped");
-  std::this_thread::sleep_for(300ms);  // braking to rest
-  EXPECT_LT(largest_drift(watcher, 0.5), 0.003);
-  EXPECT_GT(std::abs(joints(watcher)[1] - kPostureB[1]), 0.05);  // it did not go on
-}
-
-TEST_F(ArmService, AClientThatDisconnectsMidMotionLeavesTheArmHolding) {
-  ServiceClient watcher(socket());
-  {
+  {  // stop from a watching client ends the holder's motion
+    ServiceClient holder(socket());
+    auto motion = long_motion(holder);
+    std::this_thread::sleep_for(1s);
+    watcher.call("stop");
+    ASSERT_EQ(motion.wait_for(2s), std::future_status::ready);
+    EXPECT_EQ(motion.get(), "runtime_error: motion stopped");
+    std::this_thread::sleep_for(300ms);  // braking to rest
+    holds_short_of_b(watcher);
+    holder.call("release");
+  }
+  {  // a holder that goes mid-motion
     LineChannel holder(LineChannel::connect_unix(socket()));
     ASSERT_TRUE(holder.write_line(R"({"id":1,"op":"acquire"})"));
     ASSERT_TRUE(holder.write_line(json{
         {"id", 2}, {"op", "move_joint_waypoints"}, {"waypoints", {kPostureB}}, {"time_sec", 4.0}}
                                       .dump()));
     std::this_thread::sleep_for(1s);
-  }  // gone mid-motion
+  }
   std::this_thread::sleep_for(500ms);
-  EXPECT_LT(largest_drift(watcher, 0.5), 0.003);
-  EXPECT_GT(std::abs(joints(watcher)[1] - kPostureB[1]), 0.05);
+  holds_short_of_b(watcher);
   EXPECT_EQ(watcher.call("state")["control_holder"].get<int>(), 0);
-  EXPECT_NO_THROW(watcher.call("acquire"));
+  EXPECT_NO_THROW(watcher.call("acquire"));  // the lease went with its client
+  watcher.call("release");
+
+  ServiceClient holder(socket());
+  auto motion = long_motion(holder);
+  std::this_thread::sleep_for(1s);
+  service->terminate();
+  EXPECT_EQ(service->wait(10s), 0) << service->output();
+  ASSERT_EQ(motion.wait_for(2s), std::future_status::ready);
+  EXPECT_THAT(motion.get(),
+              ::testing::AnyOf(HasSubstr("motion stopped"), HasSubstr("closed the connection")));
+  EXPECT_THAT(service->output(), HasSubstr("kestrel serve: motors disabled, socket removed"));
+  EXPECT_FALSE(std::filesystem::exists(socket()));
+  EXPECT_FALSE(std::filesystem::exists(dir + "/service/svccan0.lock"));
+  service.reset();
 }
 
-TEST_F(ArmService, BadRequestsAreAnsweredAndTheServiceKeepsServing) {
+TEST_F(ArmService, AnswersBadRequestsStreamsStateAndRefusesASecondService) {
   LineChannel raw(LineChannel::connect_unix(socket()));
   ASSERT_TRUE(raw.write_line(R"({"id":0,"op":"acquire"})"));
   std::string reply;
@@ -273,9 +254,8 @@ TEST_F(ArmService, BadRequestsAreAnsweredAndTheServiceKeepsServing) {
   ASSERT_EQ(raw.read_line(reply), LineChannel::Read::line);
   EXPECT_EQ(json::parse(reply)["id"], 11);
   EXPECT_TRUE(json::parse(reply)["ok"].get<bool>()) << reply;
-}
 
-TEST_F(ArmService, StreamsStateAtTheChosenRate) {
+  // State streams at the chosen rate: 50 states at 100 Hz take half a second.
   ServiceClient watcher(socket());
   watcher.call("subscribe", {{"rate_hz", 100}});
   const auto start = std::chrono::steady_clock::now();
@@ -294,36 +274,13 @@ TEST_F(ArmService, StreamsStateAtTheChosenRate) {
   EXPECT_GT(state["loop"]["cycles"].get<uint64_t>(), 0u);
   EXPECT_FALSE(state["motors"]["emergency_stopped"].get<bool>());
   EXPECT_GT(state["cycle"]["cycle"].get<uint64_t>(), first_cycle + 100);  // 400 cycles a second
-}
 
-TEST_F(ArmService, ASecondServiceForTheInterfaceIsRefused) {
-  auto second = start_service("second.log");
+  auto second = start_service();
   EXPECT_EQ(second->wait(30s), 1);
   EXPECT_THAT(second->output(),
               HasSubstr("kestrel serve: a service for svccan0 is already running (socket " +
                         socket() + ")"));
-  ServiceClient client(socket());  // the first one serves on
-  EXPECT_EQ(client.call("ping")["protocol"], 1);
-}
-
-TEST_F(ArmService, SigtermMidMotionEndsTheMotionDisablesTheMotorsAndRemovesTheSocket) {
-  ServiceClient holder(socket());
-  holder.call("acquire");
-  auto motion = std::async(std::launch::async, [&] {
-    return error_of([&] {
-      holder.call("move_joint_waypoints", {{"waypoints", {kPostureB}}, {"time_sec", 4.0}});
-    });
-  });
-  std::this_thread::sleep_for(1s);
-  service->terminate();
-  EXPECT_EQ(service->wait(10s), 0) << service->output();
-  ASSERT_EQ(motion.wait_for(2s), std::future_status::ready);
-  EXPECT_THAT(motion.get(),
-              ::testing::AnyOf(HasSubstr("motion stopped"), HasSubstr("closed the connection")));
-  EXPECT_THAT(service->output(), HasSubstr("kestrel serve: motors disabled, socket removed"));
-  EXPECT_FALSE(std::filesystem::exists(socket()));
-  EXPECT_FALSE(std::filesystem::exists(dir + "/service/svccan0.lock"));
-  service.reset();
+  EXPECT_EQ(ServiceClient(socket()).call("ping")["protocol"], 1);  // the first one serves on
 }
 
 }  // namespace

@@ -34,46 +34,38 @@ int main(int argc, char** argv) {
   }
   const int count = std::atoi(argv[2]);
   const int fd = ::socket(PF_CAN, SOCK_RAW, CAN_RAW);
-  if (fd < 0) {
-    return fail("socket");
-  }
   ifreq request{};
   std::strncpy(request.ifr_name, argv[1], IFNAMSIZ - 1);
-  if (::ioctl(fd, SIOCGIFINDEX, &request) < 0) {
-    return fail("SIOCGIFINDEX");
+  if (fd < 0 || ::ioctl(fd, SIOCGIFINDEX, &request) < 0) {
+    return fail("finding the interface");
   }
   sockaddr_can address{};
   address.can_family = AF_CAN;
   address.can_ifindex = request.ifr_ifindex;
-  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) < 0) {
-    return fail("bind");
+  const timeval timeout{5, 0};
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) < 0 ||
+      ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout)) < 0) {
+    return fail("binding");
   }
-  timeval timeout{5, 0};
-  if (::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout)) < 0) {
-    return fail("SO_RCVTIMEO");
-  }
-  can_frame hello{};
-  hello.can_id = 0x700;
-  hello.can_dlc = 1;
-  hello.data[0] = 0xAA;
-  if (::write(fd, &hello, sizeof(hello)) != static_cast<ssize_t>(sizeof(hello))) {
-    return fail("write hello");
-  }
-  for (int answered = 0; answered < count; ++answered) {
-    can_frame frame{};
+  can_frame frame{};  // the hello first, then each answer
+  frame.can_id = 0x700;
+  frame.can_dlc = 1;
+  frame.data[0] = 0xAA;
+  for (int answered = 0;; ++answered) {
+    if (::write(fd, &frame, CAN_MTU) != CAN_MTU) {
+      return fail("write");
+    }
+    if (answered == count) {
+      return 0;
+    }
     const ssize_t got = ::read(fd, &frame, sizeof(frame));
     if (got < 0 && errno == EAGAIN) {
       std::fprintf(stderr, "simbus_peer: no frame within 5 s\n");
       return 3;
     }
-    if (got != static_cast<ssize_t>(sizeof(frame))) {
+    if (got != CAN_MTU) {
       return fail("read");
     }
     frame.can_id += 1;
-    if (::write(fd, &frame, sizeof(frame)) != static_cast<ssize_t>(sizeof(frame))) {
-      return fail("write");
-    }
   }
-  ::close(fd);
-  return 0;
 }

@@ -1,21 +1,12 @@
 // Out of process: the `kestrel-simbus` program serves the bus, a separate program joins it
 // through `kestrel-simbus run` (LD_PRELOAD), and this test process talks to both.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
-#include <chrono>
-#include <cstdio>
-#include <filesystem>
-#include <thread>
+#include <sstream>
 
-#include "simbus/simbus_control.hpp"
-#include "simbus/simbus_paths.hpp"
+#include "simbus/private_bus.hpp"
 #include "support/simbus_can.hpp"
-
-extern char** environ;
 
 namespace kestrel::simbus {
 namespace {
@@ -25,106 +16,35 @@ using rawcan::classic_frame;
 using rawcan::Fd;
 using rawcan::read_within;
 
-// Starts a program with the current environment; the destructor kills it if still running.
-class Child {
- public:
-  explicit Child(std::vector<std::string> args) {
-    std::vector<char*> argv;
-    for (std::string& arg : args) {
-      argv.push_back(arg.data());
-    }
-    argv.push_back(nullptr);
-    if (::posix_spawn(&pid_, argv[0], nullptr, nullptr, argv.data(), environ) != 0) {
-      pid_ = -1;
-    }
-  }
-  ~Child() {
-    if (pid_ > 0) {
-      ::kill(pid_, SIGKILL);
-      wait();
-    }
-  }
-  bool started() const { return pid_ > 0; }
-  void signal(int number) { ::kill(pid_, number); }
-  // Exit status, or -1 when it did not end normally within `timeout`.
-  int wait(std::chrono::milliseconds timeout = 10s) {
-    const auto give_up = std::chrono::steady_clock::now() + timeout;
-    int status = 0;
-    while (::waitpid(pid_, &status, WNOHANG) == 0) {
-      if (std::chrono::steady_clock::now() > give_up) {
-        return -1;
-      }
-      std::this_thread::sleep_for(5ms);
-    }
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-
- private:
-  pid_t pid_ = -1;
-};
-
-struct Output {
-  int status;
-  std::string text;
-};
-
-// Runs a shell command line and collects its standard output and error.
-Output run(const std::string& command) {
-  Output output{-1, {}};
-  FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
-  if (pipe == nullptr) {
-    return output;
-  }
-  char buffer[512];
-  while (std::fgets(buffer, sizeof(buffer), pipe) != nullptr) {
-    output.text += buffer;
-  }
-  const int status = ::pclose(pipe);
-  output.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return output;
-}
-
 const std::string kProgram = KESTREL_SIMBUS_PROGRAM;
-const std::string kPeer = SIMBUS_PEER_PROGRAM;
 
-class SimbusProcesses : public ::testing::Test {
+class SimbusProcesses : public testing::PrivateBus {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/kestrel-simbus-process-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    dir_ = pattern;
-    ::setenv(kDirectoryEnv, dir_.c_str(), 1);
-  }
-  void TearDown() override {
-    ::unsetenv(kDirectoryEnv);
-    std::error_code ignored;
-    std::filesystem::remove_all(dir_, ignored);
-  }
-  bool wait_until_served(const std::string& name) {
-    for (int i = 0; i < 500; ++i) {
-      if (is_served(dir_, name)) {
-        return true;
-      }
-      std::this_thread::sleep_for(10ms);
+  // `kestrel-simbus WORDS...`, the words split at spaces.
+  testing::Finished simbus(const std::string& words) {
+    std::vector<std::string> args{kProgram};
+    std::istringstream in(words);
+    for (std::string word; in >> word;) {
+      args.push_back(word);
     }
-    return false;
+    return run(args);
   }
-
-  std::string dir_;
 };
 
-TEST_F(SimbusProcesses, ProgramsExchangeFramesThroughTheServeProgram) {
-  Child hub({kProgram, "serve", "simcan0", "--dir", dir_});
-  ASSERT_TRUE(hub.started());
-  ASSERT_TRUE(wait_until_served("simcan0"));
+TEST_F(SimbusProcesses, ServeRunSetAndListWorkTogetherAndANewHubReplacesAKilledOne) {
+  auto hub = start({kProgram, "serve", "simcan0", "simcan1", "--dir", dir, "--wire-time",
+                    "--classic", "simcan1"});
+  ASSERT_TRUE(served("simcan1")) << hub->output();
   Fd own = rawcan::open_can("simcan0");
-  ASSERT_GE(own.get(), 0);
+  EXPECT_EQ(query_interface(dir, "simcan0")->mtu, CANFD_MTU);
+  EXPECT_EQ(query_interface(dir, "simcan1")->mtu, CAN_MTU);
 
-  Child peer({kProgram, "run", "--dir", dir_, "--", kPeer, "simcan0", "3"});
+  // A program that knows nothing of simbus, joined through run: it says hello, then answers.
+  const auto peer =
+      start({kProgram, "run", "--dir", dir, "--", SIMBUS_PEER_PROGRAM, "simcan0", "3"});
   can_frame frame{};
   ASSERT_EQ(read_within(own.get(), &frame, sizeof(frame), 10000), CAN_MTU);
-  EXPECT_EQ(frame.can_id, 0x700u);  // the peer's hello
+  EXPECT_EQ(frame.can_id, 0x700u);
   EXPECT_EQ(frame.data[0], 0xAA);
   for (canid_t id : {0x10u, 0x20u, 0x30u}) {
     const can_frame question = classic_frame(id, {1, 2, static_cast<std::uint8_t>(id)});
@@ -134,63 +54,52 @@ TEST_F(SimbusProcesses, ProgramsExchangeFramesThroughTheServeProgram) {
     EXPECT_EQ(frame.can_dlc, 3);
     EXPECT_EQ(frame.data[2], id);
   }
-  EXPECT_EQ(peer.wait(), 0);
+  EXPECT_EQ(peer->wait(), 0) << peer->output();
 
-  const Output listing = run(kProgram + " list --dir " + dir_);
+  const auto listing = simbus("list --dir " + dir);
   EXPECT_EQ(listing.status, 0);
-  EXPECT_NE(listing.text.find("simcan0"), std::string::npos) << listing.text;
-  EXPECT_NE(listing.text.find("UP"), std::string::npos) << listing.text;
-
-  hub.signal(SIGTERM);
-  EXPECT_EQ(hub.wait(), 0);
-  struct stat info;
-  EXPECT_NE(::lstat(socket_path(dir_, "simcan0").c_str(), &info), 0);
-  EXPECT_NE(::lstat(state_path(dir_, "simcan0").c_str(), &info), 0);
-}
-
-TEST_F(SimbusProcesses, SetTakesAnInterfaceOfTheRunningHubDownAndUp) {
-  Child hub({kProgram, "serve", "simcan0", "simcan1", "--dir", dir_, "--wire-time", "--classic",
-             "simcan1"});
-  ASSERT_TRUE(wait_until_served("simcan1"));
-  Fd own = rawcan::open_can("simcan0");
-  EXPECT_EQ(query_interface(dir_, "simcan0")->mtu, CANFD_MTU);
-  EXPECT_EQ(query_interface(dir_, "simcan1")->mtu, CAN_MTU);
-
-  Output result = run(kProgram + " set simcan0 mtu 16 --dir " + dir_);
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.text,
-            "kestrel-simbus set: cannot change the MTU of 'simcan0' while it is up (set it down "
-            "first)\n");
-  result = run(kProgram + " set simcan0 down --dir " + dir_);
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.text, "simcan0: DOWN\n");
-  result = run(kProgram + " set simcan0 mtu 16 --dir " + dir_);
-  EXPECT_EQ(result.text, "simcan0: MTU 16\n");
-  EXPECT_EQ(query_interface(dir_, "simcan0")->mtu, CAN_MTU);
-  ifreq request{};
-  std::strcpy(request.ifr_name, "simcan0");
-  ASSERT_EQ(::ioctl(own.get(), SIOCGIFFLAGS, &request), 0);
-  EXPECT_EQ(request.ifr_flags & IFF_UP, 0);
-  const can_frame frame = classic_frame(0x1, {});
-  EXPECT_EQ(::write(own.get(), &frame, CAN_MTU), -1);
+  EXPECT_NE(listing.output.find("simcan0"), std::string::npos) << listing.output;
+  EXPECT_NE(listing.output.find("UP"), std::string::npos) << listing.output;
+  const struct {
+    std::string words;
+    int status;
+    std::string output;
+  } settings[] = {
+      {"set simcan0 mtu 16", 1,
+       "kestrel-simbus set: cannot change the MTU of 'simcan0' while it is up (set it down "
+       "first)\n"},
+      {"set simcan0 down", 0, "simcan0: DOWN\n"},
+      {"set simcan0 mtu 16", 0, "simcan0: MTU 16\n"},
+  };
+  for (const auto& row : settings) {
+    const auto result = simbus(row.words + " --dir " + dir);
+    EXPECT_EQ(result.status, row.status) << row.words;
+    EXPECT_EQ(result.output, row.output);
+  }
+  EXPECT_EQ(query_interface(dir, "simcan0")->mtu, CAN_MTU);
+  EXPECT_FALSE(query_interface(dir, "simcan0")->up);
+  const can_frame one = classic_frame(0x1, {});
+  EXPECT_EQ(::write(own.get(), &one, CAN_MTU), -1);  // this process's socket sees it at once
   EXPECT_EQ(errno, ENETDOWN);
-  EXPECT_NE(run(kProgram + " list --dir " + dir_).text.find("DOWN"), std::string::npos);
-
-  result = run(kProgram + " set simcan0 up --dir " + dir_);
-  EXPECT_EQ(result.text, "simcan0: UP\n");
-  EXPECT_EQ(::write(own.get(), &frame, CAN_MTU), CAN_MTU);
-
-  result = run(kProgram + " set nosuch0 down --dir " + dir_);
-  EXPECT_EQ(result.status, 1);
-  EXPECT_NE(result.text.find("\"nosuch0\" is not served"), std::string::npos) << result.text;
+  EXPECT_NE(simbus("list --dir " + dir).output.find("DOWN"), std::string::npos);
+  EXPECT_EQ(simbus("set simcan0 up --dir " + dir).output, "simcan0: UP\n");
+  EXPECT_EQ(::write(own.get(), &one, CAN_MTU), CAN_MTU);
+  const auto unknown = simbus("set nosuch0 down --dir " + dir);
+  EXPECT_EQ(unknown.status, 1);
+  EXPECT_NE(unknown.output.find("\"nosuch0\" is not served"), std::string::npos) << unknown.output;
 
   // Killed without a chance to clean up: its files are stale, and a new hub takes over.
-  hub.signal(SIGKILL);
-  hub.wait();
-  EXPECT_FALSE(is_served(dir_, "simcan0"));
-  EXPECT_NE(run(kProgram + " list --dir " + dir_).text.find("stale"), std::string::npos);
-  Child successor({kProgram, "serve", "simcan0", "--dir", dir_});
-  EXPECT_TRUE(wait_until_served("simcan0"));
+  hub.reset();  // SIGKILL
+  EXPECT_FALSE(is_served(dir, "simcan0"));
+  EXPECT_NE(simbus("list --dir " + dir).output.find("stale"), std::string::npos);
+  hub = start({kProgram, "serve", "simcan0", "--dir", dir});
+  EXPECT_TRUE(served("simcan0"));
+  // SIGTERM: a clean end, its files gone.
+  hub->terminate();
+  EXPECT_EQ(hub->wait(), 0);
+  struct stat info;
+  EXPECT_NE(::lstat(socket_path(dir, "simcan0").c_str(), &info), 0);
+  EXPECT_NE(::lstat(state_path(dir, "simcan0").c_str(), &info), 0);
 }
 
 TEST_F(SimbusProcesses, UnmodifiedCanUtilsJoinThroughRun) {
@@ -200,72 +109,62 @@ TEST_F(SimbusProcesses, UnmodifiedCanUtilsJoinThroughRun) {
   if (::access("/usr/bin/candump", X_OK) != 0 || ::access("/usr/bin/cansend", X_OK) != 0) {
     GTEST_SKIP() << "can-utils is not installed";
   }
-  Child hub({kProgram, "serve", "can0", "--dir", dir_});
-  ASSERT_TRUE(wait_until_served("can0"));
+  const auto hub = start({kProgram, "serve", "can0", "--dir", dir});
+  ASSERT_TRUE(served("can0"));
   Fd own = rawcan::open_can("can0", true);
 
-  EXPECT_EQ(run(kProgram + " run --dir " + dir_ + " -- cansend can0 123#DEADBEEF").status, 0);
+  EXPECT_EQ(simbus("run --dir " + dir + " -- cansend can0 123#DEADBEEF").status, 0);
   canfd_frame frame{};
   ASSERT_EQ(read_within(own.get(), &frame, sizeof(frame), 5000), CAN_MTU);
   EXPECT_EQ(frame.can_id, 0x123u);
   EXPECT_EQ(frame.len, 4);
   EXPECT_EQ(frame.data[3], 0xEF);
-  EXPECT_EQ(run(kProgram + " run --dir " + dir_ + " -- cansend can0 5A1##1112233").status, 0);
+  EXPECT_EQ(simbus("run --dir " + dir + " -- cansend can0 5A1##1112233").status, 0);
   ASSERT_EQ(read_within(own.get(), &frame, sizeof(frame), 5000), CANFD_MTU);
   EXPECT_EQ(frame.len, 3);
   EXPECT_EQ(frame.flags, CANFD_BRS | CANFD_FDF);
 
   // candump with a filter, receiving what this process sends.
-  const std::string dump = dir_ + "/dump.txt";
-  Child candump({"/bin/sh", "-c",
-                 kProgram + " run --dir " + dir_ + " -- candump -n 1 -L can0,321:7FF > " + dump});
-  auto listening = [&] {
-    const auto stats = query_interface(dir_, "can0");
-    return stats && stats->clients >= 2;
-  };
-  for (int i = 0; i < 500 && !listening(); ++i) {
+  const auto candump =
+      start({kProgram, "run", "--dir", dir, "--", "candump", "-n", "1", "-L", "can0,321:7FF"});
+  for (int i = 0; i < 500 && query_interface(dir, "can0")->clients < 2; ++i) {
     std::this_thread::sleep_for(10ms);
   }
   const can_frame ignored = classic_frame(0x320, {9});
   const can_frame wanted = classic_frame(0x321, {1, 2});
   ASSERT_EQ(::write(own.get(), &ignored, CAN_MTU), CAN_MTU);
   ASSERT_EQ(::write(own.get(), &wanted, CAN_MTU), CAN_MTU);
-  EXPECT_EQ(candump.wait(), 0);
-  const Output printed = run("cat " + dump);
-  EXPECT_NE(printed.text.find(" can0 321#0102\n"), std::string::npos) << printed.text;
+  EXPECT_EQ(candump->wait(), 0);
+  EXPECT_NE(candump->output().find(" can0 321#0102\n"), std::string::npos) << candump->output();
 }
 
 TEST_F(SimbusProcesses, EverySubcommandHasHelpAndClearErrors) {
   for (const char* command : {"", "serve ", "set ", "list ", "run "}) {
-    const Output help = run(kProgram + " " + command + "--help");
+    const auto help = simbus(std::string(command) + "--help");
     EXPECT_EQ(help.status, 0) << command;
-    EXPECT_EQ(help.text.rfind("Usage: kestrel-simbus", 0), 0u) << command << help.text;
+    EXPECT_EQ(help.output.rfind("Usage: kestrel-simbus", 0), 0u) << command << help.output;
   }
-  Output result = run(kProgram + " frobnicate");
-  EXPECT_EQ(result.status, 2);
-  EXPECT_NE(result.text.find("unknown command \"frobnicate\""), std::string::npos);
-  result = run(kProgram + " serve");
-  EXPECT_EQ(result.status, 2);
-  result = run(kProgram + " serve a234567890123456 --dir " + dir_);
-  EXPECT_EQ(result.status, 2);
-  EXPECT_NE(result.text.find("invalid interface name"), std::string::npos);
-  result = run(kProgram + " serve can0 --bitrate fast --dir " + dir_);
-  EXPECT_EQ(result.status, 2);
-  EXPECT_NE(result.text.find("--bitrate needs a bit rate"), std::string::npos);
-  result = run(kProgram + " set can0 sideways");
-  EXPECT_EQ(result.status, 2);
-  result = run(kProgram + " set can0 mtu 64");
-  EXPECT_EQ(result.status, 2);
-  EXPECT_NE(result.text.find("expected IF up|down or IF mtu 16|72"), std::string::npos);
-  result = run(kProgram + " serve can0 --classic can1 --dir " + dir_);
-  EXPECT_EQ(result.status, 2);
-  EXPECT_NE(result.text.find("--classic can1 is not one of the served interfaces"),
-            std::string::npos);
-  result = run(kProgram + " run");
-  EXPECT_EQ(result.status, 2);
-  result = run(kProgram + " run -- /nonexistent/program");
-  EXPECT_EQ(result.status, 127);
-  EXPECT_NE(result.text.find("cannot run /nonexistent/program"), std::string::npos);
+  const struct {
+    std::string words;
+    int status;
+    std::string message;
+  } mistakes[] = {
+      {"frobnicate", 2, "unknown command \"frobnicate\""},
+      {"serve", 2, ""},
+      {"serve a234567890123456 --dir " + dir, 2, "invalid interface name"},
+      {"serve can0 --bitrate fast --dir " + dir, 2, "--bitrate needs a bit rate"},
+      {"set can0 sideways", 2, ""},
+      {"set can0 mtu 64", 2, "expected IF up|down or IF mtu 16|72"},
+      {"serve can0 --classic can1 --dir " + dir, 2,
+       "--classic can1 is not one of the served interfaces"},
+      {"run", 2, ""},
+      {"run -- /nonexistent/program", 127, "cannot run /nonexistent/program"},
+  };
+  for (const auto& row : mistakes) {
+    const auto result = simbus(row.words);
+    EXPECT_EQ(result.status, row.status) << row.words;
+    EXPECT_NE(result.output.find(row.message), std::string::npos) << row.words << result.output;
+  }
 }
 
 }  // namespace
