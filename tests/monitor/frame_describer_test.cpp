@@ -13,108 +13,76 @@ namespace km = kestrel::monitor;
 using E = dm::CanPacketEncoder;
 using D = km::Direction;
 
-km::MonitoredFrame frame_of(uint32_t id, std::vector<uint8_t> data, bool error = false) {
+km::MonitoredFrame frame_of(const dm::CANPacket& p) {
   km::MonitoredFrame f;
-  f.id = id;
-  f.data = std::move(data);
-  f.error = error;
+  f.id = p.can_id;
+  f.data = p.data;
   return f;
 }
 
-km::MonitoredFrame frame_of(const dm::CANPacket& p) {
-  return frame_of(p.can_id, p.data);
-}
-
-dm::MITParam mit(double q, double dq, double kp, double kd, double tau) {
-  dm::MITParam p;
-  p.q = q;
-  p.dq = dq;
-  p.kp = kp;
-  p.kd = kd;
-  p.tau = tau;
-  return p;
-}
-
-const dm::Motor joint1{dm::MotorType::DM_V8_T28, 0x01, 0x11};
-const dm::Motor joint5{dm::MotorType::DM_V30_T10, 0x05, 0x15};
-const dm::Motor gripper{dm::MotorType::DM_V30_T10, 0x07, 0x17};
-
-dm::POS_VELParam pos_vel(float q, float dq) {
-  dm::POS_VELParam p;
-  p.q = q;
-  p.dq = dq;
-  return p;
-}
-
 TEST(Describer, EveryFrameKindReadsAsItsExactText) {
+  const dm::Motor joint1{dm::MotorType::DM_V8_T28, 0x01, 0x11};
+  const dm::Motor joint5{dm::MotorType::DM_V30_T10, 0x05, 0x15};
+  const dm::Motor gripper{dm::MotorType::DM_V30_T10, 0x07, 0x17};
+  const auto to = D::to_motor;
+  const auto from = D::from_motor;
   struct Row {
-    const char* name;
-    km::MonitoredFrame frame;
+    dm::CANPacket frame;  // built by the encoder, or as a motor sends it
     const char* text;
     D direction;
-    int motor;  // index in the arm's table, -1 for none
   };
   const Row rows[] = {
-      {"enable", frame_of(E::create_enable_command(joint1)), "joint 1 (id 1) enable", D::to_motor,
-       0},
-      {"disable", frame_of(E::create_disable_command(joint5)), "joint 5 (id 5) disable",
-       D::to_motor, 4},
-      {"set zero", frame_of(E::create_set_zero_command(gripper)),
-       "gripper (id 7) set zero position", D::to_motor, 6},
-      {"clear error", frame_of(E::create_clrErr_command(joint1)), "joint 1 (id 1) clear error",
-       D::to_motor, 0},
+      {E::create_enable_command(joint1), "joint 1 (id 1) enable", to},
+      {E::create_disable_command(joint5), "joint 5 (id 5) disable", to},
+      {E::create_set_zero_command(gripper), "gripper (id 7) set zero position", to},
+      {E::create_clrErr_command(joint1), "joint 1 (id 1) clear error", to},
       // The codec truncates onto its grid (16 bits for q, 12 for the rest); joint 1 scales by
       // 12.5 rad, 8 rad/s, 28 N·m, joint 5 by 12.5 rad, 30 rad/s, 10 N·m; range ends are exact.
-      {"MIT joint 1", frame_of(E::create_mit_control_command(joint1, mit(0.5, 0, 150, 5, 0))),
-       "joint 1 (id 1) MIT q=+0.4999 rad dq=-0.002 rad/s kp=149.94 kd=5.000 tau=-0.007 N·m",
-       D::to_motor, 0},
-      {"MIT range ends", frame_of(E::create_mit_control_command(joint5, mit(-12.5, 30, 0, 0, -10))),
-       "joint 5 (id 5) MIT q=-12.5000 rad dq=+30.000 rad/s kp=0.00 kd=0.000 tau=-10.000 N·m",
-       D::to_motor, 4},
-      {"position-velocity",
-       frame_of(E::create_pos_vel_control_command(joint5, pos_vel(1.25f, -0.5f))),
-       "joint 5 (id 5) position-velocity p=+1.2500 rad v=-0.500 rad/s", D::to_motor, 4},
-      {"refresh", frame_of(E::create_refresh_command(joint5)),
-       "joint 5 (id 5) refresh (asks for a feedback frame)", D::to_motor, 4},
-      {"read register", frame_of(E::create_query_param_command(joint1, 27)),
-       "joint 1 (id 1) read register 27 KP_APR", D::to_motor, 0},
-      {"write register", frame_of(E::create_write_param_command(joint1, 4, 8.5f)),
-       "joint 1 (id 1) write register 4 ACC = 8.5", D::to_motor, 0},
-      {"write control mode", frame_of(E::create_param_write_RID_command(gripper, 2)),
-       "gripper (id 7) write register 10 CTRL_MODE = 2", D::to_motor, 6},
-      {"register of a motor not in the table", frame_of(0x7FF, {0x09, 0x00, 0x33, 0x0A}),
-       "id 9 (not in the table) read register 10 CTRL_MODE", D::to_motor, -1},
-      {"short parameter frame", frame_of(0x7FF, {0x01, 0x00}),
-       "parameter frame, too short (2 bytes)", D::to_motor, 0},
-      // Register reply: id, command, register, little-endian value.
-      {"register reply", frame_of(0x11, {0x01, 0x00, 0x33, 0x0A, 0x01, 0x00, 0x00, 0x00}),
-       "joint 1 (id 1) register 10 CTRL_MODE = 1", D::from_motor, 0},
-      {"write reply", frame_of(0x15, {0x05, 0x00, 0x55, 0x04, 0x00, 0x00, 0x08, 0x41}),
-       "joint 5 (id 5) wrote register 4 ACC = 8.5", D::from_motor, 4},
-      // Status 1 (enabled) and id 1, q = 0x8000 (0 rad), dq and tau at mid-scale, 33/30 °C.
-      {"feedback", frame_of(0x11, {0x11, 0x80, 0x00, 0x80, 0x08, 0x00, 0x21, 0x1E}),
+      {E::create_mit_control_command(joint1, dm::MITParam{150, 5, 0.5, 0, 0}),
+       "joint 1 (id 1) MIT q=+0.4999 rad dq=-0.002 rad/s kp=149.94 kd=5.000 tau=-0.007 N·m", to},
+      {E::create_mit_control_command(joint5, dm::MITParam{0, 0, -12.5, 30, -10}),
+       "joint 5 (id 5) MIT q=-12.5000 rad dq=+30.000 rad/s kp=0.00 kd=0.000 tau=-10.000 N·m", to},
+      {E::create_pos_vel_control_command(joint5, dm::POS_VELParam{1.25f, -0.5f}),
+       "joint 5 (id 5) position-velocity p=+1.2500 rad v=-0.500 rad/s", to},
+      {E::create_refresh_command(joint5), "joint 5 (id 5) refresh (asks for a feedback frame)", to},
+      {E::create_query_param_command(joint1, 27), "joint 1 (id 1) read register 27 KP_APR", to},
+      {E::create_write_param_command(joint1, 4, 8.5f), "joint 1 (id 1) write register 4 ACC = 8.5",
+       to},
+      {E::create_param_write_RID_command(gripper, 2),
+       "gripper (id 7) write register 10 CTRL_MODE = 2", to},
+      {{0x7FF, {0x09, 0x00, 0x33, 0x0A}}, "id 9 (not in the table) read register 10 CTRL_MODE", to},
+      {{0x7FF, {0x01, 0x00}}, "parameter frame, too short (2 bytes)", to},
+      // Register replies: id, command, register, little-endian value.
+      {{0x11, {0x01, 0x00, 0x33, 0x0A, 0x01, 0x00, 0x00, 0x00}},
+       "joint 1 (id 1) register 10 CTRL_MODE = 1",
+       from},
+      {{0x15, {0x05, 0x00, 0x55, 0x04, 0x00, 0x00, 0x08, 0x41}},
+       "joint 5 (id 5) wrote register 4 ACC = 8.5",
+       from},
+      // Feedback: status 1 (enabled) and id 1, q = 0x8000 (0 rad), dq and tau at mid-scale,
+      // 33/30 °C; then status 14, a fault, with its text.
+      {{0x11, {0x11, 0x80, 0x00, 0x80, 0x08, 0x00, 0x21, 0x1E}},
        "joint 1 (id 1) feedback Enabled (1) q=+0.0002 rad dq=+0.002 rad/s tau=+0.007 N·m "
        "T_mos=33°C T_rotor=30°C",
-       D::from_motor, 0},
-      {"fault code", frame_of(0x17, {0xE7, 0x80, 0x00, 0x80, 0x08, 0x00, 0x21, 0x1E}),
+       from},
+      {{0x17, {0xE7, 0x80, 0x00, 0x80, 0x08, 0x00, 0x21, 0x1E}},
        "gripper (id 7) feedback Overload (14) q=+0.0002 rad dq=+0.007 rad/s tau=+0.002 N·m "
        "T_mos=33°C T_rotor=30°C",
-       D::from_motor, 6},
-      {"short reply", frame_of(0x11, {0x11, 0x80}),
-       "joint 1 (id 1) reply too short (2 bytes): 11 80", D::from_motor, 0},
-      {"unknown id", frame_of(0x321, {0xDE, 0xAD}), "unknown id=0x321 [2] DE AD", D::unknown, -1},
-      {"error frame", frame_of(0x004, {0x00, 0x10}, true), "error frame id=0x004 data: 00 10",
-       D::unknown, -1},
+       from},
+      {{0x11, {0x11, 0x80}}, "joint 1 (id 1) reply too short (2 bytes): 11 80", from},
+      {{0x321, {0xDE, 0xAD}}, "unknown id=0x321 [2] DE AD", D::unknown},
   };
   const km::DmFrameDescriber describer;
   for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    EXPECT_EQ(describer.describe(row.frame), row.text);
-    EXPECT_EQ(describer.direction(row.frame), row.direction);
-    EXPECT_EQ(describer.motor_of(row.frame), row.motor);
+    SCOPED_TRACE(row.text);
+    EXPECT_EQ(describer.describe(frame_of(row.frame)), row.text);
+    EXPECT_EQ(describer.direction(frame_of(row.frame)), row.direction);
   }
-  EXPECT_EQ(rows[6].frame.id, 0x105u);  // position-velocity frames go to 0x100 + id
+  EXPECT_EQ(rows[6].frame.can_id, 0x105u);  // position-velocity frames go to 0x100 + id
   EXPECT_EQ(describer.motor_of(frame_of(E::create_query_param_command(gripper, 27))), 6);
+  km::MonitoredFrame error = frame_of({0x004, {0x00, 0x10}});
+  error.error = true;
+  EXPECT_EQ(describer.describe(error), "error frame id=0x004 data: 00 10");
   EXPECT_EQ(km::register_name(99), "reg99");
   EXPECT_TRUE(km::register_is_integer(7));
   EXPECT_FALSE(km::register_is_integer(21));
