@@ -168,11 +168,6 @@ void check_sections(const YAML::Node& root) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kestrel::fuzz::silence_cerr();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   YAML::Node root;
   try {

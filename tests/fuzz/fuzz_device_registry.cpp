@@ -7,6 +7,7 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <tuple>
 #include <vector>
 
 #include "fuzz_support.hpp"
@@ -36,22 +37,17 @@ struct Snapshot {
         params(m.get_params()) {}
 
   bool same_state(const Snapshot& o) const {
-    return position == o.position && velocity == o.velocity && torque == o.torque &&
-           t_mos == o.t_mos && t_rotor == o.t_rotor && feedback_id == o.feedback_id &&
-           error_code == o.error_code;
+    return std::tie(position, velocity, torque, t_mos, t_rotor, feedback_id, error_code) ==
+           std::tie(o.position, o.velocity, o.torque, o.t_mos, o.t_rotor, o.feedback_id,
+                    o.error_code);
   }
-  bool same_params(const Snapshot& o) const {
-    if (params.size() != o.params.size()) {
-      return false;
-    }
-    for (const auto& [rid, value] : params) {
-      const auto it = o.params.find(rid);
-      if (it == o.params.end() ||
-          !(it->second == value || (std::isnan(value) && std::isnan(it->second)))) {
-        return false;
-      }
-    }
-    return true;
+  bool same_params(const Snapshot& o) const {  // a NaN register value equals a NaN
+    return std::equal(
+        params.begin(), params.end(), o.params.begin(), o.params.end(),
+        [](const auto& a, const auto& b) {
+          return a.first == b.first &&
+                 (a.second == b.second || (std::isnan(a.second) && std::isnan(b.second)));
+        });
   }
 };
 
@@ -103,11 +99,6 @@ void check_updated(const dm::Motor& m, const Snapshot& before, dm::CallbackMode 
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kestrel::fuzz::silence_cerr();
-  return 0;
-}
 
 // Byte 0: callback mode of every device (two bits each for devices 1-4 and again for 5-7,
 // wrapping); then frames, each 1 control byte (bit 0: FD registry, bit 1: FD frame), a 4-byte

@@ -22,11 +22,6 @@ std::optional<bool> read(const std::string& path, const char* key, bool fallback
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kestrel::fuzz::silence_cerr();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string& path = kestrel::fuzz::write_scratch(data, size);
   for (const char* key : {"motion_planning_debug", "ik_diagnostics"}) {

@@ -7,11 +7,6 @@
 
 using namespace kestrel::algorithms;
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kestrel::fuzz::silence_cerr();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   SafetyConfig c;
   try {

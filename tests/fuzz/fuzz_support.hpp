@@ -1,5 +1,6 @@
-// Shared by the fuzz targets: a quiet standard error, input written to a scratch file for the
-// readers that only take paths, and a check that stops the run with its reason.
+// Shared by the fuzz targets (one source file each): a quiet standard error, input written to a
+// scratch file for the readers that only take paths, and a check that stops the run with its
+// reason.
 #pragma once
 
 #include <unistd.h>
@@ -50,6 +51,12 @@ inline const std::string& write_scratch(const uint8_t* data, size_t size) {
 }
 
 }  // namespace kestrel::fuzz
+
+// Every target runs with standard error silenced.
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  kestrel::fuzz::silence_cerr();
+  return 0;
+}
 
 // A property every input must keep; a violation aborts, and libFuzzer keeps the input.
 #define FUZZ_CHECK(condition)                                \

@@ -54,11 +54,6 @@ void check_chain(const tinyxml2::XMLElement* robot) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kestrel::fuzz::silence_cerr();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // The model reads the file through tinyxml2 exactly like this, then hands over <robot>.
   tinyxml2::XMLDocument document;
