@@ -4,17 +4,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
-
-#include "simbus/simbus_control.hpp"
-#include "simbus/simbus_paths.hpp"
-#include "support/child_process.hpp"
+#include "examples/sim_beside.hpp"
 
 namespace {
 
 using namespace std::chrono_literals;
-using kestrel::testing::Process;
 
 struct Example {
   const char* name;
@@ -24,29 +18,16 @@ struct Example {
 class ExampleProgram : public ::testing::TestWithParam<Example> {};
 
 TEST_P(ExampleProgram, RunsBesideTheSimulatedArm) {
-  const Example& example = GetParam();
-  char dir_template[] = "/tmp/kestrel-example-test-XXXXXX";
-  const std::string dir = ::mkdtemp(dir_template);
-  ::setenv(kestrel::simbus::kDirectoryEnv, dir.c_str(), 1);
-  {
-    Process sim({KESTREL_SIM_PROGRAM, "--serve", "--interface", "excan0"}, dir + "/sim.log");
-    bool served = false;
-    for (int i = 0; i < 500 && !served; ++i) {
-      served = kestrel::simbus::is_served(dir, "excan0");
-      std::this_thread::sleep_for(10ms);
-    }
-    ASSERT_TRUE(served) << sim.output();
-    const std::string program = std::string(KESTREL_EXAMPLES_DIR) + "/" + example.name;
-    Process run({KESTREL_SIMBUS_PROGRAM, "run", "--", program, "excan0"}, dir + "/example.log");
-    EXPECT_EQ(run.wait(120s), 0) << run.output();
-    for (const auto& pattern : example.expected) {
-      EXPECT_THAT(run.output(), ::testing::ContainsRegex(pattern));
-    }
-    sim.terminate();
-    EXPECT_EQ(sim.wait(), 0) << sim.output();
+  kestrel::testing::SimBeside bus("excan0");
+  ASSERT_TRUE(bus.served());
+  const auto run = bus.run({KESTREL_SIMBUS_PROGRAM, "run", "--",
+                            std::string(KESTREL_EXAMPLES_DIR) + "/" + GetParam().name, "excan0"},
+                           120s);
+  EXPECT_EQ(run.status, 0) << run.output;
+  for (const auto& pattern : GetParam().expected) {
+    EXPECT_THAT(run.output, ::testing::ContainsRegex(pattern));
   }
-  ::unsetenv(kestrel::simbus::kDirectoryEnv);
-  std::filesystem::remove_all(dir);
+  EXPECT_TRUE(bus.stops_cleanly());
 }
 
 INSTANTIATE_TEST_SUITE_P(
