@@ -19,7 +19,7 @@ class ExampleProgram : public ::testing::TestWithParam<Example> {};
 
 TEST_P(ExampleProgram, RunsBesideTheSimulatedArm) {
   kestrel::testing::SimBeside bus("excan0");
-  ASSERT_TRUE(bus.served());
+  ASSERT_TRUE(bus.served) << bus.sim->output();
   const auto run = bus.run({KESTREL_SIMBUS_PROGRAM, "run", "--",
                             std::string(KESTREL_EXAMPLES_DIR) + "/" + GetParam().name, "excan0"},
                            120s);
@@ -27,7 +27,8 @@ TEST_P(ExampleProgram, RunsBesideTheSimulatedArm) {
   for (const auto& pattern : GetParam().expected) {
     EXPECT_THAT(run.output, ::testing::ContainsRegex(pattern));
   }
-  EXPECT_TRUE(bus.stops_cleanly());
+  bus.sim->terminate();
+  EXPECT_EQ(bus.sim->wait(), 0) << bus.sim->output();
 }
 
 INSTANTIATE_TEST_SUITE_P(

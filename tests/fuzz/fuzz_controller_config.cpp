@@ -6,8 +6,11 @@
 #include <yaml-cpp/yaml.h>
 
 #include <cmath>
+#include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "fuzz_support.hpp"
 #include "kestrel/controller/controller_config.hpp"
@@ -16,37 +19,28 @@ namespace {
 
 namespace cc = kestrel::controller;
 
-struct Section {
-  const char* name;
-  std::initializer_list<const char*> arrays;
-  std::initializer_list<const char*> numbers;
-  std::initializer_list<const char*> booleans;
+// Each section with its keys by kind, space-separated: joint arrays, numbers, booleans.
+const char* const kSections[][4] = {
+    {"pos_vel_mode", "max_acc_limits max_dec_limits kp_apr_limits", "", ""},
+    {"mit_mode", "kp kd feedforward_tau_limits gravity_tau_limits", "gravity_comp_scale",
+     "enable_gravity_compensation enable_coriolis_compensation enable_inertia_compensation"},
+    {"joint_trajectory", "max_vel_limits max_acc_limits max_jerk_limits",
+     "default_speed_percent max_motion_duration_sec set_joint_speed_factor",
+     "enforce_time_mode_acc_limit enforce_time_mode_jerk_limit continuous_waypoint_velocity "
+     "smooth_takeover"},
+    {"runtime_joint_safety", "torque_warn_limits torque_stop_limits", "", "enabled"},
+    {"gripper_watchdog", "",
+     "command_period_ms state_timeout_ms position_error_warn_m position_error_stop_m "
+     "position_error_stop_ms",
+     "enabled"},
+    {"gripper_control", "", "default_kp default_kd", ""},
+    {"realtime", "", "control_priority monitor_priority control_cpu", "enabled lock_memory"},
 };
 
-const Section kSections[] = {
-    {"pos_vel_mode", {"max_acc_limits", "max_dec_limits", "kp_apr_limits"}, {}, {}},
-    {"mit_mode",
-     {"kp", "kd", "feedforward_tau_limits", "gravity_tau_limits"},
-     {"gravity_comp_scale"},
-     {"enable_gravity_compensation", "enable_coriolis_compensation",
-      "enable_inertia_compensation"}},
-    {"joint_trajectory",
-     {"max_vel_limits", "max_acc_limits", "max_jerk_limits"},
-     {"default_speed_percent", "max_motion_duration_sec", "set_joint_speed_factor"},
-     {"enforce_time_mode_acc_limit", "enforce_time_mode_jerk_limit", "continuous_waypoint_velocity",
-      "smooth_takeover"}},
-    {"runtime_joint_safety", {"torque_warn_limits", "torque_stop_limits"}, {}, {"enabled"}},
-    {"gripper_watchdog",
-     {},
-     {"command_period_ms", "state_timeout_ms", "position_error_warn_m", "position_error_stop_m",
-      "position_error_stop_ms"},
-     {"enabled"}},
-    {"gripper_control", {}, {"default_kp", "default_kd"}, {}},
-    {"realtime",
-     {},
-     {"control_priority", "monitor_priority", "control_cpu"},
-     {"enabled", "lock_memory"}},
-};
+std::vector<std::string> keys(const char* list) {
+  std::istringstream in(list);
+  return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
+}
 
 bool same_number(double a, double b) {
   return a == b || (a != a && b != b);
@@ -65,7 +59,7 @@ void check_array(const YAML::Node& node, const std::string& key) {
   }
 }
 
-void check_number(const YAML::Node& section, const char* key) {
+void check_number(const YAML::Node& section, const std::string& key) {
   double value = 0.0;
   try {
     value = cc::read_yaml_double_or(section, key, -12.5);
@@ -79,7 +73,7 @@ void check_number(const YAML::Node& section, const char* key) {
   }
 }
 
-void check_boolean(const YAML::Node& section, const char* key) {
+void check_boolean(const YAML::Node& section, const std::string& key) {
   bool with_false = false;
   bool with_true = false;
   try {
@@ -179,18 +173,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // Read through const nodes as the loaders do: a missing key is then an undefined node, not
   // an insertion. A section that is no map makes the readers throw, and the next is tried.
   const YAML::Node& document = root;
-  for (const Section& section : kSections) {
+  for (const auto& section : kSections) {
     try {
-      const YAML::Node node = document[section.name];
-      for (const char* key : section.arrays) {
+      const YAML::Node node = document[section[0]];
+      for (const std::string& key : keys(section[1])) {
         if (node.IsDefined()) {
-          check_array(node[key], std::string(section.name) + "." + key);
+          check_array(node[key], std::string(section[0]) + "." + key);
         }
       }
-      for (const char* key : section.numbers) {
+      for (const std::string& key : keys(section[2])) {
         check_number(node, key);
       }
-      for (const char* key : section.booleans) {
+      for (const std::string& key : keys(section[3])) {
         check_boolean(node, key);
       }
     } catch (const std::runtime_error&) {

@@ -12,7 +12,7 @@ using ::testing::HasSubstr;
 
 TEST(ThreeProcesses, SimulatedArmMonitorAndKestrelProgram) {
   kestrel::testing::SimBeside bus("moncan0");
-  ASSERT_TRUE(bus.served());
+  ASSERT_TRUE(bus.served) << bus.sim->output();
   const auto monitor = bus.start(
       {KESTREL_SIMBUS_PROGRAM, "run", "--", KESTREL_MONITOR_PROGRAM, "moncan0", "--duration", "6"});
   std::this_thread::sleep_for(500ms);  // listening before the first frame
@@ -48,7 +48,8 @@ TEST(ThreeProcesses, SimulatedArmMonitorAndKestrelProgram) {
     EXPECT_EQ(run.status, use.status) << run.output;
     EXPECT_THAT(run.output, HasSubstr(use.says));
   }
-  EXPECT_TRUE(bus.stops_cleanly());
+  bus.sim->terminate();
+  EXPECT_EQ(bus.sim->wait(), 0) << bus.sim->output();
 
   const std::string seen = monitor->output();
   for (const char* motor : {"joint 1 (id 1)", "joint 2 (id 2)", "joint 3 (id 3)", "joint 4 (id 4)",
