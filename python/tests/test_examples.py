@@ -1,5 +1,5 @@
-"""Every Python example, run as its comment says, beside a simulated arm of its own; each must end
-with status 0 and print what it promises."""
+# Every Python example, run as its comment says, beside a simulated arm of its own; each must end
+# with status 0 and print what it promises.
 import os
 import re
 import subprocess
@@ -33,7 +33,7 @@ def test_example_runs_beside_the_simulated_arm(private_sim, tmp_path, name, expe
 
 
 def test_example_starts_its_own_simulated_arm_without_the_interposer(tmp_path):
-    """--sim from a plain interpreter: re-executed under the interposer, simulator started."""
+    # --sim from a plain interpreter: re-executed under the interposer, simulator started.
     env = {k: v for k, v in os.environ.items() if k not in ("LD_PRELOAD", "KESTREL_SIMBUS_DIR")}
     run = subprocess.run([sys.executable, str(EXAMPLES / "joint_moves.py"), "--sim"], env=env,
                          cwd=tmp_path, capture_output=True, text=True, timeout=120)

@@ -1,5 +1,5 @@
-"""The package itself: what help() shows, type stubs that list the whole compiled API, and the
-optional service client that may be missing but must not hide its own errors."""
+# The package itself: what help() shows, type stubs that list the whole compiled API, and the
+# optional service client that may be missing but must not hide its own errors.
 import ast
 import inspect
 import pydoc
@@ -21,7 +21,7 @@ def public_names(namespace):
 
 
 def stub_members():
-    """{name: set of member names} of every class in the stub, and its top-level functions."""
+    # {name: set of member names} of every class in the stub, and its top-level functions.
     tree = ast.parse((PACKAGE / "_kestrel.pyi").read_text())
     members = {"": set()}
 
