@@ -2,6 +2,8 @@
 // motors send them) come back as the exact text a user reads.
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "candump_log.hpp"
 #include "dm_frame_describer.hpp"
 #include "kestrel/damiao_motor/dm_motor_codec.hpp"
@@ -90,35 +92,26 @@ TEST(Describer, EveryFrameKindReadsAsItsExactText) {
 
 // candump -L lines as can-utils writes them, and what the monitor makes of them.
 TEST(CandumpLog, LinesBecomeFramesOrAreRefusedByName) {
-  enum Flags { kExt = 1, kFd = 2, kRtr = 4, kErr = 8 };
-  struct Row {
-    const char* line;
-    uint32_t id;
-    int flags;
-    std::vector<uint8_t> data;
+  // {line, the frame: identifier, flags (Extended, Fd, Rtr, Error) and payload}
+  const std::pair<const char*, const char*> frames[] = {
+      {"(1795431274.526293) vcan0 001#FFFFFFFFFFFFFFFC", "0x1 - FF FF FF FF FF FF FF FC"},
+      {"(0.5) can0 7FF##1010033", "0x7ff F 01 00 33"},
+      {"(0.5) can0 12345678#00", "0x12345678 E 00"},
+      {"(0.5) can0 20000004#0010", "0x4 X 00 10"},
+      {"(0.5) can0 123#R", "0x123 R "},
+      {"(0.5) can0 123#", "0x123 - "},
   };
-  const Row frames[] = {
-      {"(1795431274.526293) vcan0 001#FFFFFFFFFFFFFFFC",
-       0x001,
-       0,
-       {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFC}},
-      {"(0.5) can0 7FF##1010033", 0x7FF, kFd, {0x01, 0x00, 0x33}},
-      {"(0.5) can0 12345678#00", 0x12345678, kExt, {0x00}},
-      {"(0.5) can0 20000004#0010", 0x004, kErr, {0x00, 0x10}},
-      {"(0.5) can0 123#R", 0x123, kRtr, {}},
-      {"(0.5) can0 123#", 0x123, 0, {}},
-  };
-  for (const Row& row : frames) {
-    SCOPED_TRACE(row.line);
+  for (const auto& [line, expected] : frames) {
+    SCOPED_TRACE(line);
     std::string error;
-    const auto logged = km::parse_candump_line(row.line, error);
+    const auto logged = km::parse_candump_line(line, error);
     ASSERT_TRUE(logged.has_value()) << error;
-    EXPECT_EQ(logged->frame.id, row.id);
-    EXPECT_EQ(logged->frame.extended, (row.flags & kExt) != 0);
-    EXPECT_EQ(logged->frame.fd, (row.flags & kFd) != 0);
-    EXPECT_EQ(logged->frame.rtr, (row.flags & kRtr) != 0);
-    EXPECT_EQ(logged->frame.error, (row.flags & kErr) != 0);
-    EXPECT_EQ(logged->frame.data, row.data);
+    const km::MonitoredFrame& f = logged->frame;
+    std::ostringstream seen;
+    seen << "0x" << std::hex << f.id << ' ' << (f.extended ? "E" : "") << (f.fd ? "F" : "")
+         << (f.rtr ? "R" : "") << (f.error ? "X" : "")
+         << (f.extended || f.fd || f.rtr || f.error ? "" : "-") << ' ' << km::hex_bytes(f.data);
+    EXPECT_EQ(seen.str(), expected);
   }
   // {line, start of the refusal}; some found by fuzzing (corpus/fuzz_candump_line/regression-*).
   const std::pair<const char*, const char*> refusals[] = {
