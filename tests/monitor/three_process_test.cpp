@@ -1,5 +1,6 @@
 // The simulated arm, the bus monitor and a program using Kestrel as three separate processes on
-// one userspace bus, started the way a user starts them; and the monitor's errors for bad use.
+// one userspace bus, started the way a user starts them (the program is the example
+// facade_mit_streaming); and the monitor's errors for bad use.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -18,7 +19,9 @@ TEST(ThreeProcesses, SimulatedArmMonitorAndKestrelProgram) {
   std::this_thread::sleep_for(500ms);  // listening before the first frame
   const auto demo = bus.run({KESTREL_SIMBUS_PROGRAM, "run", "--", KESTREL_DEMO_PROGRAM,
                              "--interface", "moncan0", "--seconds", "1"});
-  EXPECT_EQ(demo.status, 0) << demo.output;
+  EXPECT_EQ(demo.status, 0) << demo.output;  // the example prints its steps
+  EXPECT_THAT(demo.output, HasSubstr("== Streaming MIT commands at 400 Hz"));
+  EXPECT_THAT(demo.output, HasSubstr("== Disabling"));
   EXPECT_EQ(monitor->wait(), 0) << monitor->output();
 
   // {arguments, exit status, what it prints}; taken down, the interface is refused with the
