@@ -20,6 +20,7 @@
 namespace {
 
 namespace cc = kestrel::controller;
+using kestrel::fuzz::attempt;
 
 // Each section with its keys by kind, space-separated: joint arrays, numbers, booleans.
 const char* const kSections[][4] = {
@@ -50,17 +51,6 @@ bool same_number(double a, double b) {
 
 bool present(const YAML::Node& section, const std::string& key) {
   return section.IsDefined() && !section.IsNull() && section[key].IsDefined();
-}
-
-// What a reader returns, or nothing when it throws std::runtime_error (yaml-cpp's errors
-// included).
-template <typename Read>
-auto attempt(Read read) -> std::optional<decltype(read())> {
-  try {
-    return read();
-  } catch (const std::runtime_error&) {
-    return std::nullopt;
-  }
 }
 
 void check_array(const YAML::Node& node, const std::string& key) {

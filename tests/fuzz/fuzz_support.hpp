@@ -1,6 +1,6 @@
 // Shared by the fuzz targets (one source file each): a quiet standard error, input written to a
-// scratch file for the readers that only take paths, and a check that stops the run with its
-// reason.
+// scratch file for the readers that only take paths, readers' refusals as an empty answer, and a
+// check that stops the run with its reason.
 #pragma once
 
 #include <unistd.h>
@@ -11,6 +11,8 @@
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
+#include <optional>
+#include <stdexcept>
 #include <streambuf>
 #include <string>
 
@@ -43,6 +45,17 @@ inline const std::string& write_scratch(const uint8_t* data, size_t size) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
   return path;
+}
+
+// What a reader returns, or nothing when it throws std::runtime_error (yaml-cpp's errors
+// included).
+template <typename Read>
+auto attempt(Read read) -> std::optional<decltype(read())> {
+  try {
+    return read();
+  } catch (const std::runtime_error&) {
+    return std::nullopt;
+  }
 }
 
 [[noreturn]] inline void fail(const char* file, int line, const char* what) {
