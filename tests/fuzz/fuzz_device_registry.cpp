@@ -26,16 +26,6 @@ struct Snapshot {
   int t_mos, t_rotor, feedback_id, error_code;
   std::map<int, double> params;
 
-  explicit Snapshot(const dm::Motor& m)
-      : position(m.get_position()),
-        velocity(m.get_velocity()),
-        torque(m.get_torque()),
-        t_mos(m.get_t_mos()),
-        t_rotor(m.get_t_rotor()),
-        feedback_id(m.get_feedback_id()),
-        error_code(m.get_error_code()),
-        params(m.get_params()) {}
-
   bool same_state(const Snapshot& o) const {
     return std::tie(position, velocity, torque, t_mos, t_rotor, feedback_id, error_code) ==
            std::tie(o.position, o.velocity, o.torque, o.t_mos, o.t_rotor, o.feedback_id,
@@ -50,6 +40,11 @@ struct Snapshot {
         });
   }
 };
+
+Snapshot snapshot(const dm::Motor& m) {
+  return {m.get_position(), m.get_velocity(),    m.get_torque(),     m.get_t_mos(),
+          m.get_t_rotor(),  m.get_feedback_id(), m.get_error_code(), m.get_params()};
+}
 
 // One registry per socket kind, each with the arm's seven motors. Built once per process.
 struct Rig {
@@ -75,7 +70,7 @@ struct Rig {
 };
 
 void check_updated(const dm::Motor& m, const Snapshot& before, dm::CallbackMode mode) {
-  const Snapshot after(m);
+  const Snapshot after = snapshot(m);
   if (mode == dm::CallbackMode::IGNORE) {
     FUZZ_CHECK(after.same_state(before) && after.same_params(before));
     return;
@@ -127,7 +122,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     std::vector<Snapshot> before;
     for (const auto& m : rig.motors) {
-      before.emplace_back(*m);
+      before.push_back(snapshot(*m));
     }
     CANDeviceCollection& registry = fd_registry ? rig.fd : rig.classic;
     if (fd_frame) {
@@ -151,7 +146,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       const bool addressed =
           m.get_recv_id() == can_id && (i >= 7) == fd_registry && fd_frame == fd_registry;
       if (!addressed) {
-        FUZZ_CHECK(Snapshot(m).same_state(before[i]) && Snapshot(m).same_params(before[i]));
+        FUZZ_CHECK(snapshot(m).same_state(before[i]) && snapshot(m).same_params(before[i]));
         continue;
       }
       check_updated(m, before[i], rig.devices[i]->get_callback_mode());
