@@ -1,8 +1,8 @@
-"""Shared fixtures: one simulated arm and one controller for the whole session (starting them is
-the slow part), and a private simulated arm for tests that need a controller of their own.
-
-The suite runs against the simulated arm through the SocketCAN interposer; started without it,
-pytest re-executes itself under it first."""
+# Shared fixtures: one simulated arm and one controller for the whole session (starting them is
+# the slow part), and a private simulated arm for tests that need a controller of their own.
+#
+# The suite runs against the simulated arm through the SocketCAN interposer; started without it,
+# pytest re-executes itself under it first.
 import itertools
 import time
 
@@ -21,7 +21,7 @@ _interface_numbers = itertools.count()
 
 
 def wait_until(predicate, timeout=1.0):
-    """True once predicate() holds (the control loop takes a command on its next cycle)."""
+    # True once predicate() holds (the control loop takes a command on its next cycle).
     deadline = time.monotonic() + timeout
     while not predicate():
         if time.monotonic() > deadline:
@@ -49,7 +49,7 @@ def arm():
 
 @pytest.fixture
 def at_home(arm):
-    """The session's arm, at rest at HOME."""
+    # The session's arm, at rest at HOME.
     arm.stop()
     if np.abs(arm.get_joint() - HOME).max() > 1e-3:
         arm.move_joint_waypoints([HOME], time_sec=1.0, speed_percent=0.0)
@@ -58,6 +58,6 @@ def at_home(arm):
 
 @pytest.fixture
 def private_sim():
-    """A simulated arm of its own (its own bus directory and interface) for one test."""
+    # A simulated arm of its own (its own bus directory and interface) for one test.
     with SimulatedArm(f"pyprivate{next(_interface_numbers)}") as sim:
         yield sim

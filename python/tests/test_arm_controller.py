@@ -1,5 +1,5 @@
-"""ArmController from Python against the simulated arm: every operation, numpy in and out, the
-library's exceptions as ValueError / RuntimeError with their own messages."""
+# ArmController from Python against the simulated arm: every operation, numpy in and out, the
+# library's exceptions as ValueError / RuntimeError with their own messages.
 import math
 
 import numpy as np

@@ -1,5 +1,5 @@
-"""Every Python example, run as its comment says, beside a simulated arm of its own; each must end
-with status 0 and print what it promises."""
+# Every Python example, run as its comment says, beside a simulated arm of its own; each must end
+# with status 0 and print what it promises.
 import os
 import re
 import subprocess
@@ -9,10 +9,10 @@ from pathlib import Path
 import pytest
 
 EXAMPLES = Path(__file__).resolve().parents[1] / "examples"
+JOINT_MOVES = r"moved in [0-9.]+ s; joints now 0\.(49|50)\d 0\.(49|50)\d -(0\.99|1\.00)"
 
 
 @pytest.mark.parametrize("name, expected", [
-    ("joint_moves.py", [r"moved in [0-9.]+ s; joints now 0\.(49|50)\d 0\.(49|50)\d -(0\.99|1\.00)"]),
     ("cartesian_line.py", [r"line in [0-9.]+ s; tool at x 0\.40\d y [-]?0\.00\d z 0\.20\d m",
                            r"refused: \[move_l\]"]),
     ("streaming_chunks.py", [r"chunk 10: 0\.60 s", r"joint 1 ends at [+-]0\.0\d+ rad"]),
@@ -33,9 +33,10 @@ def test_example_runs_beside_the_simulated_arm(private_sim, tmp_path, name, expe
 
 
 def test_example_starts_its_own_simulated_arm_without_the_interposer(tmp_path):
-    """--sim from a plain interpreter: re-executed under the interposer, simulator started."""
+    # joint_moves.py --sim from a plain interpreter: re-executed under the interposer, its own
+    # simulated arm started (the other examples run beside one the test starts).
     env = {k: v for k, v in os.environ.items() if k not in ("LD_PRELOAD", "KESTREL_SIMBUS_DIR")}
     run = subprocess.run([sys.executable, str(EXAMPLES / "joint_moves.py"), "--sim"], env=env,
                          cwd=tmp_path, capture_output=True, text=True, timeout=120)
     assert run.returncode == 0, run.stdout + run.stderr
-    assert re.search(r"moved in [0-9.]+ s; joints now 0\.(49|50)\d", run.stdout), run.stdout
+    assert re.search(JOINT_MOVES, run.stdout), run.stdout

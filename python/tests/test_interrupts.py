@@ -1,6 +1,6 @@
-"""Blocking calls release the GIL and answer Ctrl-C: stop() from a second Python thread ends a
-motion, Ctrl-C during a motion stops the arm and raises KeyboardInterrupt, and a controller
-closed by its context manager refuses further calls."""
+# Blocking calls release the GIL and answer Ctrl-C: stop() from a second Python thread ends a
+# motion, Ctrl-C during a motion stops the arm and raises KeyboardInterrupt, and a controller
+# closed by its context manager refuses further calls.
 import signal
 import subprocess
 import sys

@@ -1,5 +1,5 @@
-"""RobotKinematics, the safety checks and the regressor from Python: numpy in and out, the
-pure-Python model agreeing with the KDL one, the library's errors with their own messages."""
+# RobotKinematics, the safety checks and the regressor from Python: numpy in and out, the
+# pure-Python model agreeing with the KDL one, the library's errors with their own messages.
 from pathlib import Path
 
 import numpy as np

@@ -1,5 +1,5 @@
-"""The package itself: what help() shows, type stubs that list the whole compiled API, and the
-optional service client that may be missing but must not hide its own errors."""
+# The package itself: what help() shows, type stubs that list the whole compiled API, and the
+# optional service client that may be missing but must not hide its own errors.
 import ast
 import inspect
 import pydoc
@@ -21,23 +21,21 @@ def public_names(namespace):
 
 
 def stub_members():
-    """{name: set of member names} of every class in the stub, and its top-level functions."""
-    tree = ast.parse((PACKAGE / "_kestrel.pyi").read_text())
-    members = {"": set()}
+    # {qualified class name: member names} of the stub; "" holds its top-level names.
+    members = {}
 
     def collect(body, owner):
+        names = members.setdefault(owner, set())
         for node in body:
             if isinstance(node, ast.ClassDef):
-                members.setdefault(owner, set()).add(node.name)
-                inner = f"{owner}.{node.name}".lstrip(".")
-                members[inner] = set()
-                collect(node.body, inner)
-            elif isinstance(node, (ast.FunctionDef, ast.AnnAssign, ast.Assign)):
-                names = ([node.name] if isinstance(node, ast.FunctionDef) else
-                         [t.id for t in getattr(node, "targets", [getattr(node, "target", None)])
-                          if isinstance(t, ast.Name)])
-                members.setdefault(owner, set()).update(names)
-    collect(tree.body, "")
+                names.add(node.name)
+                collect(node.body, f"{owner}.{node.name}".lstrip("."))
+            elif isinstance(node, ast.FunctionDef):
+                names.add(node.name)
+            elif isinstance(node, (ast.AnnAssign, ast.Assign)):
+                names.update(t.id for t in getattr(node, "targets", [getattr(node, "target", None)])
+                             if isinstance(t, ast.Name))
+    collect(ast.parse((PACKAGE / "_kestrel.pyi").read_text()).body, "")
     return members
 
 

@@ -1,5 +1,6 @@
-"""ServiceClient against a real ``kestrel serve`` beside the simulated arm, both started by the
-tool in a private bus and service folder."""
+# ServiceClient against a real `kestrel serve` beside the simulated arm, both started by the
+# tool in a private bus and service folder.
+import math
 import os
 import shutil
 import subprocess
@@ -10,39 +11,28 @@ from pathlib import Path
 
 import pytest
 
+from conftest import HOME, wait_until
 from kestrel.service_client import ServiceClient, ServiceError
 
 INTERFACE = "pysvccan0"
-HOME = [0.0, 0.4, -0.9, 0.0, -0.6, 0.0]
 AWAY = [0.3, 0.8, -1.2, 0.2, -0.5, 0.1]
 
 
 def kestrel_program():
-    """$KESTREL_CLI_PROGRAM, else the tool beside $KESTREL_SIM_PROGRAM or in build/, else PATH."""
+    # $KESTREL_CLI_PROGRAM, else the tool beside $KESTREL_SIM_PROGRAM or in build/, else PATH.
     if os.environ.get("KESTREL_CLI_PROGRAM"):
         return os.environ["KESTREL_CLI_PROGRAM"]
-    candidates = []
-    if os.environ.get("KESTREL_SIM_PROGRAM"):
-        candidates.append(Path(os.environ["KESTREL_SIM_PROGRAM"]).parent.parent / "cli/kestrel")
-    candidates.append(Path(__file__).resolve().parents[2] / "build/tools/cli/kestrel")
-    for candidate in candidates:
+    sim = os.environ.get("KESTREL_SIM_PROGRAM")
+    for candidate in ([Path(sim).parent.parent / "cli/kestrel"] if sim else []) + [
+            Path(__file__).resolve().parents[2] / "build/tools/cli/kestrel"]:
         if candidate.is_file():
             return str(candidate)
     return shutil.which("kestrel")
 
 
-def wait_for(predicate, timeout):
-    deadline = time.monotonic() + timeout
-    while not predicate():
-        if time.monotonic() > deadline:
-            return False
-        time.sleep(0.01)
-    return True
-
-
 @pytest.fixture(scope="module")
 def service():
-    """The socket of a running service; the simulated arm and the service end with the module."""
+    # The socket of a running service; the simulated arm and the service end with the module.
     program = kestrel_program()
     if program is None:
         pytest.skip("the kestrel tool is not built (set KESTREL_CLI_PROGRAM)")
@@ -50,21 +40,17 @@ def service():
     env = dict(os.environ, KESTREL_SIMBUS_DIR=folder, KESTREL_SERVICE_DIR=folder + "/service")
     env.pop("LD_PRELOAD", None)  # the tool carries its own interposer
     log = open(os.path.join(folder, "log"), "w")
-    sim = subprocess.Popen([program, "sim", "--serve", "--interface", INTERFACE], env=env,
-                           stdout=log, stderr=log)
-    assert wait_for(lambda: any(Path(folder).glob(INTERFACE + "*")), 5)
-    serve = subprocess.Popen([program, "serve", "--interface", INTERFACE], env=env, stdout=log,
-                             stderr=log)
+    processes = [subprocess.Popen([program, "sim", "--serve", "--interface", INTERFACE], env=env,
+                                  stdout=log, stderr=log)]
+    assert wait_until(lambda: any(Path(folder).glob(INTERFACE + "*")), 5)
+    processes.insert(0, subprocess.Popen([program, "serve", "--interface", INTERFACE], env=env,
+                                         stdout=log, stderr=log))
     socket_path = folder + "/service/" + INTERFACE + ".sock"
-    assert wait_for(lambda: os.path.exists(socket_path), 10), open(log.name).read()
-    saved = os.environ.get("KESTREL_SERVICE_DIR")
-    os.environ["KESTREL_SERVICE_DIR"] = env["KESTREL_SERVICE_DIR"]
-    yield socket_path
-    if saved is None:
-        del os.environ["KESTREL_SERVICE_DIR"]
-    else:
-        os.environ["KESTREL_SERVICE_DIR"] = saved
-    for process in (serve, sim):
+    assert wait_until(lambda: os.path.exists(socket_path), 10), open(log.name).read()
+    with pytest.MonkeyPatch.context() as patch:
+        patch.setenv("KESTREL_SERVICE_DIR", env["KESTREL_SERVICE_DIR"])
+        yield socket_path
+    for process in processes:  # the service, then the arm
         process.terminate()
         assert process.wait(10) == 0, open(log.name).read()
     log.close()
@@ -87,8 +73,7 @@ def test_a_motion_by_interface_name_ends_held_at_its_target(service):
 
 
 def _pose_of(arm):
-    """Position and roll-pitch-yaw of the tool now, by asking the service to solve for it."""
-    import math
+    # Position and roll-pitch-yaw of the tool now, for the service to solve for.
     x, y, z, qx, qy, qz, qw = arm.state()["tool_pose"]
     roll = math.atan2(2 * (qw * qx + qy * qz), 1 - 2 * (qx * qx + qy * qy))
     pitch = math.asin(max(-1.0, min(1.0, 2 * (qw * qy - qz * qx))))

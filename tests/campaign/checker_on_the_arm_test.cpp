@@ -3,6 +3,7 @@
 // displaced are caught exactly there.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <sstream>
 #include <vector>
 
@@ -12,12 +13,9 @@ namespace kestrel::campaign {
 namespace {
 
 bool inside_a_window(const SeedResult& r, double time) {
-  for (const Exemption& e : r.exemptions) {
-    if (time >= e.begin - 0.01 && time <= e.end + 0.01) {
-      return true;
-    }
-  }
-  return false;
+  return std::any_of(r.exemptions.begin(), r.exemptions.end(), [&](const Exemption& e) {
+    return time >= e.begin - 0.01 && time <= e.end + 0.01;
+  });
 }
 
 constexpr double kPeriod = 0.0025;  // the control loop's

@@ -1,20 +1,14 @@
 // Every example program, run the way its comment says: beside the simulated arm, through the
 // userspace-bus interposer, as a separate process. Each must end with status 0 and print what
-// it promises.
+// it promises (facade_mit_streaming runs beside the bus monitor: tests/monitor).
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
-
-#include "simbus/simbus_control.hpp"
-#include "simbus/simbus_paths.hpp"
-#include "support/child_process.hpp"
+#include "examples/sim_beside.hpp"
 
 namespace {
 
 using namespace std::chrono_literals;
-using kestrel::testing::Process;
 
 struct Example {
   const char* name;
@@ -24,29 +18,17 @@ struct Example {
 class ExampleProgram : public ::testing::TestWithParam<Example> {};
 
 TEST_P(ExampleProgram, RunsBesideTheSimulatedArm) {
-  const Example& example = GetParam();
-  char dir_template[] = "/tmp/kestrel-example-test-XXXXXX";
-  const std::string dir = ::mkdtemp(dir_template);
-  ::setenv(kestrel::simbus::kDirectoryEnv, dir.c_str(), 1);
-  {
-    Process sim({KESTREL_SIM_PROGRAM, "--serve", "--interface", "excan0"}, dir + "/sim.log");
-    bool served = false;
-    for (int i = 0; i < 500 && !served; ++i) {
-      served = kestrel::simbus::is_served(dir, "excan0");
-      std::this_thread::sleep_for(10ms);
-    }
-    ASSERT_TRUE(served) << sim.output();
-    const std::string program = std::string(KESTREL_EXAMPLES_DIR) + "/" + example.name;
-    Process run({KESTREL_SIMBUS_PROGRAM, "run", "--", program, "excan0"}, dir + "/example.log");
-    EXPECT_EQ(run.wait(120s), 0) << run.output();
-    for (const auto& pattern : example.expected) {
-      EXPECT_THAT(run.output(), ::testing::ContainsRegex(pattern));
-    }
-    sim.terminate();
-    EXPECT_EQ(sim.wait(), 0) << sim.output();
+  kestrel::testing::SimBeside bus("excan0");
+  ASSERT_TRUE(bus.served) << bus.sim->output();
+  const auto run = bus.run({KESTREL_SIMBUS_PROGRAM, "run", "--",
+                            std::string(KESTREL_EXAMPLES_DIR) + "/" + GetParam().name, "excan0"},
+                           120s);
+  EXPECT_EQ(run.status, 0) << run.output;
+  for (const auto& pattern : GetParam().expected) {
+    EXPECT_THAT(run.output, ::testing::ContainsRegex(pattern));
   }
-  ::unsetenv(kestrel::simbus::kDirectoryEnv);
-  std::filesystem::remove_all(dir);
+  bus.sim->terminate();
+  EXPECT_EQ(bus.sim->wait(), 0) << bus.sim->output();
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -68,8 +50,7 @@ INSTANTIATE_TEST_SUITE_P(
         Example{"gravity_compensation", {"t 3\\.0 s  q2 \\+0\\.[0-9]+ rad", "holding"}},
         Example{"reading_state",
                 {"joints rad", "tool x y z qx qy qz qw", "feed-forward N·m",
-                 "control loop: [0-9]+ cycles"}},
-        Example{"facade_mit_streaming", {"== Streaming MIT commands at 400 Hz", "== Disabling"}}),
+                 "control loop: [0-9]+ cycles"}}),
     [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace

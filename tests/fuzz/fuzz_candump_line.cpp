@@ -9,11 +9,6 @@
 
 namespace km = kestrel::monitor;
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kestrel::fuzz::silence_cerr();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const km::DmFrameDescriber describer;
   const std::string line(reinterpret_cast<const char*>(data), size);

@@ -5,9 +5,14 @@
 // or return exactly what the file holds.
 #include <yaml-cpp/yaml.h>
 
+#include <algorithm>
 #include <cmath>
+#include <iterator>
+#include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "fuzz_support.hpp"
 #include "kestrel/controller/controller_config.hpp"
@@ -15,163 +20,116 @@
 namespace {
 
 namespace cc = kestrel::controller;
+using kestrel::fuzz::attempt;
 
-struct Section {
-  const char* name;
-  std::initializer_list<const char*> arrays;
-  std::initializer_list<const char*> numbers;
-  std::initializer_list<const char*> booleans;
+// Each section with its keys by kind, space-separated: joint arrays, numbers, booleans.
+const char* const kSections[][4] = {
+    {"pos_vel_mode", "max_acc_limits max_dec_limits kp_apr_limits", "", ""},
+    {"mit_mode", "kp kd feedforward_tau_limits gravity_tau_limits", "gravity_comp_scale",
+     "enable_gravity_compensation enable_coriolis_compensation enable_inertia_compensation"},
+    {"joint_trajectory", "max_vel_limits max_acc_limits max_jerk_limits",
+     "default_speed_percent max_motion_duration_sec set_joint_speed_factor",
+     "enforce_time_mode_acc_limit enforce_time_mode_jerk_limit continuous_waypoint_velocity "
+     "smooth_takeover"},
+    {"runtime_joint_safety", "torque_warn_limits torque_stop_limits", "", "enabled"},
+    {"gripper_watchdog", "",
+     "command_period_ms state_timeout_ms position_error_warn_m position_error_stop_m "
+     "position_error_stop_ms",
+     "enabled"},
+    {"gripper_control", "", "default_kp default_kd", ""},
+    {"realtime", "", "control_priority monitor_priority control_cpu", "enabled lock_memory"},
 };
 
-const Section kSections[] = {
-    {"pos_vel_mode", {"max_acc_limits", "max_dec_limits", "kp_apr_limits"}, {}, {}},
-    {"mit_mode",
-     {"kp", "kd", "feedforward_tau_limits", "gravity_tau_limits"},
-     {"gravity_comp_scale"},
-     {"enable_gravity_compensation", "enable_coriolis_compensation",
-      "enable_inertia_compensation"}},
-    {"joint_trajectory",
-     {"max_vel_limits", "max_acc_limits", "max_jerk_limits"},
-     {"default_speed_percent", "max_motion_duration_sec", "set_joint_speed_factor"},
-     {"enforce_time_mode_acc_limit", "enforce_time_mode_jerk_limit", "continuous_waypoint_velocity",
-      "smooth_takeover"}},
-    {"runtime_joint_safety", {"torque_warn_limits", "torque_stop_limits"}, {}, {"enabled"}},
-    {"gripper_watchdog",
-     {},
-     {"command_period_ms", "state_timeout_ms", "position_error_warn_m", "position_error_stop_m",
-      "position_error_stop_ms"},
-     {"enabled"}},
-    {"gripper_control", {}, {"default_kp", "default_kd"}, {}},
-    {"realtime",
-     {},
-     {"control_priority", "monitor_priority", "control_cpu"},
-     {"enabled", "lock_memory"}},
-};
+std::vector<std::string> keys(const char* list) {
+  std::istringstream in(list);
+  return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
+}
 
 bool same_number(double a, double b) {
   return a == b || (a != a && b != b);
 }
 
+bool present(const YAML::Node& section, const std::string& key) {
+  return section.IsDefined() && !section.IsNull() && section[key].IsDefined();
+}
+
 void check_array(const YAML::Node& node, const std::string& key) {
   cc::JointArray values{};
-  try {
-    cc::parse_joint_array(values, node, key, "fuzz.yaml");
-  } catch (const std::runtime_error&) {
-    return;
-  }
-  FUZZ_CHECK(node.IsSequence() && node.size() == values.size());
-  for (size_t i = 0; i < values.size(); ++i) {
-    FUZZ_CHECK(same_number(values[i], node[i].as<double>()));
-  }
-}
-
-void check_number(const YAML::Node& section, const char* key) {
-  double value = 0.0;
-  try {
-    value = cc::read_yaml_double_or(section, key, -12.5);
-  } catch (const std::runtime_error&) {
-    return;
-  }
-  if (section.IsDefined() && !section.IsNull() && section[key].IsDefined()) {
-    FUZZ_CHECK(same_number(value, section[key].as<double>()));
-  } else {
-    FUZZ_CHECK(value == -12.5);
-  }
-}
-
-void check_boolean(const YAML::Node& section, const char* key) {
-  bool with_false = false;
-  bool with_true = false;
-  try {
-    with_false = cc::read_bool_or(section, key, false);
-  } catch (const std::runtime_error&) {
-    try {
-      cc::read_bool_or(section, key, true);
-    } catch (const std::runtime_error&) {
-      return;
+  if (attempt([&] {
+        cc::parse_joint_array(values, node, key, "fuzz.yaml");
+        return true;
+      })) {
+    FUZZ_CHECK(node.IsSequence() && node.size() == values.size());
+    for (size_t i = 0; i < values.size(); ++i) {
+      FUZZ_CHECK(same_number(values[i], node[i].as<double>()));
     }
-    FUZZ_CHECK(!"a value refused with one fallback was accepted with the other");
   }
-  with_true = cc::read_bool_or(section, key, true);
-  FUZZ_CHECK(cc::read_bool_or(section, key) == with_true);
-  if (section.IsDefined() && !section.IsNull() && section[key].IsDefined()) {
-    FUZZ_CHECK(with_false == with_true);
-  } else {
-    FUZZ_CHECK(!with_false && with_true);
+}
+
+void check_number(const YAML::Node& section, const std::string& key) {
+  const auto value = attempt([&] { return cc::read_yaml_double_or(section, key, -12.5); });
+  if (value) {
+    FUZZ_CHECK(present(section, key) ? same_number(*value, section[key].as<double>())
+                                     : *value == -12.5);
+  }
+}
+
+void check_boolean(const YAML::Node& section, const std::string& key) {
+  const auto with_false = attempt([&] { return cc::read_bool_or(section, key, false); });
+  const auto with_true = attempt([&] { return cc::read_bool_or(section, key, true); });
+  // A value refused with one fallback is refused with the other.
+  FUZZ_CHECK(with_false.has_value() == with_true.has_value());
+  if (with_true) {
+    FUZZ_CHECK(cc::read_bool_or(section, key) == *with_true);
+    FUZZ_CHECK(present(section, key) ? *with_false == *with_true : !*with_false && *with_true);
   }
 }
 
 bool finite_non_negative(const cc::JointArray& values) {
-  for (const double v : values) {
-    if (!(std::isfinite(v) && v >= 0.0)) {
-      return false;
-    }
-  }
-  return true;
+  return std::all_of(values.begin(), values.end(),
+                     [](double v) { return std::isfinite(v) && v >= 0.0; });
 }
 
 // Each reader on its own, so that an error in one section does not hide the others.
-template <typename Read, typename Check>
-void check_section(Read read, Check check) {
-  try {
-    check(read());
-  } catch (const std::runtime_error&) {
+void check_sections(const YAML::Node& root) {
+  const std::string path = "fuzz.yaml";
+  attempt([&] { return cc::read_pos_vel_mode_config(root, path); });
+  if (const auto c = attempt([&] { return cc::read_mit_mode_config(root, path); })) {
+    FUZZ_CHECK(finite_non_negative(c->kp) && finite_non_negative(c->kd) &&
+               finite_non_negative(c->feedforward_tau_limits));
+    FUZZ_CHECK(std::isfinite(c->gravity_comp_scale));
+  }
+  if (const auto c = attempt([&] { return cc::read_joint_trajectory_config(root, path); })) {
+    FUZZ_CHECK(c->default_speed_percent > 0.0 && c->default_speed_percent <= 1.0);
+    FUZZ_CHECK(std::isfinite(c->max_motion_duration_sec) && c->max_motion_duration_sec > 0.0);
+    FUZZ_CHECK(std::isfinite(c->set_joint_speed_factor) && c->set_joint_speed_factor >= 0.0);
+  }
+  if (const auto c = attempt([&] { return cc::read_runtime_joint_safety_config(root, path); })) {
+    for (size_t j = 0; j < c->torque_warn_limits.size(); ++j) {
+      FUZZ_CHECK(c->torque_warn_limits[j] > 0.0 &&
+                 c->torque_warn_limits[j] <= c->torque_stop_limits[j]);
+    }
+  }
+  if (const auto c = attempt([&] { return cc::read_gripper_watchdog_config(root, path); })) {
+    FUZZ_CHECK(c->command_period_ms > 0.0 && c->state_timeout_ms > 0.0 &&
+               c->position_error_stop_ms > 0.0 &&
+               c->position_error_warn_m <= c->position_error_stop_m);
+  }
+  if (const auto c = attempt([&] { return cc::read_motor_supervision_config(root, path); })) {
+    FUZZ_CHECK(c->silent_timeout_ms >= 10.0 && c->silent_timeout_ms <= 1000.0);
+  }
+  if (const auto c = attempt([&] { return cc::read_gripper_control_config(root, path); })) {
+    FUZZ_CHECK(c->default_kp >= 0.1 && c->default_kp <= 20.0);
+    FUZZ_CHECK(c->default_kd >= 0.1 && c->default_kd <= 1.0);
+  }
+  if (const auto c = attempt([&] { return cc::read_realtime_config(root, path); })) {
+    FUZZ_CHECK(c->control_priority >= 1 && c->control_priority <= 99);
+    FUZZ_CHECK(c->monitor_priority >= 1 && c->monitor_priority <= 99);
+    FUZZ_CHECK(c->control_cpu >= -1);
   }
 }
 
-void check_sections(const YAML::Node& root) {
-  const std::string path = "fuzz.yaml";
-  check_section([&] { return cc::read_pos_vel_mode_config(root, path); },
-                [](const cc::PosVelModeConfig&) {});
-  check_section([&] { return cc::read_mit_mode_config(root, path); },
-                [](const cc::MitModeConfig& c) {
-                  FUZZ_CHECK(finite_non_negative(c.kp) && finite_non_negative(c.kd) &&
-                             finite_non_negative(c.feedforward_tau_limits));
-                  FUZZ_CHECK(std::isfinite(c.gravity_comp_scale));
-                });
-  check_section(
-      [&] { return cc::read_joint_trajectory_config(root, path); },
-      [](const cc::JointTrajectoryConfig& c) {
-        FUZZ_CHECK(c.default_speed_percent > 0.0 && c.default_speed_percent <= 1.0);
-        FUZZ_CHECK(std::isfinite(c.max_motion_duration_sec) && c.max_motion_duration_sec > 0.0);
-        FUZZ_CHECK(std::isfinite(c.set_joint_speed_factor) && c.set_joint_speed_factor >= 0.0);
-      });
-  check_section([&] { return cc::read_runtime_joint_safety_config(root, path); },
-                [](const cc::RuntimeJointSafetyConfig& c) {
-                  for (size_t j = 0; j < c.torque_warn_limits.size(); ++j) {
-                    FUZZ_CHECK(c.torque_warn_limits[j] > 0.0 &&
-                               c.torque_warn_limits[j] <= c.torque_stop_limits[j]);
-                  }
-                });
-  check_section([&] { return cc::read_gripper_watchdog_config(root, path); },
-                [](const cc::GripperWatchdogConfig& c) {
-                  FUZZ_CHECK(c.command_period_ms > 0.0 && c.state_timeout_ms > 0.0 &&
-                             c.position_error_stop_ms > 0.0 &&
-                             c.position_error_warn_m <= c.position_error_stop_m);
-                });
-  check_section([&] { return cc::read_motor_supervision_config(root, path); },
-                [](const cc::MotorSupervisionConfig& c) {
-                  FUZZ_CHECK(c.silent_timeout_ms >= 10.0 && c.silent_timeout_ms <= 1000.0);
-                });
-  check_section([&] { return cc::read_gripper_control_config(root, path); },
-                [](const cc::GripperControlConfig& c) {
-                  FUZZ_CHECK(c.default_kp >= 0.1 && c.default_kp <= 20.0);
-                  FUZZ_CHECK(c.default_kd >= 0.1 && c.default_kd <= 1.0);
-                });
-  check_section([&] { return cc::read_realtime_config(root, path); },
-                [](const cc::RealtimeConfig& c) {
-                  FUZZ_CHECK(c.control_priority >= 1 && c.control_priority <= 99);
-                  FUZZ_CHECK(c.monitor_priority >= 1 && c.monitor_priority <= 99);
-                  FUZZ_CHECK(c.control_cpu >= -1);
-                });
-}
-
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kestrel::fuzz::silence_cerr();
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   YAML::Node root;
@@ -184,26 +142,28 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // Read through const nodes as the loaders do: a missing key is then an undefined node, not
   // an insertion. A section that is no map makes the readers throw, and the next is tried.
   const YAML::Node& document = root;
-  for (const Section& section : kSections) {
+  for (const auto& section : kSections) {
     try {
-      const YAML::Node node = document[section.name];
-      for (const char* key : section.arrays) {
+      const YAML::Node node = document[section[0]];
+      for (const std::string& key : keys(section[1])) {
         if (node.IsDefined()) {
-          check_array(node[key], std::string(section.name) + "." + key);
+          check_array(node[key], std::string(section[0]) + "." + key);
         }
       }
-      for (const char* key : section.numbers) {
+      for (const std::string& key : keys(section[2])) {
         check_number(node, key);
       }
-      for (const char* key : section.booleans) {
+      for (const std::string& key : keys(section[3])) {
         check_boolean(node, key);
       }
     } catch (const std::runtime_error&) {
     }
   }
-  try {
-    cc::JointArray signs{};
-    cc::parse_joint_array(signs, document["motor_signs"], "motor_signs", "fuzz.yaml");
+  cc::JointArray signs{};
+  if (attempt([&] {
+        cc::parse_joint_array(signs, document["motor_signs"], "motor_signs", "fuzz.yaml");
+        return true;
+      })) {
     try {
       cc::check_motor_signs(signs);
       for (const double s : signs) {
@@ -211,7 +171,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       }
     } catch (const std::invalid_argument&) {
     }
-  } catch (const std::runtime_error&) {
   }
   return 0;
 }

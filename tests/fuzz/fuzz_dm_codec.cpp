@@ -8,11 +8,6 @@
 
 namespace dm = kestrel::damiao_motor;
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kestrel::fuzz::silence_cerr();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (int type = 0; type < dm::MOTOR_TYPE_COUNT; ++type) {
     const dm::Motor motor(static_cast<dm::MotorType>(type), 1, 0x11);

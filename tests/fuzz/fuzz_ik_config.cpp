@@ -7,29 +7,20 @@
 
 using namespace kestrel::algorithms;
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kestrel::fuzz::silence_cerr();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string& path = kestrel::fuzz::write_scratch(data, size);
-  try {
-    const IkSolverConfig c = read_ik_solver_config(path);
-    FUZZ_CHECK(c.mode == "fast" || c.mode == "kdl" || c.mode == "kdl_with_approx_fallback");
-    FUZZ_CHECK(c.position_tolerance_m > 0.0 && c.orientation_tolerance_rad > 0.0);
-    FUZZ_CHECK(c.max_fast_iterations >= 0 && c.max_residual_search_iterations >= 0);
-    FUZZ_CHECK(c.damping >= 0.0 && c.max_joint_step_rad > 0.0);
-    FUZZ_CHECK(c.max_joint_delta_time_sec >= 0.0);
-    for (const double v : c.max_joint_velocity_rad_s) {
+  if (const auto c = kestrel::fuzz::attempt([&] { return read_ik_solver_config(path); })) {
+    FUZZ_CHECK(c->mode == "fast" || c->mode == "kdl" || c->mode == "kdl_with_approx_fallback");
+    FUZZ_CHECK(c->position_tolerance_m > 0.0 && c->orientation_tolerance_rad > 0.0);
+    FUZZ_CHECK(c->max_fast_iterations >= 0 && c->max_residual_search_iterations >= 0);
+    FUZZ_CHECK(c->damping >= 0.0 && c->max_joint_step_rad > 0.0);
+    FUZZ_CHECK(c->max_joint_delta_time_sec >= 0.0);
+    for (const double v : c->max_joint_velocity_rad_s) {
       FUZZ_CHECK(v > 0.0);
     }
-  } catch (const std::runtime_error&) {
   }
-  try {
-    const IkFallbackConfig c = read_ik_fallback_config(path);
-    FUZZ_CHECK(c.position_tolerance_m >= 0.0 && c.max_time_ms >= 0.0);
-  } catch (const std::runtime_error&) {
+  if (const auto c = kestrel::fuzz::attempt([&] { return read_ik_fallback_config(path); })) {
+    FUZZ_CHECK(c->position_tolerance_m >= 0.0 && c->max_time_ms >= 0.0);
   }
   return 0;
 }

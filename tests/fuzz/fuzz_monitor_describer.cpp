@@ -7,11 +7,6 @@
 
 namespace km = kestrel::monitor;
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kestrel::fuzz::silence_cerr();
-  return 0;
-}
-
 // Byte 0: flags (extended, FD, remote, error); bytes 1-4: identifier, little-endian; the rest is
 // the payload, at most 8 bytes (64 for FD).
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

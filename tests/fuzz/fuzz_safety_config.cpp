@@ -7,18 +7,13 @@
 
 using namespace kestrel::algorithms;
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kestrel::fuzz::silence_cerr();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  SafetyConfig c;
-  try {
-    c = read_safety_config(kestrel::fuzz::write_scratch(data, size));
-  } catch (const std::runtime_error&) {
+  const auto read = kestrel::fuzz::attempt(
+      [&] { return read_safety_config(kestrel::fuzz::write_scratch(data, size)); });
+  if (!read) {
     return 0;
   }
+  const SafetyConfig& c = *read;
   const auto& sp = c.singularity_protection;
   const auto& ts = c.trajectory_safety;
   const auto& sc = c.self_collision;

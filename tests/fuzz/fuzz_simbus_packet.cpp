@@ -13,11 +13,6 @@ namespace ks = kestrel::simbus;
 namespace proto = kestrel::simbus::protocol;
 using Kind = ks::ClientPacket::Kind;
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kestrel::fuzz::silence_cerr();
-  return 0;
-}
-
 // Byte 0: the sender's state (attached, FD socket, interface MTU 72 or 16); the rest is the
 // packet as it arrived, at most the hub's receive buffer.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

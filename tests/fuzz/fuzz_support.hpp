@@ -1,5 +1,6 @@
-// Shared by the fuzz targets: a quiet standard error, input written to a scratch file for the
-// readers that only take paths, and a check that stops the run with its reason.
+// Shared by the fuzz targets (one source file each): a quiet standard error, input written to a
+// scratch file for the readers that only take paths, readers' refusals as an empty answer, and a
+// check that stops the run with its reason.
 #pragma once
 
 #include <unistd.h>
@@ -10,6 +11,8 @@
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
+#include <optional>
+#include <stdexcept>
 #include <streambuf>
 #include <string>
 
@@ -44,12 +47,29 @@ inline const std::string& write_scratch(const uint8_t* data, size_t size) {
   return path;
 }
 
+// What a reader returns, or nothing when it throws std::runtime_error (yaml-cpp's errors
+// included).
+template <typename Read>
+auto attempt(Read read) -> std::optional<decltype(read())> {
+  try {
+    return read();
+  } catch (const std::runtime_error&) {
+    return std::nullopt;
+  }
+}
+
 [[noreturn]] inline void fail(const char* file, int line, const char* what) {
   std::fprintf(stderr, "%s:%d: fuzz check failed: %s\n", file, line, what);
   std::abort();
 }
 
 }  // namespace kestrel::fuzz
+
+// Every target runs with standard error silenced.
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  kestrel::fuzz::silence_cerr();
+  return 0;
+}
 
 // A property every input must keep; a violation aborts, and libFuzzer keeps the input.
 #define FUZZ_CHECK(condition)                                \

@@ -12,21 +12,13 @@
 namespace {
 
 using kestrel::algorithms::UrdfJoint;
-
-bool finite(const Eigen::Vector3d& v) {
-  return v.allFinite();
-}
+using kestrel::fuzz::attempt;
 
 void check_links(const tinyxml2::XMLElement* robot) {
-  kestrel::algorithms::UrdfLinkMap links;
-  try {
-    links = kestrel::algorithms::detail::parse_links(robot);
-  } catch (const std::runtime_error&) {
-    return;
-  }
-  for (const auto& [name, inertial] : links) {
+  const auto links = attempt([&] { return kestrel::algorithms::detail::parse_links(robot); });
+  for (const auto& [name, inertial] : links.value_or(kestrel::algorithms::UrdfLinkMap{})) {
     FUZZ_CHECK(std::isfinite(inertial.mass));
-    FUZZ_CHECK(finite(inertial.origin_xyz) && finite(inertial.origin_rpy));
+    FUZZ_CHECK(inertial.origin_xyz.allFinite() && inertial.origin_rpy.allFinite());
     for (const double value : inertial.inertia) {
       FUZZ_CHECK(std::isfinite(value));
     }
@@ -34,17 +26,14 @@ void check_links(const tinyxml2::XMLElement* robot) {
 }
 
 void check_chain(const tinyxml2::XMLElement* robot) {
-  std::vector<UrdfJoint> chain;
-  try {
-    chain = kestrel::algorithms::detail::parse_joint_chain(robot);
-  } catch (const std::runtime_error&) {
-    return;
-  }
+  const auto parsed =
+      attempt([&] { return kestrel::algorithms::detail::parse_joint_chain(robot); });
+  const std::vector<UrdfJoint> chain = parsed.value_or(std::vector<UrdfJoint>{});
   std::unordered_set<std::string> seen;
   for (size_t i = 0; i < chain.size(); ++i) {
     const UrdfJoint& joint = chain[i];
     FUZZ_CHECK(std::abs(joint.axis.norm() - 1.0) < 1e-9);
-    FUZZ_CHECK(finite(joint.origin_xyz) && finite(joint.origin_rpy));
+    FUZZ_CHECK(joint.origin_xyz.allFinite() && joint.origin_rpy.allFinite());
     FUZZ_CHECK(!joint.has_limits || (std::isfinite(joint.lower) && std::isfinite(joint.upper)));
     FUZZ_CHECK(!(joint.has_limits && joint.type == "continuous"));
     FUZZ_CHECK(i == 0 || chain[i - 1].child_link == joint.parent_link);
@@ -53,11 +42,6 @@ void check_chain(const tinyxml2::XMLElement* robot) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kestrel::fuzz::silence_cerr();
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // The model reads the file through tinyxml2 exactly like this, then hands over <robot>.

@@ -1,67 +1,60 @@
 // The simulated arm, the bus monitor and a program using Kestrel as three separate processes on
-// one userspace bus, started the way a user starts them.
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
+// one userspace bus, started the way a user starts them (the program is the example
+// facade_mit_streaming); and the monitor's errors for bad use.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include "simbus/simbus_control.hpp"
-#include "simbus/simbus_paths.hpp"
-#include "support/child_process.hpp"
+#include "examples/sim_beside.hpp"
 
 namespace {
 
 using namespace std::chrono_literals;
-using kestrel::testing::Process;
 using ::testing::HasSubstr;
 
 TEST(ThreeProcesses, SimulatedArmMonitorAndKestrelProgram) {
-  char dir_template[] = "/tmp/kestrel-monitor-test-XXXXXX";
-  const std::string dir = ::mkdtemp(dir_template);
-  ::setenv(kestrel::simbus::kDirectoryEnv, dir.c_str(), 1);
-  const std::string iface = "moncan0";
-
-  Process sim({KESTREL_SIM_PROGRAM, "--serve", "--interface", iface}, dir + "/sim.log");
-  bool served = false;
-  for (int i = 0; i < 500 && !served; ++i) {
-    served = kestrel::simbus::is_served(dir, iface);
-    std::this_thread::sleep_for(10ms);
-  }
-  ASSERT_TRUE(served) << sim.output();
-
-  Process monitor(
-      {KESTREL_SIMBUS_PROGRAM, "run", "--", KESTREL_MONITOR_PROGRAM, iface, "--duration", "6"},
-      dir + "/monitor.log");
+  kestrel::testing::SimBeside bus("moncan0");
+  ASSERT_TRUE(bus.served) << bus.sim->output();
+  const auto monitor = bus.start(
+      {KESTREL_SIMBUS_PROGRAM, "run", "--", KESTREL_MONITOR_PROGRAM, "moncan0", "--duration", "6"});
   std::this_thread::sleep_for(500ms);  // listening before the first frame
-  Process demo({KESTREL_SIMBUS_PROGRAM, "run", "--", KESTREL_DEMO_PROGRAM, "--interface", iface,
-                "--seconds", "1"},
-               dir + "/demo.log");
-  EXPECT_EQ(demo.wait(), 0) << demo.output();
-  EXPECT_EQ(monitor.wait(), 0) << monitor.output();
+  const auto demo = bus.run({KESTREL_SIMBUS_PROGRAM, "run", "--", KESTREL_DEMO_PROGRAM,
+                             "--interface", "moncan0", "--seconds", "1"});
+  EXPECT_EQ(demo.status, 0) << demo.output;  // the example prints its steps
+  EXPECT_THAT(demo.output, HasSubstr("== Streaming MIT commands at 400 Hz"));
+  EXPECT_THAT(demo.output, HasSubstr("== Disabling"));
+  EXPECT_EQ(monitor->wait(), 0) << monitor->output();
 
-  // Taken down, the interface is refused with the hint to bring it up.
-  Process down({KESTREL_SIMBUS_PROGRAM, "set", iface, "down"}, dir + "/down.log");
-  EXPECT_EQ(down.wait(), 0) << down.output();
-  Process refused({KESTREL_SIMBUS_PROGRAM, "run", "--", KESTREL_MONITOR_PROGRAM, iface},
-                  dir + "/refused.log");
-  EXPECT_EQ(refused.wait(), 1);
-  EXPECT_THAT(refused.output(), HasSubstr("kestrel-monitor: CAN interface 'moncan0' is DOWN"));
-  sim.terminate();
-  EXPECT_EQ(sim.wait(), 0) << sim.output();
+  // {arguments, exit status, what it prints}; taken down, the interface is refused with the
+  // hint to bring it up.
+  struct Use {
+    std::vector<std::string> args;
+    int status;
+    const char* says;
+  };
+  const Use uses[] = {
+      {{KESTREL_SIMBUS_PROGRAM, "set", "moncan0", "down"}, 0, ""},
+      {{KESTREL_SIMBUS_PROGRAM, "run", "--", KESTREL_MONITOR_PROGRAM, "moncan0"},
+       1,
+       "kestrel-monitor: CAN interface 'moncan0' is DOWN"},
+      {{KESTREL_MONITOR_PROGRAM, "--bogus"}, 2, "unknown option '--bogus'"},
+      {{KESTREL_MONITOR_PROGRAM, "--filter", "9", "x"},
+       2,
+       "--filter takes a motor id 1..7, not '9'"},
+      {{KESTREL_SIMBUS_PROGRAM, "run", "--", KESTREL_MONITOR_PROGRAM, "nosuch0"},
+       1,
+       "kestrel-monitor: cannot open CAN interface 'nosuch0'"},
+      {{KESTREL_MONITOR_PROGRAM, "--help"}, 0, "Usage: kestrel-monitor [options] [INTERFACE]"},
+  };
+  for (const Use& use : uses) {
+    SCOPED_TRACE(use.args[use.args.size() - 1]);
+    const auto run = bus.run(use.args);
+    EXPECT_EQ(run.status, use.status) << run.output;
+    EXPECT_THAT(run.output, HasSubstr(use.says));
+  }
+  bus.sim->terminate();
+  EXPECT_EQ(bus.sim->wait(), 0) << bus.sim->output();
 
-  const std::string seen = monitor.output();
+  const std::string seen = monitor->output();
   for (const char* motor : {"joint 1 (id 1)", "joint 2 (id 2)", "joint 3 (id 3)", "joint 4 (id 4)",
                             "joint 5 (id 5)", "joint 6 (id 6)", "gripper (id 7)"}) {
     EXPECT_THAT(seen, HasSubstr(std::string(motor) + " enable")) << motor;
@@ -72,32 +65,6 @@ TEST(ThreeProcesses, SimulatedArmMonitorAndKestrelProgram) {
   EXPECT_THAT(seen,
               ::testing::ContainsRegex("-- last 1\\.[0-9] s: to motors [1-9][0-9]* frames/s"));
   EXPECT_THAT(seen, HasSubstr("-- total "));
-  ::unsetenv(kestrel::simbus::kDirectoryEnv);
-  std::filesystem::remove_all(dir);
-}
-
-TEST(MonitorProgram, ClearErrorsForBadUse) {
-  char dir_template[] = "/tmp/kestrel-monitor-test-XXXXXX";
-  const std::string dir = ::mkdtemp(dir_template);
-  ::setenv(kestrel::simbus::kDirectoryEnv, dir.c_str(), 1);
-  {
-    Process bad_option({KESTREL_MONITOR_PROGRAM, "--bogus"}, dir + "/a.log");
-    EXPECT_EQ(bad_option.wait(), 2);
-    EXPECT_THAT(bad_option.output(), HasSubstr("unknown option '--bogus'"));
-    Process bad_filter({KESTREL_MONITOR_PROGRAM, "--filter", "9", "x"}, dir + "/b.log");
-    EXPECT_EQ(bad_filter.wait(), 2);
-    EXPECT_THAT(bad_filter.output(), HasSubstr("--filter takes a motor id 1..7, not '9'"));
-    Process missing({KESTREL_SIMBUS_PROGRAM, "run", "--", KESTREL_MONITOR_PROGRAM, "nosuch0"},
-                    dir + "/c.log");
-    EXPECT_EQ(missing.wait(), 1);
-    EXPECT_THAT(missing.output(),
-                HasSubstr("kestrel-monitor: cannot open CAN interface 'nosuch0'"));
-    Process help({KESTREL_MONITOR_PROGRAM, "--help"}, dir + "/d.log");
-    EXPECT_EQ(help.wait(), 0);
-    EXPECT_THAT(help.output(), HasSubstr("Usage: kestrel-monitor [options] [INTERFACE]"));
-  }
-  ::unsetenv(kestrel::simbus::kDirectoryEnv);
-  std::filesystem::remove_all(dir);
 }
 
 }  // namespace

@@ -6,62 +6,44 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <regex>
 
-#include "simbus/simbus_control.hpp"
-#include "simbus/simbus_paths.hpp"
-#include "support/child_process.hpp"
+#include "examples/sim_beside.hpp"
 
 namespace {
 
 using namespace std::chrono_literals;
-using kestrel::testing::Process;
 
 TEST(SoakSlice, ReportsEveryIntervalAndNothingGrows) {
-  char dir_template[] = "/tmp/kestrel-soak-test-XXXXXX";
-  const std::string dir = ::mkdtemp(dir_template);
-  ::setenv(kestrel::simbus::kDirectoryEnv, dir.c_str(), 1);
-  {
-    Process sim({KESTREL_SIM_PROGRAM, "--serve", "--interface", "soakcan0"}, dir + "/sim.log");
-    bool served = false;
-    for (int i = 0; i < 500 && !served; ++i) {
-      served = kestrel::simbus::is_served(dir, "soakcan0");
-      std::this_thread::sleep_for(10ms);
-    }
-    ASSERT_TRUE(served) << sim.output();
-    Process soak({KESTREL_SIMBUS_PROGRAM, "run", "--", KESTREL_SOAK_PROGRAM, "--interface",
-                  "soakcan0", "--seconds", "20", "--interval", "10", "--rss-limit", "16"},
-                 dir + "/soak.log");
-    EXPECT_EQ(soak.wait(90s), 0) << soak.output();
-    const std::string out = soak.output();
-
-    const std::regex report(
-        R"(interval (\d) \(\d+ s\): rss ([0-9.]+) MB \(hwm [0-9.]+, heap [0-9.]+\), )"
-        R"(fds (\d+), threads (\d+), cycles (\d+), )"
-        R"(cycle p50 \d+ us p99 \d+ us max \d+ us, .*missed (\d+))");
-    int reports = 0;
-    for (auto it = std::sregex_iterator(out.begin(), out.end(), report);
-         it != std::sregex_iterator(); ++it) {
-      const std::smatch& m = *it;
-      ++reports;
-      EXPECT_EQ(std::stoi(m[1]), reports);
-      EXPECT_GT(std::stod(m[2]), 1.0);
-      EXPECT_GT(std::stoi(m[3]), 2);
-      // The reporter, both user threads, the control loop and the torque monitor.
-      EXPECT_GE(std::stoi(m[4]), 5);
-      // 400 Hz for 10 s, with room for a loaded machine and an emergency stop's restart.
-      EXPECT_GT(std::stoul(m[5]), 2000u) << m[0];
-      EXPECT_LE(std::stoul(m[6]), std::stoul(m[5]));
-    }
-    EXPECT_EQ(reports, 2) << out;
-    EXPECT_THAT(out, ::testing::HasSubstr("verdict: PASS")) << out;
-    sim.terminate();
-    EXPECT_EQ(sim.wait(), 0) << sim.output();
+  kestrel::testing::SimBeside bus("soakcan0");
+  ASSERT_TRUE(bus.served) << bus.sim->output();
+  const auto soak =
+      bus.run({KESTREL_SIMBUS_PROGRAM, "run", "--", KESTREL_SOAK_PROGRAM, "--interface", "soakcan0",
+               "--seconds", "20", "--interval", "10", "--rss-limit", "16"},
+              90s);
+  const std::string& out = soak.output;
+  EXPECT_EQ(soak.status, 0) << out;
+  const std::regex report(
+      R"(interval (\d) \(\d+ s\): rss ([0-9.]+) MB \(hwm [0-9.]+, heap [0-9.]+\), )"
+      R"(fds (\d+), threads (\d+), cycles (\d+), )"
+      R"(cycle p50 \d+ us p99 \d+ us max \d+ us, .*missed (\d+))");
+  int reports = 0;
+  for (auto it = std::sregex_iterator(out.begin(), out.end(), report); it != std::sregex_iterator();
+       ++it) {
+    const std::smatch& m = *it;
+    EXPECT_EQ(std::stoi(m[1]), ++reports);
+    EXPECT_GT(std::stod(m[2]), 1.0);
+    EXPECT_GT(std::stoi(m[3]), 2);
+    // The reporter, both user threads, the control loop and the torque monitor.
+    EXPECT_GE(std::stoi(m[4]), 5);
+    // 400 Hz for 10 s, with room for a loaded machine and an emergency stop's restart.
+    EXPECT_GT(std::stoul(m[5]), 2000u) << m[0];
+    EXPECT_LE(std::stoul(m[6]), std::stoul(m[5]));
   }
-  ::unsetenv(kestrel::simbus::kDirectoryEnv);
-  std::filesystem::remove_all(dir);
+  EXPECT_EQ(reports, 2) << out;
+  EXPECT_THAT(out, ::testing::HasSubstr("verdict: PASS")) << out;
+  bus.sim->terminate();
+  EXPECT_EQ(bus.sim->wait(), 0) << bus.sim->output();
 }
 
 }  // namespace

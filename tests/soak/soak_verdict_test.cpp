@@ -16,10 +16,10 @@ using kestrel::soak::judge_growth;
 
 struct Series {
   const char* name;
-  std::vector<double> rss_mb;         // one value per one-minute interval
-  std::vector<int> fds;               // empty: 12 throughout
-  std::vector<int> threads;           // empty: 5 throughout
-  std::vector<std::string> failures;  // expected substrings, in order; none: passes
+  std::vector<double> rss_mb;              // one value per one-minute interval
+  std::vector<std::string> failures = {};  // expected substrings, in order; none: passes
+  std::vector<int> fds = {};               // empty: 12 throughout
+  std::vector<int> threads = {};           // empty: 5 throughout
 };
 
 std::vector<IntervalFigures> intervals_of(const Series& s) {
@@ -58,34 +58,24 @@ INSTANTIATE_TEST_SUITE_P(
     Soak, GrowthVerdict,
     ::testing::Values(
         // Start-up allocations land in the warm-up minute; then the allocator's noise.
-        Series{"Flat", {60.0, 61.2, 60.8, 61.5, 60.9, 61.4, 61.0, 61.3, 60.7, 61.1}, {}, {}, {}},
-        Series{"JumpAfterWarmUp",
-               {40.0, 40.1, 46.5, 46.6, 46.4},
-               {},
-               {},
-               {"grew 6.4 MB after minute 1"}},
+        Series{"Flat", {60.0, 61.2, 60.8, 61.5, 60.9, 61.4, 61.0, 61.3, 60.7, 61.1}},
+        Series{"JumpAfterWarmUp", {40.0, 40.1, 46.5, 46.6, 46.4}, {"grew 6.4 MB after minute 1"}},
         // A long motion's timeline in memory at the last report only.
-        Series{"TransientAtTheLastReport", {40.0, 40.1, 40.0, 40.2, 49.0}, {}, {}, {}},
+        Series{"TransientAtTheLastReport", {40.0, 40.1, 40.0, 40.2, 49.0}},
         // 0.3 MB per minute: below the limit on the total after ten minutes, but still rising.
         Series{"SteadyLeak",
                {40.0, 40.3, 40.6, 40.9, 41.2, 41.5, 41.8, 42.1, 42.4, 42.7},
-               {},
-               {},
                {"still rose 0.30 MB/min"}},
         // The allocator settling in during the first minutes, then flat.
-        Series{"EarlyCreep",
-               {40.0, 41.0, 41.8, 42.4, 42.8, 43.0, 43.0, 43.1, 43.0, 43.1, 43.0},
-               {},
-               {},
-               {}},
+        Series{"EarlyCreep", {40.0, 41.0, 41.8, 42.4, 42.8, 43.0, 43.0, 43.1, 43.0, 43.1, 43.0}},
         Series{"LeakedDescriptorAndThread",
                {40.0, 40.0, 40.0},
-               {12, 12, 13},
-               {5, 5, 7},
                {"open descriptors: 12 after minute 1, 13 at the end",
-                "threads: 5 after minute 1, 7 at the end"}},
+                "threads: 5 after minute 1, 7 at the end"},
+               {12, 12, 13},
+               {5, 5, 7}},
         // A descriptor open at one report and closed by the last is no leak.
-        Series{"TransientDescriptor", {40.0, 40.0, 40.0, 40.0}, {12, 14, 12, 12}, {}, {}}),
+        Series{"TransientDescriptor", {40.0, 40.0, 40.0, 40.0}, {}, {12, 14, 12, 12}}),
     [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
