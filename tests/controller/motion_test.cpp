@@ -1,24 +1,31 @@
-// Motions end to end on the simulated arm: joint waypoint motions and their waits, chunk updates
-// measured on the frames the motors received, motion programs and their joining rules, linear
-// and point-to-point Cartesian motions, and the Cartesian direct commands.
+// Motions and direct commands end to end on the simulated arm: joint waypoint motions and their
+// waits, chunk updates and takeovers measured on the frames the motors received, motion programs
+// and their joining rules, linear and point-to-point Cartesian motions, the Cartesian direct
+// commands, the joint and gripper direct commands with their refusals, clamping warnings and
+// gains on the wire, the controller without gripper, and the gravity-compensation floating mode.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <functional>
 #include <future>
+#include <limits>
 
 #include "controller/controller_fixture.hpp"
 #include "support/refusal.hpp"
+#include "support/stderr_capture.hpp"
 
 namespace {
 
 using namespace std::chrono_literals;
 using Access = ArmControllerTestAccess;
+using kestrel::testing::capture_stderr;
+using kestrel::testing::capture_stdout;
 using kestrel::testing::eventually;
 using kestrel::testing::refusal_of;
 using kestrel::testing::segment_distance;
 using kestrel::testing::SimulatedArm;
+using ::testing::HasSubstr;
 using Item = ArmController::MotionProgramItem;
 using Joints = std::vector<double>;
 
@@ -31,33 +38,38 @@ Joints with_joint1(double q1) {
   return q;
 }
 
+// The MIT frames motor `m` received since the log was cleared.
+std::vector<kestrel::sim::dm::MitCommand> mit_frames(SimulatedArm& sim, int m) {
+  std::vector<kestrel::sim::dm::MitCommand> out;
+  for (const auto& entry : sim.motors().received_frames()) {
+    if (entry.command.kind == kestrel::sim::CommandKind::kMit && entry.command.motor == m) {
+      out.push_back(entry.command.mit);
+    }
+  }
+  return out;
+}
+
 class MotionTest : public ::testing::Test {
  protected:
+  // The controller's start-up lines and the motors' reports stay in the log: they explain a
+  // failure.
   void SetUp() override {
-    ::testing::internal::CaptureStdout();
-    ::testing::internal::CaptureStderr();
     arm = std::make_unique<ArmController>(true, "can0", false, MIT_MODE, false);
     ASSERT_TRUE(eventually([&] { return arm->get_joint().size() == 6; }, 2s));
   }
-  void TearDown() override {
-    arm.reset();
-    const std::string out = ::testing::internal::GetCapturedStdout();
-    const std::string err = ::testing::internal::GetCapturedStderr();
-    if (HasFailure()) {
-      std::cout << "---- stdout\n" << out << "---- stderr\n" << err;
-    }
-  }
-  // Largest joint difference between the measured joints and q.
-  double distance_to(const Joints& q) {
-    const auto now = arm->get_joint();
-    double d = 0.0;
-    for (size_t j = 0; j < 6; ++j) {
-      d = std::max(d, std::abs(now[j] - q[j]));
-    }
-    return d;
-  }
+  // Whether the measured joints come within 0.01 rad of q.
   bool arrives_at(const Joints& q, std::chrono::milliseconds within = 3s) {
-    return eventually([&] { return distance_to(q) < 0.01; }, within);
+    const auto distance = [&] {
+      const auto now = arm->get_joint();
+      double d = 0.0;
+      for (size_t j = 0; j < 6; ++j) {
+        d = std::max(d, std::abs(now[j] - q[j]));
+      }
+      return d;
+    };
+    const bool arrived = eventually([&] { return distance() < 0.01; }, within);
+    EXPECT_TRUE(arrived) << "still " << distance() << " rad away";
+    return arrived;
   }
   // The tool pose as x, y, z, roll, pitch, yaw: at joints q, or where the arm is now.
   Joints tool_pose(const Joints& q = {}) {
@@ -115,7 +127,7 @@ TEST_F(MotionTest, WaypointMotionsWaitUntilTheyEndOrAreReplaced) {
   EXPECT_DOUBLE_EQ(duration, static_cast<double>(samples.size() - 1) / 400.0);
   EXPECT_GE(waited, duration);             // the call returns when the motion has ended
   EXPECT_EQ(samples.front().size(), 13u);  // six joints, tool x, y, z and its quaternion
-  EXPECT_TRUE(arrives_at(kWork)) << distance_to(kWork);
+  arrives_at(kWork);
 
   // A second motion ends the first one's wait normally, with the first one's duration.
   auto first =
@@ -126,42 +138,6 @@ TEST_F(MotionTest, WaypointMotionsWaitUntilTheyEndOrAreReplaced) {
   ASSERT_EQ(first.wait_for(0s), std::future_status::ready);
   EXPECT_DOUBLE_EQ(first.get(), 4.0);
   EXPECT_FALSE(arm->emergency_stopped());
-}
-
-TEST_F(MotionTest, ArgumentErrorsComeBeforeAnythingMoves) {
-  const Joints two = {0.3, 0.0}, three = {0.3, 0.0, 0.3}, angles = {0, 0, 0}, one = {0.0};
-  struct Row {
-    const char* name;
-    std::function<void()> call;
-    const char* message;
-  };
-  const Row rows[] = {
-      {"waypoints, time and speed", [&] { arm->move_joint_waypoints({kWork}, 1.0, 0.5); },
-       "speed_percent and time_sec are mutually exclusive; set only one"},
-      {"waypoints, five joints",
-       [&] {
-         arm->move_joint_waypoints({{0.1, 0.2, 0.3, 0.4, 0.5}}, 1.0, 0.0);
-       },
-       "each waypoint must have exactly 6 joint values"},
-      {"waypoints, none", [&] { arm->move_joint_waypoints({}, 1.0, 0.0); },
-       "waypoints must not be empty"},
-      {"chunk, negative delay", [&] { arm->update_joint_waypoint_chunk({kWork}, 1.0, 0.0, -0.1); },
-       "switch_delay_sec must be non-negative"},
-      {"move_l, two values", [&] { arm->move_l({two}, 1.0, 0.0); },
-       "[move_l] each pose must have exactly 6 values: x, y, z, roll, pitch, yaw"},
-      {"solve_ik, two coordinates", [&] { arm->solve_ik(two, angles); },
-       "target_pos and target_euler must both have exactly 3 elements."},
-      {"solve_ik, one-joint seed", [&] { arm->solve_ik(three, angles, one); },
-       "q_seed must have exactly 6 elements when provided."},
-      {"solve_ik_nearest, two coordinates", [&] { arm->solve_ik_nearest(two, angles); },
-       "target_pos and target_euler must both have exactly 3 elements."},
-      {"solve_ik_nearest, one-joint seed", [&] { arm->solve_ik_nearest(three, angles, one); },
-       "q_seed must have exactly 6 elements when provided."},
-  };
-  for (const Row& row : rows) {
-    EXPECT_EQ(refusal_of(row.call), row.message) << row.name;
-  }
-  EXPECT_EQ(Access::command_counter(*arm), 0);
 }
 
 TEST_F(MotionTest, ALinearMotionToWhereTheToolIsReturnsAtOnce) {
@@ -200,10 +176,8 @@ TEST_F(MotionTest, AStagedChunkChangesNothingBeforeItsSwitch) {
   std::this_thread::sleep_for(800ms);
   // Before the switch: the running motion's target, the standing gripper command and gains.
   EXPECT_EQ(Access::command_target(*arm), running_target);
-  for (const auto& entry : sim.motors().received_frames()) {
-    if (entry.command.kind == kestrel::sim::CommandKind::kMit && entry.command.motor == 6) {
-      ASSERT_NEAR(entry.command.mit.kp, 15.0, 500.0 / 4095);  // one count of the 12-bit field
-    }
+  for (const auto& frame : mit_frames(sim, 6)) {
+    ASSERT_NEAR(frame.kp, 15.0, 500.0 / 4095);  // one count of the 12-bit field
   }
   motion.get();  // replaced at the switch
   std::this_thread::sleep_for(200ms);
@@ -222,126 +196,106 @@ constexpr bool kPlansAtFullSpeed = false;
 constexpr bool kPlansAtFullSpeed = true;
 #endif
 
-// A chunk update takes over whatever runs, from its state at the switch: timed or by speed,
-// turning back or slowing down, into a waypoint motion or a set_joint move. The targets the
-// motors received carry on without a jump in position or velocity, within the limits.
-TEST_F(MotionTest, ChunkUpdatesSpliceIntoTheRunningMotionWithoutAJump) {
+// Whatever runs, a chunk update takes it over from its state at the switch: timed or by speed,
+// turning back or slowing down, into a waypoint motion or a set_joint move, or after an earlier
+// chunk still waiting for its switch (which then plays from its switch until the later one takes
+// over). With smooth_takeover, any new motion takes over that way. The targets the motors
+// received carry on without a jump in position or velocity, within the limits.
+TEST_F(MotionTest, TakeoversSpliceIntoTheRunningMotionWithoutAJump) {
+  struct Takeover {
+    Joints target;  // where the arm ends up; empty: not checked
+    double duration;
+    bool no_overshoot = false;  // commanded joint 1 stays short of the target
+  };
   struct Row {
     const char* name;
     std::function<std::future<void>()> start;  // the running motion
-    std::function<bool()> ready;               // when the chunk is sent
-    std::function<Joints()> chunk;
-    double time_sec, speed, delay;
-    bool overshoot_checked;  // commanded joint 1 stays short of the chunk's waypoint
+    std::function<bool()> ready;               // when it is taken over
+    std::function<Takeover()> take_over;
   };
-  auto moving_to_joint1 = [&](double q1, double time, double speed) {
+  auto run_to = [&](double q1, double time, double speed) {
     return [=] { return moving_to(with_joint1(q1), time, speed); };
   };
-  auto to_joint1 = [](double q1) { return [=] { return with_joint1(q1); }; };
-  auto began = std::chrono::steady_clock::now();
-  auto after = [&began](double seconds) {
-    return [&began, seconds] {
-      return std::chrono::steady_clock::now() - began > std::chrono::duration<double>(seconds);
+  auto after = [](double seconds) {
+    return [seconds] {
+      std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+      return true;
     };
   };
-  auto joint1_faster_than = [&](double v) {
+  auto faster_than = [&](double v) {
     return [this, v] { return arm->get_joint_velocities()[0] > v; };
   };
+  auto chunk = [&](double q1, double time, double speed, double delay) {
+    const double duration = arm->update_joint_waypoint_chunk({with_joint1(q1)}, time, speed, delay);
+    if (time > 0.0) {
+      EXPECT_DOUBLE_EQ(duration, time);
+    }
+    return Takeover{with_joint1(q1), duration};
+  };
+  auto smoothly = [&](std::function<void()> call, Joints target) {
+    return [=] {
+      Access::impl(*arm).trajectory_config.smooth_takeover = true;
+      call();
+      return Takeover{target, 2.5};
+    };
+  };
+  const Joints work_pose = tool_pose(kWork);
   const Row rows[] = {
-      {"a timed chunk turning back in full flight", moving_to_joint1(1.2, 3.0, 0.0), after(1.0),
-       to_joint1(-0.2), 2.5, 0.0, 0.2, false},
-      {"a slow chunk while joint 1 runs at 0.57 rad/s", moving_to_joint1(1.5, 0.0, 0.5),
-       joint1_faster_than(0.57), to_joint1(0.9), 0.0, 0.0, 0.05, false},
+      {"a timed chunk turning back in full flight", run_to(1.2, 3.0, 0.0), after(1.0),
+       [&] { return chunk(-0.2, 2.5, 0.0, 0.2); }},
+      {"a slow chunk while joint 1 runs at 0.57 rad/s", run_to(1.5, 0.0, 0.5), faster_than(0.57),
+       [&] { return chunk(0.9, 0.0, 0.0, 0.05); }},
       {"a chunk into a set_joint move",
        [&] {
          arm->set_joint(with_joint1(0.8), 2.0);
-         std::promise<void> done;
-         done.set_value();
-         return done.get_future();
+         return std::future<void>();
        },
-       after(0.8), to_joint1(0.2), 0.0, 0.5, 0.05, false},
+       after(0.8), [&] { return chunk(0.2, 0.0, 0.5, 0.05); }},
       // Far enough that the switch comes well before the joint gets there, even when a sanitizer
       // build plans slowly; near enough that keeping the running velocity as the first tangent
       // (0.5 rad/s over 3 s) would carry it past.
-      {"a timed chunk just ahead of a fast joint", moving_to_joint1(1.5, 0.0, 0.5),
-       joint1_faster_than(0.5), [&] { return with_joint1(arm->get_joint()[0] + 0.4); }, 3.0, 0.0,
-       0.05, true},
+      {"a timed chunk just ahead of a fast joint", run_to(1.5, 0.0, 0.5), faster_than(0.5),
+       [&] {
+         Takeover t = chunk(arm->get_joint()[0] + 0.4, 3.0, 0.0, 0.05);
+         t.no_overshoot = true;
+         return t;
+       }},
+      {"a chunk staged while an earlier one waits", run_to(1.2, 0.0, 0.5), faster_than(0.3),
+       [&] {
+         arm->update_joint_waypoint_chunk({with_joint1(0.9)}, 0.0, 0.3, 0.15);
+         std::this_thread::sleep_for(50ms);
+         return chunk(0.1, 0.0, 0.4, 0.3);
+       }},
+      {"smoothly, a waypoint motion", run_to(1.2, 0.0, 0.5), faster_than(0.4),
+       smoothly([&] { arm->move_joint_waypoints({kWork}, 0.0, 0.5); }, kWork)},
+      {"smoothly, a set_joint move", run_to(1.2, 0.0, 0.5), faster_than(0.4),
+       smoothly([&] { arm->set_joint(kWork, 2.0); }, kWork)},
+      {"smoothly, a linear motion", run_to(1.2, 0.0, 0.5), faster_than(0.4),
+       smoothly([&] { arm->move_l({work_pose}, 0.0, 0.5); }, {})},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     arm->move_joint_waypoints({kHome}, 0.0, 0.5);
-    began = std::chrono::steady_clock::now();
     auto running = row.start();
     ASSERT_TRUE(eventually(row.ready, 5s));
     sim.motors().clear_frame_log();
-    const Joints target = row.chunk();
-    const double duration =
-        arm->update_joint_waypoint_chunk({target}, row.time_sec, row.speed, row.delay);
-    if (row.time_sec > 0.0) {
-      EXPECT_DOUBLE_EQ(duration, row.time_sec);
+    const Takeover t = row.take_over();
+    if (running.valid()) {
+      running.get();  // a replaced motion's wait ends normally at the switch
     }
-    running.get();  // a replaced motion's wait ends normally at the switch
     // The switch and the transition lie in the first 3 s (the frame log holds about 5 s).
-    std::this_thread::sleep_for(std::chrono::duration<double>(std::min(duration, 3.0)));
+    std::this_thread::sleep_for(std::chrono::duration<double>(std::min(t.duration, 3.0)));
     expect_no_jump();
-    if (row.overshoot_checked && kPlansAtFullSpeed) {
+    if (t.no_overshoot && kPlansAtFullSpeed) {
       double farthest = -10.0;
-      for (const auto& entry : sim.motors().received_frames()) {
-        if (entry.command.kind == kestrel::sim::CommandKind::kMit && entry.command.motor == 0) {
-          farthest = std::max(farthest, entry.command.mit.q);
-        }
+      for (const auto& frame : mit_frames(sim, 0)) {
+        farthest = std::max(farthest, frame.q);
       }
-      EXPECT_LE(farthest, target[0] + 0.001) << "overshoots its waypoint";
+      EXPECT_LE(farthest, t.target[0] + 0.001) << "overshoots its waypoint";
     }
-    EXPECT_TRUE(
-        arrives_at(target, std::chrono::milliseconds(static_cast<int>(duration * 1000) + 2000)))
-        << distance_to(target);
-  }
-  EXPECT_FALSE(arm->emergency_stopped());
-}
-
-// A chunk sent while an earlier one waits for its switch keeps it: the earlier one plays from
-// its switch until the later one takes over from it.
-TEST_F(MotionTest, ChunksStagedOneAfterAnotherPlayInTurn) {
-  auto running = moving_to(with_joint1(1.2), 0.0, 0.5);
-  ASSERT_TRUE(eventually([&] { return arm->get_joint_velocities()[0] > 0.3; }, 3s));
-  sim.motors().clear_frame_log();
-  arm->update_joint_waypoint_chunk({with_joint1(0.9)}, 0.0, 0.3, 0.15);
-  std::this_thread::sleep_for(50ms);
-  const double duration = arm->update_joint_waypoint_chunk({with_joint1(0.1)}, 0.0, 0.4, 0.3);
-  running.get();
-  std::this_thread::sleep_for(std::chrono::duration<double>(std::min(duration, 3.0)));
-  expect_no_jump();
-  EXPECT_TRUE(arrives_at(with_joint1(0.1), 5s)) << distance_to(with_joint1(0.1));
-}
-
-// With smooth_takeover, a motion that arrives while another runs starts from the running
-// command's state: no jump, whatever kind of motion takes over.
-TEST_F(MotionTest, TakeoversSpliceWhenConfigured) {
-  Access::impl(*arm).trajectory_config.smooth_takeover = true;
-  const Joints work_pose = tool_pose(kWork);
-  struct Row {
-    const char* name;
-    std::function<void()> takeover;
-    Joints arrives;  // where the arm ends up
-  };
-  const Row rows[] = {
-      {"a waypoint motion", [&] { arm->move_joint_waypoints({kWork}, 0.0, 0.5); }, kWork},
-      {"a set_joint move", [&] { arm->set_joint(kWork, 2.0); }, kWork},
-      {"a linear motion", [&] { arm->move_l({work_pose}, 0.0, 0.5); }, {}},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    arm->move_joint_waypoints({kHome}, 0.0, 0.5);
-    auto running = moving_to(with_joint1(1.2), 0.0, 0.5);
-    ASSERT_TRUE(eventually([&] { return arm->get_joint_velocities()[0] > 0.4; }, 3s));
-    sim.motors().clear_frame_log();
-    row.takeover();
-    running.get();  // replaced: its wait ends normally at the switch
-    std::this_thread::sleep_for(2500ms);
-    expect_no_jump();
-    if (!row.arrives.empty()) {
-      EXPECT_TRUE(arrives_at(row.arrives));
+    if (!t.target.empty()) {
+      arrives_at(t.target,
+                 std::chrono::milliseconds(static_cast<int>(1000 * std::max(t.duration + 2, 5.0))));
     }
   }
   EXPECT_FALSE(arm->emergency_stopped());
@@ -350,12 +304,7 @@ TEST_F(MotionTest, TakeoversSpliceWhenConfigured) {
 TEST_F(MotionTest, MotionProgramJoinsAndSplitsAsItsRulesSay) {
   const Joints a = with_joint1(0.15), b = with_joint1(0.3);
   auto movej = [](Joints q, double time, double speed) {
-    Item item;
-    item.type = "movej";
-    item.waypoints = {q};
-    item.time_sec = time;
-    item.speed_percent = speed;
-    return item;
+    return Item{"movej", {q}, {}, time, speed, 0.0, 0.0};
   };
   EXPECT_EQ(arm->run_motion_program({}), 0.0);
   EXPECT_EQ(Access::command_counter(*arm), 0);
@@ -367,20 +316,21 @@ TEST_F(MotionTest, MotionProgramJoinsAndSplitsAsItsRulesSay) {
   EXPECT_DOUBLE_EQ(arm->run_motion_program({movej(a, 1.0, 0), movej(kHome, 1.5, 0)}), 2.5);
   EXPECT_EQ(Access::command_counter(*arm), 4);  // timed items join, their times add up
 
-  Item sleep;
-  sleep.type = "Sleep";
-  sleep.sleep_sec = -1.0;
-  EXPECT_THROW(arm->run_motion_program({movej(a, 0.5, 0), sleep}), std::invalid_argument);
+  const Item sleep{"Sleep", {}, {}, 0.0, 0.0, -1.0, 0.0}, jump{"jump", {}, {}, 0.0, 0.0, 0.0, 0.0};
+  EXPECT_EQ(refusal_of([&] {
+              arm->run_motion_program({movej(a, 0.5, 0), sleep});
+            }),
+            "MotionProgram sleep_sec must be non-negative");
   EXPECT_EQ(Access::command_counter(*arm), 5);  // the movej ran before the sleep was checked
-  Item jump;
-  jump.type = "jump";
   EXPECT_EQ(refusal_of([&] {
               arm->run_motion_program({movej(kHome, 0.5, 0), jump});
             }),
             "unsupported MotionProgram item type: jump");
   EXPECT_EQ(Access::command_counter(*arm), 5);  // the pending movej was dropped
-  EXPECT_THROW(arm->run_motion_program({movej(b, 1.0, 0), movej(a, 1.0, 0.5)}),
-               std::invalid_argument);
+  EXPECT_EQ(refusal_of([&] {
+              arm->run_motion_program({movej(b, 1.0, 0), movej(a, 1.0, 0.5)});
+            }),
+            "MotionProgram movej item cannot set both time_sec and speed_percent");
   EXPECT_EQ(Access::command_counter(*arm), 5);
 }
 
@@ -388,12 +338,7 @@ TEST_F(MotionTest, CartesianItemsJoinOnlyWithTheSameKindAndBlend) {
   arm->move_joint_waypoints({kWork}, 0.0, 0.5);
   const Joints p = tool_pose();
   auto item = [&](const char* type, double dx, double dy, double blend) {
-    Item i;
-    i.type = type;
-    i.poses = {moved(p, dx, dy)};
-    i.speed_percent = 0.5;
-    i.blend_radius_m = blend;
-    return i;
+    return Item{type, {}, {moved(p, dx, dy)}, 0.0, 0.5, 0.0, blend};
   };
   const int64_t before = Access::command_counter(*arm);
   arm->run_motion_program({item("MoveL", -0.03, 0, 0.005), item("movel", -0.03, 0.03, 0.005)});
@@ -410,10 +355,8 @@ TEST_F(MotionTest, MoveLKeepsTheMeasuredToolOnTheLineAndCornersWithinTheBlend) {
   const Joints p = tool_pose();
   const std::vector<Joints> poses = {moved(p, -0.05, 0), moved(p, -0.05, 0.05, -0.02),
                                      moved(p, 0, 0.05, -0.02)};
-  std::vector<Eigen::Vector3d> path;
-  for (const auto& q : std::vector<Joints>{p, poses[0], poses[1], poses[2]}) {
-    path.emplace_back(q[0], q[1], q[2]);
-  }
+  const auto point = [](const Joints& q) { return Eigen::Vector3d(q[0], q[1], q[2]); };
+  const Eigen::Vector3d path[] = {point(p), point(poses[0]), point(poses[1]), point(poses[2])};
   const double blend = 0.01;
 
   // Sample the simulated arm's joints (the truth, not the controller's feedback) during the
@@ -439,10 +382,9 @@ TEST_F(MotionTest, MoveLKeepsTheMeasuredToolOnTheLineAndCornersWithinTheBlend) {
     const auto f =
         Access::impl(*arm).kinematics->forwardKinematics_kdl(Joints(joints.begin(), joints.end()));
     const Eigen::Vector3d t(f[0], f[1], f[2]);
-    double off_line = 1.0;
-    for (size_t k = 0; k + 1 < path.size(); ++k) {
-      off_line = std::min(off_line, segment_distance(t, path[k], path[k + 1]));
-    }
+    const double off_line =
+        std::min({segment_distance(t, path[0], path[1]), segment_distance(t, path[1], path[2]),
+                  segment_distance(t, path[2], path[3])});
     closest[0] = std::min(closest[0], (t - path[1]).norm());
     closest[1] = std::min(closest[1], (t - path[2]).norm());
     if (std::min((t - path[1]).norm(), (t - path[2]).norm()) > blend) {
@@ -528,8 +470,123 @@ TEST_F(MotionTest, StreamedPoseShapesItsVelocityWithTheElapsedTime) {
   std::this_thread::sleep_for(1s);  // a pause counts as 7.5 ms
   arm->set_end_effector_pose_raw({pose[0], pose[1] + 0.06, pose[2]}, euler);
   EXPECT_NEAR(Access::target_velocity(*arm)[0], v1 + 35.0 * 0.0075, 1e-9);
-  // Wrong sizes are ignored.
-  arm->set_end_effector_pose_raw({pose[0], pose[1]}, euler);
+  // Wrong sizes are ignored: a streaming caller is not stopped by one malformed target.
+  const auto before = Access::target_velocity(*arm);
+  EXPECT_NO_THROW(arm->set_end_effector_pose_raw({pose[0], pose[1]}, euler));
+  EXPECT_EQ(Access::target_velocity(*arm), before);
+}
+
+// ---- Joint and gripper direct commands ------------------------------------------------------
+
+class DirectCommands : public MotionTest {};
+
+TEST_F(DirectCommands, ArgumentErrorsComeFirstAndChangeNothing) {
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  const std::vector<double> two(2, 0.0), three(3, 0.0), five(5, 0.0), six(6, 0.0);
+  const std::vector<double> nan_first = {nan, 0, 0, 0, 0, 0}, nan_third = {0, 0, nan, 0, 0, 0};
+  struct Row {
+    const char* name;
+    std::function<void()> call;
+    const char* message;
+  };
+  // A NaN never reaches the command slot, let alone the bus.
+  const Row rows[] = {
+      {"set_joint, five joints", [&] { arm->set_joint(five, 1.0); }, "q_end size mismatch"},
+      {"set_joint, no time", [&] { arm->set_joint(six, 0.0); }, "tf must be positive"},
+      {"set_joint, NaN", [&] { arm->set_joint(nan_first, 1.0); },
+       "q_end must contain only finite values"},
+      {"set_joint_raw, five joints", [&] { arm->set_joint_raw(five, six); },
+       "q_end length does not match num_joints"},
+      {"set_joint_raw, two velocities", [&] { arm->set_joint_raw(six, two); },
+       "v_end length does not match num_joints"},
+      {"set_joint_raw, NaN velocity", [&] { arm->set_joint_raw(six, nan_third); },
+       "v_end must contain only finite values"},
+      {"pose, two coordinates", [&] { arm->set_end_effector_pose(two, three, 1.0); },
+       "target_pos must have exactly 3 elements."},
+      {"pose, two angles", [&] { arm->set_end_effector_pose(three, two, 1.0); },
+       "target_euler must have exactly 3 elements."},
+      {"gripper distance, NaN", [&] { arm->setGripperDistance(nan); },
+       "gripper distance must be finite"},
+      {"waypoint, NaN", [&] { arm->move_joint_waypoints({nan_third}, 1.0, 0.0); },
+       "waypoints must contain only finite values"},
+  };
+  for (const Row& row : rows) {
+    EXPECT_EQ(refusal_of(row.call), row.message) << row.name;
+  }
+  // 0.5 rad in 1 ms would peak at 1094 rad/s: a position step at full gain.
+  EXPECT_THAT(
+      refusal_of([&] {
+        auto q = arm->get_joint();
+        q[0] += 0.5;
+        arm->set_joint(q, 0.001);
+      }),
+      ::testing::MatchesRegex(
+          "set_joint time 0.001 s is too short: joint 1 would peak at 109[0-9.]+ rad/s, "
+          "above 1.25 x its limit of 2 rad/s \\(joint_trajectory.set_joint_speed_factor\\); "
+          "the shortest time is 0.43[0-9]+ s"));
+  EXPECT_EQ(Access::command_kind(*arm), 0);
+}
+
+TEST_F(DirectCommands, GripperPositionOutsideItsRangeWarnsAndClamps) {
+  const std::string err = capture_stderr([&] { arm->setGripperPosition_raw(1.5); });
+  EXPECT_EQ(err,
+            "[Warning] Gripper position must be in [0, 1], but got: 1.5. Value will be clamped.\n");
+  EXPECT_TRUE(eventually([&] { return arm->get_gripper_distance() > 0.083; }, 3s))
+      << arm->get_gripper_distance();
+  EXPECT_DOUBLE_EQ(arm->get_gripper_position(), std::min(arm->get_gripper_distance() / 0.085, 1.0));
+  const std::string closing = capture_stderr([&] { arm->setGripperPosition_raw(-0.2); });
+  EXPECT_THAT(closing, HasSubstr("but got: -0.2. Value will be clamped."));
+  EXPECT_TRUE(eventually([&] { return arm->get_gripper_distance() < 0.002; }, 3s));
+}
+
+TEST_F(DirectCommands, GripperGainsAreClampedOnTheWire) {
+  sim.motors().clear_frame_log();
+  EXPECT_EQ(capture_stderr([&] { arm->setGripperDistance(0.07, 50.0, 5.0); }), "");
+  // Frames of the standing command (kp 8) may still come first; the new one follows.
+  ASSERT_TRUE(eventually(
+      [&] {
+        const auto frames = mit_frames(sim, 6);
+        return !frames.empty() && frames.back().kp > 10.0;
+      },
+      1s));
+  const auto frame = mit_frames(sim, 6).back();
+  EXPECT_NEAR(frame.kp, 20.0, 500.0 / 4095);  // kp into [0.1, 20], kd into [0.1, 1]
+  EXPECT_NEAR(frame.kd, 1.0, 5.0 / 4095);
+  // The linkage's motor angle for a 70 mm opening, within one count of the 16-bit field.
+  EXPECT_NEAR(frame.q, -1.0307842463707704, 25.0 / 65535);
+  EXPECT_THAT(capture_stderr([&] { arm->setGripperDistance(0.1); }),
+              HasSubstr("[Warning] Gripper distance must be in [0mm, 85 mm], but got: 0.1. Value "
+                        "will be clamped."));
+}
+
+TEST_F(DirectCommands, GravityCompensationFloatsTheArmOnTorqueAlone) {
+  arm->identify_gravity_compensation();
+  std::this_thread::sleep_for(100ms);
+  sim.motors().clear_frame_log();
+  std::this_thread::sleep_for(100ms);
+  const auto frames = mit_frames(sim, 1);
+  ASSERT_FALSE(frames.empty());
+  for (const auto& f : frames) {
+    EXPECT_EQ(f.kp, 0.0);
+    EXPECT_EQ(f.kd, 0.0);
+  }
+  EXPECT_GT(std::abs(frames.back().tau), 0.5);  // joint 2 carries the arm's weight
+  EXPECT_EQ(Access::command_kind(*arm), 5);
+}
+
+TEST(WithoutGripper, GripperCallsAnswerWithTheMessage) {
+  SimulatedArm sim;
+  std::unique_ptr<ArmController> arm;
+  capture_stdout(
+      [&] { arm = std::make_unique<ArmController>(false, "can0", false, MIT_MODE, false); });
+  double position = 0.0;
+  EXPECT_EQ(capture_stdout([&] {
+              position = arm->get_gripper_position();
+              arm->openGripper();
+            }),
+            "该模式未包含夹爪\n该模式未包含夹爪\n");
+  EXPECT_EQ(position, -1.0);
+  capture_stdout([&] { arm.reset(); });
 }
 
 }  // namespace
