@@ -117,11 +117,9 @@ class PlannerTest : public ::testing::Test {
         vec(start), waypoints, std::vector<double>(waypoints.size(), 0.0), 0.0, speed);
     std::vector<Sample> samples(p.positions.size());
     for (size_t i = 0; i < samples.size(); ++i) {
-      for (int j = 0; j < 6; ++j) {
-        samples[i].position[j] = p.positions[i][j];
-        samples[i].velocity[j] = p.velocities[i][j];
-        samples[i].acceleration[j] = p.accelerations[i][j];
-      }
+      std::copy_n(p.positions[i].begin(), 6, samples[i].position.begin());
+      std::copy_n(p.velocities[i].begin(), 6, samples[i].velocity.begin());
+      std::copy_n(p.accelerations[i].begin(), 6, samples[i].acceleration.begin());
     }
     return samples;
   }
@@ -142,6 +140,23 @@ class PlannerTest : public ::testing::Test {
                            double speed, double blend) {
     return impl().plan_cartesian_line_trajectory(start, poses, time_sec, speed, blend, 400.0, 0.003,
                                                  0.05, "[move_l] ");
+  }
+  // A half-speed line from kWork through the tool positions p0 + d for each move d (p0: the
+  // tool's at kWork): the corner path with p0 first, and the tool point of each planned sample.
+  struct LinePlan {
+    std::vector<Eigen::Vector3d> path, points;
+    std::vector<Sample> samples;
+  };
+  LinePlan line_through(const std::vector<Eigen::Vector3d>& moves, double blend) {
+    LinePlan l{tool_points({Sample{kWork, {}, {}}}), {}, {}};
+    Poses poses;
+    for (const auto& d : moves) {
+      l.path.push_back(l.path.front() + d);
+      poses.push_back(pose_at(kWork, d));
+    }
+    l.samples = line(kWork, poses, 0.0, 0.5, blend);
+    l.points = tool_points(l.samples);
+    return l;
   }
   // The tool point of each sample.
   std::vector<Eigen::Vector3d> tool_points(const std::vector<Sample>& samples) {
@@ -437,38 +452,30 @@ TEST_F(PlannerTest, SingularityDetourSteersAWristOvershootAroundOrGivesUp) {
 // ---- Cartesian line planning ----------------------------------------------------------------
 
 TEST_F(PlannerTest, LinePathStaysOnItsLinesAndRoundsCornersWithinTheRadius) {
-  const Eigen::Vector3d p0 = tool_points({Sample{kWork, {}, {}}}).front();
   // Four lines back towards the base (the working posture reaches far out), turning by 90
   // degrees, then sharply (56 degrees inside: the arc must shrink to keep within the radius),
   // then gently.
-  const std::vector<Eigen::Vector3d> moves = {
-      {-0.06, 0, 0}, {-0.06, 0.06, 0}, {0, 0.02, 0}, {0, 0, 0}};
-  std::vector<Eigen::Vector3d> path{p0};
-  Poses poses;
-  for (const auto& d : moves) {
-    path.push_back(p0 + d);
-    poses.push_back(pose_at(kWork, d));
-  }
   const double blend = 0.01;
-  const auto samples = line(kWork, poses, 0.0, 0.5, blend);
+  const LinePlan l =
+      line_through({{-0.06, 0, 0}, {-0.06, 0.06, 0}, {0, 0.02, 0}, {0, 0, 0}}, blend);
   double closest_to_corner[3] = {1, 1, 1};
-  for (const auto& p : tool_points(samples)) {
+  for (const auto& p : l.points) {
     double to_corner = 1.0;
     for (int c = 0; c < 3; ++c) {
-      to_corner = std::min(to_corner, (p - path[c + 1]).norm());
-      closest_to_corner[c] = std::min(closest_to_corner[c], (p - path[c + 1]).norm());
+      to_corner = std::min(to_corner, (p - l.path[c + 1]).norm());
+      closest_to_corner[c] = std::min(closest_to_corner[c], (p - l.path[c + 1]).norm());
     }
     if (to_corner > blend) {
-      EXPECT_LT(off_path(p, path), 1e-6);  // on a straight line away from the corners
+      EXPECT_LT(off_path(p, l.path), 1e-6);  // on a straight line away from the corners
     }
-    EXPECT_LT(off_path(p, path), blend);
+    EXPECT_LT(off_path(p, l.path), blend);
   }
   for (double d : closest_to_corner) {
     EXPECT_GT(d, 1e-4);   // the corner is rounded, not visited
     EXPECT_LT(d, blend);  // and the arc stays within the radius
   }
   // Joint limits hold on the samples of the speed-mode line.
-  const auto p = peaks(samples);
+  const auto p = peaks(l.samples);
   for (int j = 0; j < 6; ++j) {
     EXPECT_LE(p.v[j], impl().max_vel[j] * 0.5 * 1.01);
   }
@@ -476,26 +483,23 @@ TEST_F(PlannerTest, LinePathStaysOnItsLinesAndRoundsCornersWithinTheRadius) {
 
 TEST_F(PlannerTest, ShortSidesWithGentleTurnsAreFollowedWithoutSteps) {
   // A 4 cm circle walked as twenty 12 mm chords, each corner turning by 17 degrees.
-  const Eigen::Vector3d p0 = tool_points({Sample{kWork, {}, {}}}).front();
-  std::vector<Eigen::Vector3d> path{p0};
-  Poses poses;
+  std::vector<Eigen::Vector3d> moves;
   for (int k = 1; k <= 20; ++k) {
     const double a = 2.0 * M_PI * k / 21.0;
-    const Eigen::Vector3d d(0.04 * (std::cos(a) - 1.0), 0.04 * std::sin(a), 0.0);
-    path.push_back(p0 + d);
-    poses.push_back(pose_at(kWork, d));
+    moves.emplace_back(0.04 * (std::cos(a) - 1.0), 0.04 * std::sin(a), 0.0);
   }
-  Eigen::Vector3d previous = p0;
+  const LinePlan l = line_through(moves, 0.005);
+  Eigen::Vector3d previous = l.path.front();
   double largest_step = 0.0;
   double worst_off_line = 0.0;
-  for (const auto& p : tool_points(line(kWork, poses, 0.0, 0.5, 0.005))) {
+  for (const auto& p : l.points) {
     largest_step = std::max(largest_step, (p - previous).norm());
     previous = p;
-    worst_off_line = std::max(worst_off_line, off_path(p, path));
+    worst_off_line = std::max(worst_off_line, off_path(p, l.path));
   }
   EXPECT_LT(largest_step, 0.0005);  // at most 0.2 m/s in one 2.5 ms period
   EXPECT_LT(worst_off_line, 1e-4);  // 17-degree arcs of 5 mm stray a few micrometres
-  EXPECT_LT((previous - path.back()).norm(), 1e-6);
+  EXPECT_LT((previous - l.path.back()).norm(), 1e-6);
 }
 
 TEST(SepticTrajectory, TimesEndExactlyAtTf) {
