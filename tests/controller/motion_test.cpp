@@ -25,7 +25,9 @@ using kestrel::testing::eventually;
 using kestrel::testing::refusal_of;
 using kestrel::testing::segment_distance;
 using kestrel::testing::SimulatedArm;
+using ::testing::DoubleNear;
 using ::testing::HasSubstr;
+using ::testing::Pointwise;
 using Item = ArmController::MotionProgramItem;
 using Joints = std::vector<double>;
 
@@ -181,9 +183,8 @@ TEST_F(MotionTest, AStagedChunkChangesNothingBeforeItsSwitch) {
   }
   motion.get();  // replaced at the switch
   std::this_thread::sleep_for(200ms);
-  for (int j = 0; j < 6; ++j) {
-    EXPECT_NEAR(Access::command_target(*arm)[j], kHome[j], 1e-12) << "the chunk's final posture";
-  }
+  EXPECT_THAT(Access::command_target(*arm), Pointwise(DoubleNear(1e-12), kHome))
+      << "the chunk's final posture";
   EXPECT_TRUE(eventually([&] { return arm->get_gripper_distance() > 0.08; }, 5s));
 }
 
@@ -446,9 +447,7 @@ TEST_F(MotionTest, SetEndEffectorPoseMovesThereAndSolveIkAgrees) {
   const Joints pos(pose.begin(), pose.begin() + 3), euler(pose.begin() + 3, pose.end());
   const auto [solution, ok] = arm->solve_ik(pos, euler, kWork);
   ASSERT_TRUE(ok);
-  for (size_t j = 0; j < 6; ++j) {
-    EXPECT_NEAR(solution[j], kWork[j], 1e-3);
-  }
+  EXPECT_THAT(solution, Pointwise(DoubleNear(1e-3), kWork));
   arm->set_end_effector_pose(pos, euler, 2.0);
   // The move takes 2 s; a loaded machine may let the simulated arm settle later.
   std::this_thread::sleep_for(2000ms);

@@ -25,7 +25,10 @@ using Poses = std::vector<std::vector<double>>;
 using kestrel::testing::capture_stderr;
 using kestrel::testing::capture_stdout;
 using ::testing::AllOf;
+using ::testing::DoubleNear;
+using ::testing::Each;
 using ::testing::HasSubstr;
+using ::testing::Pointwise;
 using ::testing::StartsWith;
 
 // A working posture of the shipped arm, clear of limits, singularities and self-contact.
@@ -223,9 +226,7 @@ TEST_F(PlannerTest, WaypointVelocitiesAreTheMeanDifferenceOrZeroAtAReversal) {
   EXPECT_NEAR(samples[200].velocity[1], 0.0, 1e-12);
   EXPECT_NEAR(samples[200].acceleration[0], 0.0, 1e-9);  // zero at every waypoint
   EXPECT_NEAR(samples.back().position[0], c[0], 1e-12);
-  for (int j = 0; j < 6; ++j) {
-    EXPECT_NEAR(samples.back().velocity[j], 0.0, 1e-12);
-  }
+  EXPECT_THAT(samples.back().velocity, Each(DoubleNear(0.0, 1e-12)));
 }
 
 // speed_percent scales the velocity limits alone: every joint's velocity peak stays within
@@ -568,10 +569,9 @@ TEST(JointSplice, TransitionsStartExactlyThereAndEndAtTheEntryVelocityWithinTheL
     EXPECT_EQ(first.position, from.position);
     EXPECT_EQ(first.velocity, from.velocity);
     EXPECT_EQ(first.acceleration, from.acceleration);
-    for (int j = 0; j < 6; ++j) {
-      EXPECT_NEAR(end.velocity[j], entry[j], 1e-9);  // synchronised: every joint there at once
-      EXPECT_NEAR(end.acceleration[j], 0.0, 1e-9);
-    }
+    // Synchronised: every joint there at once.
+    EXPECT_THAT(end.velocity, Pointwise(DoubleNear(1e-9), entry));
+    EXPECT_THAT(end.acceleration, Each(DoubleNear(0.0, 1e-9)));
     // Consistent derivatives, acceleration and jerk within the limits, velocity between the
     // start, coasting and entry velocities: a fine walk through the transition.
     const JointArray coasting = splice.coasting_velocity(from);
@@ -692,9 +692,7 @@ TEST(JointWaypointPlanner, SplicedPlansAreContinuousAndBoundedFromAnyRunningStat
     if (real_time || waypoints.size() == 1) {
       EXPECT_LE(steps.velocity, slack);
     }
-    for (int j = 0; j < 6; ++j) {
-      EXPECT_NEAR(p.samples.back().position[j], waypoints.back()[j], 1e-12);
-    }
+    EXPECT_THAT(p.samples.back().position, Pointwise(DoubleNear(1e-12), waypoints.back()));
     if (timed) {
       EXPECT_NEAR(p.duration(), time_sec, kPeriod / 2);
     }
