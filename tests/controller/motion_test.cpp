@@ -1,58 +1,105 @@
-// Motions end to end on the simulated arm: joint waypoint motions and their waits, chunk updates
-// measured on the frames the motors received, motion programs and their joining rules, linear
-// and point-to-point Cartesian motions, and the Cartesian direct commands.
+// Motions and direct commands end to end on the simulated arm: joint waypoint motions and their
+// waits, chunk updates and takeovers measured on the frames the motors received, motion programs
+// and their joining rules, linear and point-to-point Cartesian motions, the Cartesian direct
+// commands, the joint and gripper direct commands with their refusals, clamping warnings and
+// gains on the wire, the controller without gripper, and the gravity-compensation floating mode.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <functional>
 #include <future>
+#include <limits>
 
 #include "controller/controller_fixture.hpp"
 #include "support/refusal.hpp"
+#include "support/stderr_capture.hpp"
 
 namespace {
 
 using namespace std::chrono_literals;
 using Access = ArmControllerTestAccess;
+using kestrel::testing::capture_stderr;
+using kestrel::testing::capture_stdout;
 using kestrel::testing::eventually;
 using kestrel::testing::refusal_of;
 using kestrel::testing::segment_distance;
 using kestrel::testing::SimulatedArm;
+using ::testing::DoubleNear;
 using ::testing::HasSubstr;
+using ::testing::Pointwise;
 using Item = ArmController::MotionProgramItem;
+using Joints = std::vector<double>;
 
-const std::vector<double> kHome = {0.0, 0.3, -0.6, 0.0, -0.6, 0.0};
-const std::vector<double> kWork = {0.2, 0.4, -0.9, 0.3, -0.7, 0.1};
+const Joints kHome = {0.0, 0.3, -0.6, 0.0, -0.6, 0.0};
+const Joints kWork = {0.2, 0.4, -0.9, 0.3, -0.7, 0.1};
+
+Joints with_joint1(double q1) {
+  Joints q = kHome;
+  q[0] = q1;
+  return q;
+}
+
+// The MIT frames motor `m` received since the log was cleared.
+std::vector<kestrel::sim::dm::MitCommand> mit_frames(SimulatedArm& sim, int m) {
+  std::vector<kestrel::sim::dm::MitCommand> out;
+  for (const auto& entry : sim.motors().received_frames()) {
+    if (entry.command.kind == kestrel::sim::CommandKind::kMit && entry.command.motor == m) {
+      out.push_back(entry.command.mit);
+    }
+  }
+  return out;
+}
 
 class MotionTest : public ::testing::Test {
  protected:
+  // The controller's start-up lines and the motors' reports stay in the log: they explain a
+  // failure.
   void SetUp() override {
-    ::testing::internal::CaptureStdout();
-    ::testing::internal::CaptureStderr();
     arm = std::make_unique<ArmController>(true, "can0", false, MIT_MODE, false);
     ASSERT_TRUE(eventually([&] { return arm->get_joint().size() == 6; }, 2s));
   }
-  void TearDown() override {
-    arm.reset();
-    const std::string out = ::testing::internal::GetCapturedStdout();
-    const std::string err = ::testing::internal::GetCapturedStderr();
-    if (HasFailure()) {
-      std::cout << "---- stdout\n" << out << "---- stderr\n" << err;
-    }
+  // Whether the measured joints come within 0.01 rad of q.
+  bool arrives_at(const Joints& q, std::chrono::milliseconds within = 3s) {
+    const auto distance = [&] {
+      const auto now = arm->get_joint();
+      double d = 0.0;
+      for (size_t j = 0; j < 6; ++j) {
+        d = std::max(d, std::abs(now[j] - q[j]));
+      }
+      return d;
+    };
+    const bool arrived = eventually([&] { return distance() < 0.01; }, within);
+    EXPECT_TRUE(arrived) << "still " << distance() << " rad away";
+    return arrived;
   }
-  // Largest joint difference between the measured joints and q.
-  double distance_to(const std::vector<double>& q) {
-    const auto now = arm->get_joint();
-    double d = 0.0;
-    for (size_t j = 0; j < 6; ++j) {
-      d = std::max(d, std::abs(now[j] - q[j]));
-    }
-    return d;
+  // The tool pose as x, y, z, roll, pitch, yaw: at joints q, or where the arm is now.
+  Joints tool_pose(const Joints& q = {}) {
+    auto& kinematics = *Access::impl(*arm).kinematics;
+    const auto p = q.empty() ? arm->get_end_effector_pose() : kinematics.forwardKinematics_kdl(q);
+    const Eigen::Vector3d rpy = kinematics.rotation_matrix_to_euler(
+        Eigen::Quaterniond(p[6], p[3], p[4], p[5]).toRotationMatrix());
+    return {p[0], p[1], p[2], rpy.x(), rpy.y(), rpy.z()};
+  }
+  static Joints moved(Joints pose, double dx, double dy, double dz = 0.0) {
+    pose[0] += dx;
+    pose[1] += dy;
+    pose[2] += dz;
+    return pose;
+  }
+  // Whether the measured tool point comes within `tolerance` of the pose's.
+  bool tool_reaches(const Joints& pose, double tolerance, std::chrono::milliseconds within = 3s) {
+    const auto miss = [&] {
+      const auto p = arm->get_end_effector_pose();
+      return std::hypot(p[0] - pose[0], p[1] - pose[1], p[2] - pose[2]);
+    };
+    const bool reached = eventually([&] { return miss() < tolerance; }, within);
+    EXPECT_TRUE(reached) << "misses by " << miss();
+    return reached;
   }
 
   // A waypoint motion to q in the background; a chunk or a stop may end it early.
-  std::future<void> moving_to(std::vector<double> q, double time, double speed) {
+  std::future<void> moving_to(Joints q, double time, double speed) {
     return std::async(std::launch::async, [this, q, time, speed] {
       try {
         arm->move_joint_waypoints({q}, time, speed);
@@ -72,7 +119,7 @@ class MotionTest : public ::testing::Test {
   std::unique_ptr<ArmController> arm;
 };
 
-TEST_F(MotionTest, WaypointMotionArrivesAndReturnsItsDuration) {
+TEST_F(MotionTest, WaypointMotionsWaitUntilTheyEndOrAreReplaced) {
   const auto began = std::chrono::steady_clock::now();
   const double duration = arm->move_joint_waypoints({kHome, kWork}, 0.0, 0.5);
   const double waited =
@@ -82,45 +129,29 @@ TEST_F(MotionTest, WaypointMotionArrivesAndReturnsItsDuration) {
   EXPECT_DOUBLE_EQ(duration, static_cast<double>(samples.size() - 1) / 400.0);
   EXPECT_GE(waited, duration);             // the call returns when the motion has ended
   EXPECT_EQ(samples.front().size(), 13u);  // six joints, tool x, y, z and its quaternion
-  EXPECT_TRUE(eventually([&] { return distance_to(kWork) < 0.01; }, 3s)) << distance_to(kWork);
+  arrives_at(kWork);
+
+  // A second motion ends the first one's wait normally, with the first one's duration.
+  auto first =
+      std::async(std::launch::async, [&] { return arm->move_joint_waypoints({kHome}, 4.0, 0.0); });
+  ASSERT_TRUE(eventually([&] { return Access::command_counter(*arm) == 2; }, 2s));
+  std::this_thread::sleep_for(200ms);
+  EXPECT_DOUBLE_EQ(arm->move_joint_waypoints({kWork}, 2.0, 0.0), 2.0);
+  ASSERT_EQ(first.wait_for(0s), std::future_status::ready);
+  EXPECT_DOUBLE_EQ(first.get(), 4.0);
   EXPECT_FALSE(arm->emergency_stopped());
 }
 
-TEST_F(MotionTest, ArgumentErrorsComeBeforeAnythingMoves) {
-  auto message = [&](auto&& call) {
-    try {
-      call();
-    } catch (const std::invalid_argument& e) {
-      return std::string(e.what());
-    }
-    return std::string("no error");
-  };
-  EXPECT_EQ(message([&] { arm->move_joint_waypoints({kWork}, 1.0, 0.5); }),
-            "speed_percent and time_sec are mutually exclusive; set only one");
-  EXPECT_EQ(message([&] {
-              arm->move_joint_waypoints({{0.1, 0.2, 0.3, 0.4, 0.5}}, 1.0, 0.0);
-            }),
-            "each waypoint must have exactly 6 joint values");
-  EXPECT_EQ(message([&] { arm->move_joint_waypoints({}, 1.0, 0.0); }),
-            "waypoints must not be empty");
-  EXPECT_EQ(message([&] { arm->update_joint_waypoint_chunk({kWork}, 1.0, 0.0, -0.1); }),
-            "switch_delay_sec must be non-negative");
-  EXPECT_EQ(message([&] {
-              arm->move_l({{0.3, 0.0}}, 1.0, 0.0);
-            }),
-            "[move_l] each pose must have exactly 6 values: x, y, z, roll, pitch, yaw");
-  EXPECT_EQ(Access::command_counter(*arm), 0);
-}
-
-TEST_F(MotionTest, ASecondMotionEndsTheFirstWaitNormally) {
-  auto first =
-      std::async(std::launch::async, [&] { return arm->move_joint_waypoints({kWork}, 4.0, 0.0); });
-  ASSERT_TRUE(eventually([&] { return Access::command_counter(*arm) == 1; }, 2s));
-  std::this_thread::sleep_for(200ms);
-  const double second = arm->move_joint_waypoints({kHome}, 2.0, 0.0);
-  ASSERT_EQ(first.wait_for(0s), std::future_status::ready);
-  EXPECT_DOUBLE_EQ(first.get(), 4.0);
-  EXPECT_DOUBLE_EQ(second, 2.0);
+TEST_F(MotionTest, ALinearMotionToWhereTheToolIsReturnsAtOnce) {
+  const Joints here = tool_pose();
+  auto call = std::async(std::launch::async, [&] { return arm->move_l({here, here}); });
+  const bool returned = call.wait_for(500ms) == std::future_status::ready;
+  if (!returned) {
+    arm->stop();  // frees the waiting call, so that a failure does not hang the test
+  }
+  ASSERT_TRUE(returned);
+  EXPECT_EQ(call.get(), 0.0);
+  EXPECT_EQ(Access::command_counter(*arm), 0) << "nothing was published";
 }
 
 TEST_F(MotionTest, AnEmergencyStopDuringTheWaitThrows) {
@@ -130,12 +161,8 @@ TEST_F(MotionTest, AnEmergencyStopDuringTheWaitThrows) {
   arm->update_joint_waypoint_chunk({kHome}, 0.0, 0.5, 2.0);
   ASSERT_TRUE(Access::staged(*arm));
   Access::raise_emergency_stop(*arm);
-  try {
-    motion.get();
-    FAIL() << "no error";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "waypoint motion interrupted by emergency stop");
-  }
+  EXPECT_EQ(refusal_of<std::runtime_error>([&] { motion.get(); }),
+            "waypoint motion interrupted by emergency stop");
   EXPECT_TRUE(eventually([&] { return !arm->running(); }, 1s));
   EXPECT_FALSE(Access::staged(*arm)) << "the chunk staged before the stop is dropped";
 }
@@ -151,43 +178,14 @@ TEST_F(MotionTest, AStagedChunkChangesNothingBeforeItsSwitch) {
   std::this_thread::sleep_for(800ms);
   // Before the switch: the running motion's target, the standing gripper command and gains.
   EXPECT_EQ(Access::command_target(*arm), running_target);
-  for (const auto& entry : sim.motors().received_frames()) {
-    if (entry.command.kind == kestrel::sim::CommandKind::kMit && entry.command.motor == 6) {
-      ASSERT_NEAR(entry.command.mit.kp, 15.0, 500.0 / 4095);  // one count of the 12-bit field
-    }
+  for (const auto& frame : mit_frames(sim, 6)) {
+    ASSERT_NEAR(frame.kp, 15.0, 500.0 / 4095);  // one count of the 12-bit field
   }
   motion.get();  // replaced at the switch
   std::this_thread::sleep_for(200ms);
-  for (int j = 0; j < 6; ++j) {
-    EXPECT_NEAR(Access::command_target(*arm)[j], kHome[j], 1e-12) << "the chunk's final posture";
-  }
+  EXPECT_THAT(Access::command_target(*arm), Pointwise(DoubleNear(1e-12), kHome))
+      << "the chunk's final posture";
   EXPECT_TRUE(eventually([&] { return arm->get_gripper_distance() > 0.08; }, 5s));
-}
-
-TEST_F(MotionTest, ALinearMotionToWhereTheToolIsReturnsAtOnce) {
-  const auto p = arm->get_end_effector_pose();
-  const Eigen::Vector3d rpy = Access::impl(*arm).kinematics->rotation_matrix_to_euler(
-      Eigen::Quaterniond(p[6], p[3], p[4], p[5]).toRotationMatrix());
-  const std::vector<double> here = {p[0], p[1], p[2], rpy.x(), rpy.y(), rpy.z()};
-  auto call = std::async(std::launch::async, [&] { return arm->move_l({here, here}); });
-  const bool returned = call.wait_for(500ms) == std::future_status::ready;
-  if (!returned) {
-    arm->stop();  // frees the waiting call, so that a failure does not hang the test
-  }
-  ASSERT_TRUE(returned);
-  EXPECT_EQ(call.get(), 0.0);
-  EXPECT_EQ(Access::command_counter(*arm), 0) << "nothing was published";
-}
-
-// MIT position and velocity targets of joint motor `m` as the motor received them, in order.
-std::vector<std::pair<double, double>> received_targets(SimulatedArm& sim, int m) {
-  std::vector<std::pair<double, double>> out;
-  for (const auto& entry : sim.motors().received_frames()) {
-    if (entry.command.kind == kestrel::sim::CommandKind::kMit && entry.command.motor == m) {
-      out.emplace_back(entry.command.mit.q, entry.command.mit.dq);
-    }
-  }
-  return out;
 }
 
 // The overshoot check needs the switch to come while the waypoint still lies ahead of the joint:
@@ -199,166 +197,115 @@ constexpr bool kPlansAtFullSpeed = false;
 constexpr bool kPlansAtFullSpeed = true;
 #endif
 
-// A chunk update takes over whatever runs, from its state at the switch: timed or by speed,
-// turning back or slowing down, into a waypoint motion or a set_joint move. The targets the
-// motors received carry on without a jump in position or velocity, within the limits.
-TEST_F(MotionTest, ChunkUpdatesSpliceIntoTheRunningMotionWithoutAJump) {
-  auto with_joint1 = [](double q1) {
-    std::vector<double> q = kHome;
-    q[0] = q1;
-    return q;
+// Whatever runs, a chunk update takes it over from its state at the switch: timed or by speed,
+// turning back or slowing down, into a waypoint motion or a set_joint move, or after an earlier
+// chunk still waiting for its switch (which then plays from its switch until the later one takes
+// over). With smooth_takeover, any new motion takes over that way. The targets the motors
+// received carry on without a jump in position or velocity, within the limits.
+TEST_F(MotionTest, TakeoversSpliceIntoTheRunningMotionWithoutAJump) {
+  struct Takeover {
+    Joints target;  // where the arm ends up; empty: not checked
+    double duration;
+    bool no_overshoot = false;  // commanded joint 1 stays short of the target
   };
   struct Row {
     const char* name;
     std::function<std::future<void>()> start;  // the running motion
-    std::function<bool()> ready;               // when the chunk is sent
-    std::function<std::vector<double>()> chunk;
-    double time_sec, speed, delay;
-    double ceiling;  // commanded joint 1 stays below this (no overshoot); 0: not checked
+    std::function<bool()> ready;               // when it is taken over
+    std::function<Takeover()> take_over;
   };
-  auto moving_to_joint1 = [&](double q1, double time, double speed) {
+  auto run_to = [&](double q1, double time, double speed) {
     return [=] { return moving_to(with_joint1(q1), time, speed); };
   };
-  const auto began = std::make_shared<std::chrono::steady_clock::time_point>();
-  auto after = [began](double seconds) {
-    return [=] {
-      return std::chrono::steady_clock::now() - *began > std::chrono::duration<double>(seconds);
+  auto after = [](double seconds) {
+    return [seconds] {
+      std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+      return true;
     };
   };
-  auto joint1_faster_than = [&](double v) {
-    return [&arm = arm, v] { return arm->get_joint_velocities()[0] > v; };
+  auto faster_than = [&](double v) {
+    return [this, v] { return arm->get_joint_velocities()[0] > v; };
   };
-  double ahead = 0.0;
+  auto chunk = [&](double q1, double time, double speed, double delay) {
+    const double duration = arm->update_joint_waypoint_chunk({with_joint1(q1)}, time, speed, delay);
+    if (time > 0.0) {
+      EXPECT_DOUBLE_EQ(duration, time);
+    }
+    return Takeover{with_joint1(q1), duration};
+  };
+  auto smoothly = [&](std::function<void()> call, Joints target) {
+    return [=] {
+      Access::impl(*arm).trajectory_config.smooth_takeover = true;
+      call();
+      return Takeover{target, 2.5};
+    };
+  };
+  const Joints work_pose = tool_pose(kWork);
   const Row rows[] = {
-      {"a timed chunk turning back in full flight", moving_to_joint1(1.2, 3.0, 0.0), after(1.0),
-       [&] { return with_joint1(-0.2); }, 2.5, 0.0, 0.2, 0.0},
-      {"a slow chunk while joint 1 runs at 0.57 rad/s", moving_to_joint1(1.5, 0.0, 0.5),
-       joint1_faster_than(0.57), [&] { return with_joint1(0.9); }, 0.0, 0.0, 0.05, 0.0},
+      {"a timed chunk turning back in full flight", run_to(1.2, 3.0, 0.0), after(1.0),
+       [&] { return chunk(-0.2, 2.5, 0.0, 0.2); }},
+      {"a slow chunk while joint 1 runs at 0.57 rad/s", run_to(1.5, 0.0, 0.5), faster_than(0.57),
+       [&] { return chunk(0.9, 0.0, 0.0, 0.05); }},
       {"a chunk into a set_joint move",
        [&] {
          arm->set_joint(with_joint1(0.8), 2.0);
-         std::promise<void> done;
-         done.set_value();
-         return done.get_future();
+         return std::future<void>();
        },
-       after(0.8), [&] { return with_joint1(0.2); }, 0.0, 0.5, 0.05, 0.0},
-      {"a timed chunk just ahead of a fast joint", moving_to_joint1(1.5, 0.0, 0.5),
-       joint1_faster_than(0.5),
+       after(0.8), [&] { return chunk(0.2, 0.0, 0.5, 0.05); }},
+      // Far enough that the switch comes well before the joint gets there, even when a sanitizer
+      // build plans slowly; near enough that keeping the running velocity as the first tangent
+      // (0.5 rad/s over 3 s) would carry it past.
+      {"a timed chunk just ahead of a fast joint", run_to(1.5, 0.0, 0.5), faster_than(0.5),
        [&] {
-         // Far enough that the switch comes well before the joint gets there, even when a
-         // sanitizer build plans slowly; near enough that keeping the running velocity as the
-         // first tangent (0.5 rad/s over 3 s) would carry it past.
-         ahead = arm->get_joint()[0] + 0.4;
-         return with_joint1(ahead);
-       },
-       3.0, 0.0, 0.05, -1.0},
+         Takeover t = chunk(arm->get_joint()[0] + 0.4, 3.0, 0.0, 0.05);
+         t.no_overshoot = true;
+         return t;
+       }},
+      {"a chunk staged while an earlier one waits", run_to(1.2, 0.0, 0.5), faster_than(0.3),
+       [&] {
+         arm->update_joint_waypoint_chunk({with_joint1(0.9)}, 0.0, 0.3, 0.15);
+         std::this_thread::sleep_for(50ms);
+         return chunk(0.1, 0.0, 0.4, 0.3);
+       }},
+      {"smoothly, a waypoint motion", run_to(1.2, 0.0, 0.5), faster_than(0.4),
+       smoothly([&] { arm->move_joint_waypoints({kWork}, 0.0, 0.5); }, kWork)},
+      {"smoothly, a set_joint move", run_to(1.2, 0.0, 0.5), faster_than(0.4),
+       smoothly([&] { arm->set_joint(kWork, 2.0); }, kWork)},
+      {"smoothly, a linear motion", run_to(1.2, 0.0, 0.5), faster_than(0.4),
+       smoothly([&] { arm->move_l({work_pose}, 0.0, 0.5); }, {})},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     arm->move_joint_waypoints({kHome}, 0.0, 0.5);
-    *began = std::chrono::steady_clock::now();
     auto running = row.start();
     ASSERT_TRUE(eventually(row.ready, 5s));
     sim.motors().clear_frame_log();
-    const std::vector<double> target = row.chunk();
-    const auto called = std::chrono::steady_clock::now();
-    const double duration =
-        arm->update_joint_waypoint_chunk({target}, row.time_sec, row.speed, row.delay);
-    // Milliseconds (a plan from the running velocity once took 50 s); a second leaves room for
-    // a sanitizer build on a busy machine.
-    EXPECT_LT(std::chrono::steady_clock::now() - called, 1s) << "plans in milliseconds";
-    if (row.time_sec > 0.0) {
-      EXPECT_DOUBLE_EQ(duration, row.time_sec);
+    const Takeover t = row.take_over();
+    if (running.valid()) {
+      running.get();  // a replaced motion's wait ends normally at the switch
     }
-    running.get();  // a replaced motion's wait ends normally at the switch
     // The switch and the transition lie in the first 3 s (the frame log holds about 5 s).
-    std::this_thread::sleep_for(std::chrono::duration<double>(std::min(duration, 3.0)));
+    std::this_thread::sleep_for(std::chrono::duration<double>(std::min(t.duration, 3.0)));
     expect_no_jump();
-    if (row.ceiling < 0.0 && kPlansAtFullSpeed) {
+    if (t.no_overshoot && kPlansAtFullSpeed) {
       double farthest = -10.0;
-      for (const auto& [q, dq] : received_targets(sim, 0)) {
-        farthest = std::max(farthest, q);
+      for (const auto& frame : mit_frames(sim, 0)) {
+        farthest = std::max(farthest, frame.q);
       }
-      EXPECT_LE(farthest, ahead + 0.001) << "overshoots its waypoint";
+      EXPECT_LE(farthest, t.target[0] + 0.001) << "overshoots its waypoint";
     }
-    EXPECT_TRUE(eventually([&] { return distance_to(target) < 0.01; },
-                           std::chrono::milliseconds(static_cast<int>(duration * 1000) + 2000)))
-        << distance_to(target);
-  }
-  EXPECT_FALSE(arm->emergency_stopped());
-}
-
-// A chunk sent while an earlier one waits for its switch keeps it: the earlier one plays from
-// its switch until the later one takes over from it.
-TEST_F(MotionTest, ChunksStagedOneAfterAnotherPlayInTurn) {
-  std::vector<double> far = kHome, turn = kHome, back = kHome;
-  far[0] = 1.2;
-  turn[0] = 0.9;
-  back[0] = 0.1;
-  auto running = moving_to(far, 0.0, 0.5);
-  ASSERT_TRUE(eventually([&] { return arm->get_joint_velocities()[0] > 0.3; }, 3s));
-  sim.motors().clear_frame_log();
-  arm->update_joint_waypoint_chunk({turn}, 0.0, 0.3, 0.15);
-  std::this_thread::sleep_for(50ms);
-  const double duration = arm->update_joint_waypoint_chunk({back}, 0.0, 0.4, 0.3);
-  running.get();
-  std::this_thread::sleep_for(std::chrono::duration<double>(std::min(duration, 3.0)));
-  expect_no_jump();
-  EXPECT_TRUE(eventually([&] { return distance_to(back) < 0.01; }, 5s)) << distance_to(back);
-}
-
-// With smooth_takeover, a motion that arrives while another runs starts from the running
-// command's state: no jump, whatever kind of motion takes over.
-TEST_F(MotionTest, TakeoversSpliceWhenConfigured) {
-  auto& impl = Access::impl(*arm);
-  impl.trajectory_config.smooth_takeover = true;
-  std::vector<double> far = kHome;
-  far[0] = 1.2;
-  const auto p = impl.kinematics->forwardKinematics_kdl(kWork);
-  const Eigen::Vector3d rpy = impl.kinematics->rotation_matrix_to_euler(
-      Eigen::Quaterniond(p[6], p[3], p[4], p[5]).toRotationMatrix());
-  struct Row {
-    const char* name;
-    std::function<void()> takeover;
-    std::vector<double> arrives;  // where the arm ends up
-  };
-  const Row rows[] = {
-      {"a waypoint motion", [&] { arm->move_joint_waypoints({kWork}, 0.0, 0.5); }, kWork},
-      {"a set_joint move", [&] { arm->set_joint(kWork, 2.0); }, kWork},
-      {"a linear motion",
-       [&] {
-         arm->move_l({{p[0], p[1], p[2], rpy.x(), rpy.y(), rpy.z()}}, 0.0, 0.5);
-       },
-       {}},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    arm->move_joint_waypoints({kHome}, 0.0, 0.5);
-    auto running = moving_to(far, 0.0, 0.5);
-    ASSERT_TRUE(eventually([&] { return arm->get_joint_velocities()[0] > 0.4; }, 3s));
-    sim.motors().clear_frame_log();
-    row.takeover();
-    running.get();  // replaced: its wait ends normally at the switch
-    std::this_thread::sleep_for(2500ms);
-    expect_no_jump();
-    if (!row.arrives.empty()) {
-      EXPECT_TRUE(eventually([&] { return distance_to(row.arrives) < 0.01; }, 3s));
+    if (!t.target.empty()) {
+      arrives_at(t.target,
+                 std::chrono::milliseconds(static_cast<int>(1000 * std::max(t.duration + 2, 5.0))));
     }
   }
   EXPECT_FALSE(arm->emergency_stopped());
 }
 
 TEST_F(MotionTest, MotionProgramJoinsAndSplitsAsItsRulesSay) {
-  std::vector<double> a = kHome, b = kHome;
-  a[0] = 0.15;
-  b[0] = 0.3;
-  auto movej = [](std::vector<double> q, double time, double speed) {
-    Item item;
-    item.type = "movej";
-    item.waypoints = {q};
-    item.time_sec = time;
-    item.speed_percent = speed;
-    return item;
+  const Joints a = with_joint1(0.15), b = with_joint1(0.3);
+  auto movej = [](Joints q, double time, double speed) {
+    return Item{"movej", {q}, {}, time, speed, 0.0, 0.0};
   };
   EXPECT_EQ(arm->run_motion_program({}), 0.0);
   EXPECT_EQ(Access::command_counter(*arm), 0);
@@ -370,67 +317,47 @@ TEST_F(MotionTest, MotionProgramJoinsAndSplitsAsItsRulesSay) {
   EXPECT_DOUBLE_EQ(arm->run_motion_program({movej(a, 1.0, 0), movej(kHome, 1.5, 0)}), 2.5);
   EXPECT_EQ(Access::command_counter(*arm), 4);  // timed items join, their times add up
 
-  Item sleep;
-  sleep.type = "Sleep";
-  sleep.sleep_sec = -1.0;
-  EXPECT_THROW(arm->run_motion_program({movej(a, 0.5, 0), sleep}), std::invalid_argument);
+  const Item sleep{"Sleep", {}, {}, 0.0, 0.0, -1.0, 0.0}, jump{"jump", {}, {}, 0.0, 0.0, 0.0, 0.0};
+  EXPECT_EQ(refusal_of([&] {
+              arm->run_motion_program({movej(a, 0.5, 0), sleep});
+            }),
+            "MotionProgram sleep_sec must be non-negative");
   EXPECT_EQ(Access::command_counter(*arm), 5);  // the movej ran before the sleep was checked
-  Item jump;
-  jump.type = "jump";
-  try {
-    arm->run_motion_program({movej(kHome, 0.5, 0), jump});
-    FAIL() << "no error";
-  } catch (const std::invalid_argument& e) {
-    EXPECT_STREQ(e.what(), "unsupported MotionProgram item type: jump");
-  }
+  EXPECT_EQ(refusal_of([&] {
+              arm->run_motion_program({movej(kHome, 0.5, 0), jump});
+            }),
+            "unsupported MotionProgram item type: jump");
   EXPECT_EQ(Access::command_counter(*arm), 5);  // the pending movej was dropped
-  Item both = movej(a, 1.0, 0.5);
-  EXPECT_THROW(arm->run_motion_program({movej(b, 1.0, 0), both}), std::invalid_argument);
+  EXPECT_EQ(refusal_of([&] {
+              arm->run_motion_program({movej(b, 1.0, 0), movej(a, 1.0, 0.5)});
+            }),
+            "MotionProgram movej item cannot set both time_sec and speed_percent");
   EXPECT_EQ(Access::command_counter(*arm), 5);
 }
 
 TEST_F(MotionTest, CartesianItemsJoinOnlyWithTheSameKindAndBlend) {
   arm->move_joint_waypoints({kWork}, 0.0, 0.5);
-  const auto p = arm->get_end_effector_pose();
-  const Eigen::Quaterniond q(p[6], p[3], p[4], p[5]);
-  const Eigen::Vector3d rpy =
-      Access::impl(*arm).kinematics->rotation_matrix_to_euler(q.toRotationMatrix());
-  auto pose = [&](double dx, double dy) {
-    return std::vector<double>{p[0] + dx, p[1] + dy, p[2], rpy.x(), rpy.y(), rpy.z()};
-  };
-  auto item = [&](const char* type, std::vector<double> target, double blend) {
-    Item i;
-    i.type = type;
-    i.poses = {target};
-    i.speed_percent = 0.5;
-    i.blend_radius_m = blend;
-    return i;
+  const Joints p = tool_pose();
+  auto item = [&](const char* type, double dx, double dy, double blend) {
+    return Item{type, {}, {moved(p, dx, dy)}, 0.0, 0.5, 0.0, blend};
   };
   const int64_t before = Access::command_counter(*arm);
-  arm->run_motion_program(
-      {item("MoveL", pose(-0.03, 0), 0.005), item("movel", pose(-0.03, 0.03), 0.005)});
+  arm->run_motion_program({item("MoveL", -0.03, 0, 0.005), item("movel", -0.03, 0.03, 0.005)});
   EXPECT_EQ(Access::command_counter(*arm), before + 1);
-  arm->run_motion_program({item("movel", pose(0, 0.03), 0.005), item("movel", pose(0, 0), 0.01)});
+  arm->run_motion_program({item("movel", 0, 0.03, 0.005), item("movel", 0, 0, 0.01)});
   EXPECT_EQ(Access::command_counter(*arm), before + 3);
-  arm->run_motion_program({item("movel", pose(-0.02, 0), 0.0), item("movep", pose(0, 0), 0.0)});
+  arm->run_motion_program({item("movel", -0.02, 0, 0.0), item("movep", 0, 0, 0.0)});
   EXPECT_EQ(Access::command_counter(*arm), before + 5);
 }
 
 TEST_F(MotionTest, MoveLKeepsTheMeasuredToolOnTheLineAndCornersWithinTheBlend) {
   arm->move_joint_waypoints({kWork}, 0.0, 0.5);
   std::this_thread::sleep_for(300ms);
-  const auto p = arm->get_end_effector_pose();
-  const Eigen::Vector3d p0(p[0], p[1], p[2]);
-  const Eigen::Quaterniond q(p[6], p[3], p[4], p[5]);
-  const Eigen::Vector3d rpy =
-      Access::impl(*arm).kinematics->rotation_matrix_to_euler(q.toRotationMatrix());
-  const std::vector<Eigen::Vector3d> corners = {p0 + Eigen::Vector3d(-0.05, 0, 0),
-                                                p0 + Eigen::Vector3d(-0.05, 0.05, -0.02),
-                                                p0 + Eigen::Vector3d(0, 0.05, -0.02)};
-  std::vector<std::vector<double>> poses;
-  for (const auto& c : corners) {
-    poses.push_back({c.x(), c.y(), c.z(), rpy.x(), rpy.y(), rpy.z()});
-  }
+  const Joints p = tool_pose();
+  const std::vector<Joints> poses = {moved(p, -0.05, 0), moved(p, -0.05, 0.05, -0.02),
+                                     moved(p, 0, 0.05, -0.02)};
+  const auto point = [](const Joints& q) { return Eigen::Vector3d(q[0], q[1], q[2]); };
+  const Eigen::Vector3d path[] = {point(p), point(poses[0]), point(poses[1]), point(poses[2])};
   const double blend = 0.01;
 
   // Sample the simulated arm's joints (the truth, not the controller's feedback) during the
@@ -444,60 +371,38 @@ TEST_F(MotionTest, MoveLKeepsTheMeasuredToolOnTheLineAndCornersWithinTheBlend) {
     }
   });
   double duration = 0.0;
-  try {
-    duration = arm->move_l(poses, 0.0, 0.1, blend);
-  } catch (const std::exception& e) {
-    ADD_FAILURE() << "move_l threw: " << e.what();
-  }
+  EXPECT_NO_THROW(duration = arm->move_l(poses, 0.0, 0.1, blend));
   moving = false;
   sampler.join();
   EXPECT_GT(duration, 0.5);
   ASSERT_GT(measured.size(), 100u);
 
-  std::vector<Eigen::Vector3d> path{p0};
-  path.insert(path.end(), corners.begin(), corners.end());
   double worst_off_line = 0.0;
   double closest[2] = {1.0, 1.0};
   for (const auto& joints : measured) {
-    const auto f = Access::impl(*arm).kinematics->forwardKinematics_kdl(
-        std::vector<double>(joints.begin(), joints.end()));
+    const auto f =
+        Access::impl(*arm).kinematics->forwardKinematics_kdl(Joints(joints.begin(), joints.end()));
     const Eigen::Vector3d t(f[0], f[1], f[2]);
-    double off_line = 1.0;
-    for (size_t k = 0; k + 1 < path.size(); ++k) {
-      off_line = std::min(off_line, segment_distance(t, path[k], path[k + 1]));
-    }
-    const double to_corner = std::min((t - corners[0]).norm(), (t - corners[1]).norm());
-    closest[0] = std::min(closest[0], (t - corners[0]).norm());
-    closest[1] = std::min(closest[1], (t - corners[1]).norm());
-    if (to_corner > blend) {
+    const double off_line =
+        std::min({segment_distance(t, path[0], path[1]), segment_distance(t, path[1], path[2]),
+                  segment_distance(t, path[2], path[3])});
+    closest[0] = std::min(closest[0], (t - path[1]).norm());
+    closest[1] = std::min(closest[1], (t - path[2]).norm());
+    if (std::min((t - path[1]).norm(), (t - path[2]).norm()) > blend) {
       worst_off_line = std::max(worst_off_line, off_line);
     }
   }
   EXPECT_LT(worst_off_line, 0.001);  // within 1 mm of the straight lines
   EXPECT_LT(closest[0], blend);      // and the corners are passed within the blend radius
   EXPECT_LT(closest[1], blend);
-  const auto off_end = [&] {
-    const auto end = arm->get_end_effector_pose();
-    return (Eigen::Vector3d(end[0], end[1], end[2]) - corners.back()).norm();
-  };
-  EXPECT_TRUE(eventually([&] { return off_end() < 0.002; }, 3s)) << off_end();
+  tool_reaches(poses.back(), 0.002);
 }
 
 TEST_F(MotionTest, MovePReachesEachPoseAndMovesTheGripper) {
   arm->move_joint_waypoints({kWork}, 0.0, 0.5);
-  const auto p = arm->get_end_effector_pose();
-  const Eigen::Quaterniond q(p[6], p[3], p[4], p[5]);
-  const Eigen::Vector3d rpy =
-      Access::impl(*arm).kinematics->rotation_matrix_to_euler(q.toRotationMatrix());
-  const std::vector<double> target = {p[0] - 0.08, p[1] + 0.05, p[2] - 0.05,
-                                      rpy.x(),     rpy.y(),     rpy.z()};
-  const double duration = arm->move_p_with_gripper({target}, {1.0}, 0.0, 0.5);
-  EXPECT_GT(duration, 0.0);
-  const auto off_target = [&] {
-    const auto reached = arm->get_end_effector_pose();
-    return std::hypot(reached[0] - target[0], reached[1] - target[1], reached[2] - target[2]);
-  };
-  EXPECT_TRUE(eventually([&] { return off_target() < 0.004; }, 3s)) << off_target();
+  const Joints target = moved(tool_pose(), -0.08, 0.05, -0.05);
+  EXPECT_GT(arm->move_p_with_gripper({target}, {1.0}, 0.0, 0.5), 0.0);
+  tool_reaches(target, 0.004);
   EXPECT_GT(arm->get_gripper_position(), 0.8);
 }
 
@@ -506,8 +411,8 @@ TEST_F(MotionTest, MovePReachesEachPoseAndMovesTheGripper) {
 // one of them from home on the branch nearest it (through all ten, one after another, the arm
 // takes two minutes: too long for the suite).
 TEST_F(MotionTest, FarPosesAreSolvedFromAnySeedAndMovePReachesThem) {
-  const std::vector<double> home = {0.0, 0.4, -0.9, 0.0, -0.6, 0.0};
-  const std::vector<std::vector<double>> poses = {
+  const Joints home = {0.0, 0.4, -0.9, 0.0, -0.6, 0.0};
+  const std::vector<Joints> poses = {
       {-0.011955, 0.523432, 0.246618, -1.594815, 0.476354, -1.250207},
       {-0.112211, 0.255893, 0.735223, 0.215773, 0.777765, 2.182222},
       {-0.219080, -0.234030, 0.333457, -0.578235, -0.142807, -3.089727},
@@ -519,74 +424,40 @@ TEST_F(MotionTest, FarPosesAreSolvedFromAnySeedAndMovePReachesThem) {
       {0.263798, 0.383646, 0.264411, -0.942522, 0.796540, -1.604835},
       {-0.396930, -0.287942, 0.357359, -1.859015, 0.773680, 1.979998},
   };
-  auto& model = *Access::impl(*arm).kinematics;
-  const auto tool_miss = [&](const std::vector<double>& q, const std::vector<double>& pose) {
-    const auto fk = model.forwardKinematics_kdl(q);
+  const auto tool_miss = [&](const Joints& q, const Joints& pose) {
+    const auto fk = Access::impl(*arm).kinematics->forwardKinematics_kdl(q);
     return std::hypot(fk[0] - pose[0], fk[1] - pose[1], fk[2] - pose[2]);
   };
   for (size_t k = 0; k < poses.size(); ++k) {
-    const std::vector<double> pos(poses[k].begin(), poses[k].begin() + 3);
-    const std::vector<double> euler(poses[k].begin() + 3, poses[k].end());
+    const Joints pos(poses[k].begin(), poses[k].begin() + 3),
+        euler(poses[k].begin() + 3, poses[k].end());
     const auto [seeded, seeded_ok] = arm->solve_ik(pos, euler, home);
     EXPECT_TRUE(!seeded_ok || tool_miss(seeded, poses[k]) > 0.01) << "pose " << k;
     const auto [nearest, ok] = arm->solve_ik_nearest(pos, euler, home);
     ASSERT_TRUE(ok) << "pose " << k;
     EXPECT_LT(tool_miss(nearest, poses[k]), 1e-6) << "pose " << k;
   }
-  EXPECT_EQ(refusal_of([&] {
-              arm->solve_ik_nearest({0.3, 0.0}, {0, 0, 0});
-            }),
-            "target_pos and target_euler must both have exactly 3 elements.");
-  EXPECT_EQ(refusal_of([&] {
-              arm->solve_ik_nearest({0.3, 0.0, 0.3}, {0, 0, 0}, {0.0});
-            }),
-            "q_seed must have exactly 6 elements when provided.");
-
   arm->move_joint_waypoints({home}, 0.0, 1.0);
-  const std::vector<std::vector<double>> tour = {poses[3]};
-  EXPECT_GT(arm->move_p(tour, 0.0, 1.0), 0.0);
-  const auto reached = arm->get_end_effector_pose();
-  const auto& last = tour.back();
-  EXPECT_TRUE(eventually(
-      [&] {
-        const auto p = arm->get_end_effector_pose();
-        return std::hypot(p[0] - last[0], p[1] - last[1], p[2] - last[2]) < 0.004;
-      },
-      3s))
-      << reached[0] << ", " << reached[1] << ", " << reached[2];
+  EXPECT_GT(arm->move_p({poses[3]}, 0.0, 1.0), 0.0);
+  tool_reaches(poses[3], 0.004);
 }
 
 TEST_F(MotionTest, SetEndEffectorPoseMovesThereAndSolveIkAgrees) {
-  const auto pose = Access::impl(*arm).kinematics->forwardKinematics_kdl(kWork);
-  const Eigen::Quaterniond q(pose[6], pose[3], pose[4], pose[5]);
-  const Eigen::Vector3d rpy =
-      Access::impl(*arm).kinematics->rotation_matrix_to_euler(q.toRotationMatrix());
-  const auto [solution, ok] =
-      arm->solve_ik({pose[0], pose[1], pose[2]}, {rpy.x(), rpy.y(), rpy.z()}, kWork);
+  const Joints pose = tool_pose(kWork);
+  const Joints pos(pose.begin(), pose.begin() + 3), euler(pose.begin() + 3, pose.end());
+  const auto [solution, ok] = arm->solve_ik(pos, euler, kWork);
   ASSERT_TRUE(ok);
-  for (size_t j = 0; j < 6; ++j) {
-    EXPECT_NEAR(solution[j], kWork[j], 1e-3);
-  }
-  EXPECT_THROW(arm->solve_ik({0.3, 0.0}, {0, 0, 0}), std::invalid_argument);
-  EXPECT_THROW(arm->solve_ik({0.3, 0.0, 0.3}, {0, 0, 0}, {0.0}), std::invalid_argument);
-
-  arm->set_end_effector_pose({pose[0], pose[1], pose[2]}, {rpy.x(), rpy.y(), rpy.z()}, 2.0);
+  EXPECT_THAT(solution, Pointwise(DoubleNear(1e-3), kWork));
+  arm->set_end_effector_pose(pos, euler, 2.0);
   // The move takes 2 s; a loaded machine may let the simulated arm settle later.
-  const auto off_target = [&] {
-    const auto reached = arm->get_end_effector_pose();
-    return std::hypot(reached[0] - pose[0], reached[1] - pose[1], reached[2] - pose[2]);
-  };
   std::this_thread::sleep_for(2000ms);
-  EXPECT_TRUE(eventually([&] { return off_target() < 0.004; }, 4s)) << off_target();
+  tool_reaches(pose, 0.004, 4s);
 }
 
 TEST_F(MotionTest, StreamedPoseShapesItsVelocityWithTheElapsedTime) {
   arm->move_joint_waypoints({kWork}, 0.0, 0.5);
-  const auto pose = arm->get_end_effector_pose();
-  const Eigen::Quaterniond q(pose[6], pose[3], pose[4], pose[5]);
-  const Eigen::Vector3d rpy =
-      Access::impl(*arm).kinematics->rotation_matrix_to_euler(q.toRotationMatrix());
-  const std::vector<double> euler = {rpy.x(), rpy.y(), rpy.z()};
+  const Joints pose = tool_pose();
+  const Joints euler(pose.begin() + 3, pose.end());
   arm->set_end_effector_pose_raw({pose[0], pose[1], pose[2]}, euler);  // first call: v = 0
   EXPECT_EQ(Access::target_velocity(*arm), kestrel::controller::JointArray{});
   // Sideways by 3 cm: joint 1 turns the arm a long way at once; its velocity may change by at
@@ -598,8 +469,123 @@ TEST_F(MotionTest, StreamedPoseShapesItsVelocityWithTheElapsedTime) {
   std::this_thread::sleep_for(1s);  // a pause counts as 7.5 ms
   arm->set_end_effector_pose_raw({pose[0], pose[1] + 0.06, pose[2]}, euler);
   EXPECT_NEAR(Access::target_velocity(*arm)[0], v1 + 35.0 * 0.0075, 1e-9);
-  // Wrong sizes are ignored.
-  arm->set_end_effector_pose_raw({pose[0], pose[1]}, euler);
+  // Wrong sizes are ignored: a streaming caller is not stopped by one malformed target.
+  const auto before = Access::target_velocity(*arm);
+  EXPECT_NO_THROW(arm->set_end_effector_pose_raw({pose[0], pose[1]}, euler));
+  EXPECT_EQ(Access::target_velocity(*arm), before);
+}
+
+// ---- Joint and gripper direct commands ------------------------------------------------------
+
+class DirectCommands : public MotionTest {};
+
+TEST_F(DirectCommands, ArgumentErrorsComeFirstAndChangeNothing) {
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  const std::vector<double> two(2, 0.0), three(3, 0.0), five(5, 0.0), six(6, 0.0);
+  const std::vector<double> nan_first = {nan, 0, 0, 0, 0, 0}, nan_third = {0, 0, nan, 0, 0, 0};
+  struct Row {
+    const char* name;
+    std::function<void()> call;
+    const char* message;
+  };
+  // A NaN never reaches the command slot, let alone the bus.
+  const Row rows[] = {
+      {"set_joint, five joints", [&] { arm->set_joint(five, 1.0); }, "q_end size mismatch"},
+      {"set_joint, no time", [&] { arm->set_joint(six, 0.0); }, "tf must be positive"},
+      {"set_joint, NaN", [&] { arm->set_joint(nan_first, 1.0); },
+       "q_end must contain only finite values"},
+      {"set_joint_raw, five joints", [&] { arm->set_joint_raw(five, six); },
+       "q_end length does not match num_joints"},
+      {"set_joint_raw, two velocities", [&] { arm->set_joint_raw(six, two); },
+       "v_end length does not match num_joints"},
+      {"set_joint_raw, NaN velocity", [&] { arm->set_joint_raw(six, nan_third); },
+       "v_end must contain only finite values"},
+      {"pose, two coordinates", [&] { arm->set_end_effector_pose(two, three, 1.0); },
+       "target_pos must have exactly 3 elements."},
+      {"pose, two angles", [&] { arm->set_end_effector_pose(three, two, 1.0); },
+       "target_euler must have exactly 3 elements."},
+      {"gripper distance, NaN", [&] { arm->setGripperDistance(nan); },
+       "gripper distance must be finite"},
+      {"waypoint, NaN", [&] { arm->move_joint_waypoints({nan_third}, 1.0, 0.0); },
+       "waypoints must contain only finite values"},
+  };
+  for (const Row& row : rows) {
+    EXPECT_EQ(refusal_of(row.call), row.message) << row.name;
+  }
+  // 0.5 rad in 1 ms would peak at 1094 rad/s: a position step at full gain.
+  EXPECT_THAT(
+      refusal_of([&] {
+        auto q = arm->get_joint();
+        q[0] += 0.5;
+        arm->set_joint(q, 0.001);
+      }),
+      ::testing::MatchesRegex(
+          "set_joint time 0.001 s is too short: joint 1 would peak at 109[0-9.]+ rad/s, "
+          "above 1.25 x its limit of 2 rad/s \\(joint_trajectory.set_joint_speed_factor\\); "
+          "the shortest time is 0.43[0-9]+ s"));
+  EXPECT_EQ(Access::command_kind(*arm), 0);
+}
+
+TEST_F(DirectCommands, GripperPositionOutsideItsRangeWarnsAndClamps) {
+  const std::string err = capture_stderr([&] { arm->setGripperPosition_raw(1.5); });
+  EXPECT_EQ(err,
+            "[Warning] Gripper position must be in [0, 1], but got: 1.5. Value will be clamped.\n");
+  EXPECT_TRUE(eventually([&] { return arm->get_gripper_distance() > 0.083; }, 3s))
+      << arm->get_gripper_distance();
+  EXPECT_DOUBLE_EQ(arm->get_gripper_position(), std::min(arm->get_gripper_distance() / 0.085, 1.0));
+  const std::string closing = capture_stderr([&] { arm->setGripperPosition_raw(-0.2); });
+  EXPECT_THAT(closing, HasSubstr("but got: -0.2. Value will be clamped."));
+  EXPECT_TRUE(eventually([&] { return arm->get_gripper_distance() < 0.002; }, 3s));
+}
+
+TEST_F(DirectCommands, GripperGainsAreClampedOnTheWire) {
+  sim.motors().clear_frame_log();
+  EXPECT_EQ(capture_stderr([&] { arm->setGripperDistance(0.07, 50.0, 5.0); }), "");
+  // Frames of the standing command (kp 8) may still come first; the new one follows.
+  ASSERT_TRUE(eventually(
+      [&] {
+        const auto frames = mit_frames(sim, 6);
+        return !frames.empty() && frames.back().kp > 10.0;
+      },
+      1s));
+  const auto frame = mit_frames(sim, 6).back();
+  EXPECT_NEAR(frame.kp, 20.0, 500.0 / 4095);  // kp into [0.1, 20], kd into [0.1, 1]
+  EXPECT_NEAR(frame.kd, 1.0, 5.0 / 4095);
+  // The linkage's motor angle for a 70 mm opening, within one count of the 16-bit field.
+  EXPECT_NEAR(frame.q, -1.0307842463707704, 25.0 / 65535);
+  EXPECT_THAT(capture_stderr([&] { arm->setGripperDistance(0.1); }),
+              HasSubstr("[Warning] Gripper distance must be in [0mm, 85 mm], but got: 0.1. Value "
+                        "will be clamped."));
+}
+
+TEST_F(DirectCommands, GravityCompensationFloatsTheArmOnTorqueAlone) {
+  arm->identify_gravity_compensation();
+  std::this_thread::sleep_for(100ms);
+  sim.motors().clear_frame_log();
+  std::this_thread::sleep_for(100ms);
+  const auto frames = mit_frames(sim, 1);
+  ASSERT_FALSE(frames.empty());
+  for (const auto& f : frames) {
+    EXPECT_EQ(f.kp, 0.0);
+    EXPECT_EQ(f.kd, 0.0);
+  }
+  EXPECT_GT(std::abs(frames.back().tau), 0.5);  // joint 2 carries the arm's weight
+  EXPECT_EQ(Access::command_kind(*arm), 5);
+}
+
+TEST(WithoutGripper, GripperCallsAnswerWithTheMessage) {
+  SimulatedArm sim;
+  std::unique_ptr<ArmController> arm;
+  capture_stdout(
+      [&] { arm = std::make_unique<ArmController>(false, "can0", false, MIT_MODE, false); });
+  double position = 0.0;
+  EXPECT_EQ(capture_stdout([&] {
+              position = arm->get_gripper_position();
+              arm->openGripper();
+            }),
+            "该模式未包含夹爪\n该模式未包含夹爪\n");
+  EXPECT_EQ(position, -1.0);
+  capture_stdout([&] { arm.reset(); });
 }
 
 }  // namespace

@@ -1,28 +1,103 @@
-// The joint waypoint planner, the singularity detour and the Cartesian line planner, run on a
-// controller that touches no hardware (skip_hardware_init): everything here is planning only.
+// Planning only. The joint waypoint planner, the singularity detour and the Cartesian line
+// planner, run on a controller that touches no hardware (skip_hardware_init); and the online
+// splice and the joint waypoint planner as components, without a controller: a running state
+// carried into a new motion without a jump, within the limits.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <functional>
+#include <random>
 
 #include "controller/controller_fixture.hpp"
+#include "kestrel/controller/joint_splice.hpp"
+#include "kestrel/controller/joint_waypoint_planner.hpp"
 #include "support/stderr_capture.hpp"
 
 namespace {
 
+using namespace kestrel::controller;
 using Access = ArmControllerTestAccess;
 using kestrel::testing::segment_distance;
 using Impl = Access::Impl;
-using JointArray = Impl::JointArray;
 using Sample = Impl::Sample;
+using Poses = std::vector<std::vector<double>>;
 using kestrel::testing::capture_stderr;
 using kestrel::testing::capture_stdout;
+using ::testing::AllOf;
+using ::testing::DoubleNear;
+using ::testing::Each;
 using ::testing::HasSubstr;
+using ::testing::Pointwise;
 using ::testing::StartsWith;
 
 // A working posture of the shipped arm, clear of limits, singularities and self-contact.
 constexpr JointArray kWork = {0.2, 0.4, -0.9, 0.3, -0.7, 0.1};
+
+std::vector<double> vec(const JointArray& q) {
+  return {q.begin(), q.end()};
+}
+JointArray with(JointArray q, int j, double value) {
+  q[j] = value;
+  return q;
+}
+
+constexpr double kPeriod = 0.0025;
+// The shipped arm's joint_trajectory limits.
+const JointLimits kLimits = {{2.0, 2.0, 2.5, 4.0, 4.0, 5.0},
+                             {4.0, 4.0, 6.0, 12.0, 12.0, 15.0},
+                             {80.0, 80.0, 100.0, 300.0, 300.0, 300.0}};
+const JointArray kHome = {0.0, 0.4, -0.9, 0.0, -0.6, 0.0};
+
+WaypointPlanSettings settings(bool continuous = false) {
+  WaypointPlanSettings s;
+  s.configuration_limits = kLimits;
+  s.continuous_waypoint_velocity = continuous;
+  return s;
+}
+
+// The planner leaves speed scaling to its caller: the limits of a motion at `speed`.
+JointLimits at_speed(double speed) {
+  JointLimits l = kLimits;
+  for (double& v : l.velocity) {
+    v *= speed;
+  }
+  return l;
+}
+
+// The home posture with joint 1 at q1; a state there with joint 1 running at v1.
+JointArray joint1_at(double q1) {
+  return with(kHome, 0, q1);
+}
+JointMotionState running(double q1, double v1) {
+  JointMotionState s;
+  s.position = joint1_at(q1);
+  s.velocity[0] = v1;
+  return s;
+}
+
+WaypointPlan plan(const JointMotionState& start, const std::vector<JointArray>& waypoints,
+                  const JointLimits& limits, double time_sec = 0.0,
+                  const WaypointPlanSettings& s = settings()) {
+  WaypointPlanRequest r;
+  r.start = start;
+  r.waypoints = waypoints;
+  r.limits = limits;
+  r.time_sec = time_sec;
+  return JointWaypointPlanner(s).plan(r);
+}
+
+// What `call` throws, with its kind: "invalid_argument: ..." or "runtime_error: ...".
+std::string refusal(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const std::invalid_argument& e) {
+    return std::string("invalid_argument: ") + e.what();
+  } catch (const std::runtime_error& e) {
+    return std::string("runtime_error: ") + e.what();
+  }
+  return "no error";
+}
 
 class PlannerTest : public ::testing::Test {
  protected:
@@ -32,23 +107,68 @@ class PlannerTest : public ::testing::Test {
   }
   Impl& impl() { return Access::impl(*arm); }
 
-  std::vector<Sample> plan(const JointArray& start, const std::vector<JointArray>& waypoints,
-                           double time_sec, std::vector<long>* steps = nullptr,
-                           double speed = 1.0) {
-    kestrel::controller::WaypointPlanRequest request;
-    request.start.position = start;
-    request.waypoints = waypoints;
-    request.limits = {impl().max_vel, impl().max_acc, impl().max_jerk};
-    for (double& v : request.limits.velocity) {
-      v *= speed;
+  // Straight through the planner at the configured limits: time mode, or speed mode at full speed.
+  WaypointPlan plan(const JointArray& start, const std::vector<JointArray>& waypoints,
+                    double time_sec) {
+    return ::plan({start, {}, {}}, waypoints, {impl().max_vel, impl().max_acc, impl().max_jerk},
+                  time_sec, impl().planner_settings(400.0));
+  }
+  // Speed mode as the controller plans it, scaling the limits by speed_percent itself: the
+  // public plan, or the motion move_joint_waypoints would run.
+  std::vector<Sample> public_plan(const JointArray& start, const Poses& waypoints, double speed) {
+    const auto p = arm->plan_joint_waypoints_with_gripper(
+        vec(start), waypoints, std::vector<double>(waypoints.size(), 0.0), 0.0, speed);
+    std::vector<Sample> samples(p.positions.size());
+    for (size_t i = 0; i < samples.size(); ++i) {
+      std::copy_n(p.positions[i].begin(), 6, samples[i].position.begin());
+      std::copy_n(p.velocities[i].begin(), 6, samples[i].velocity.begin());
+      std::copy_n(p.accelerations[i].begin(), 6, samples[i].acceleration.begin());
     }
-    request.time_sec = time_sec;
-    auto planned =
-        kestrel::controller::JointWaypointPlanner(impl().planner_settings(400.0)).plan(request);
-    if (steps != nullptr) {
-      *steps = planned.segment_steps;
+    return samples;
+  }
+  std::vector<Sample> motion_plan(const JointArray& start, const Poses& waypoints, double speed) {
+    return *impl()
+                .prepare_waypoint_motion(waypoints, 0.0, speed, 400.0, nullptr, {start, {}, {}},
+                                         "[move_joint_waypoints] ")
+                .samples;
+  }
+  // The tool pose at q as x, y, z, roll, pitch, yaw, its position moved by d.
+  std::vector<double> pose_at(const JointArray& q, const Eigen::Vector3d& d = {0, 0, 0}) {
+    const auto p = impl().kinematics->forwardKinematics_kdl(vec(q));
+    const auto rpy = impl().kinematics->rotation_matrix_to_euler(
+        Eigen::Quaterniond(p[6], p[3], p[4], p[5]).toRotationMatrix());
+    return {p[0] + d.x(), p[1] + d.y(), p[2] + d.z(), rpy.x(), rpy.y(), rpy.z()};
+  }
+  std::vector<Sample> line(const JointArray& start, const Poses& poses, double time_sec,
+                           double speed, double blend) {
+    return impl().plan_cartesian_line_trajectory(start, poses, time_sec, speed, blend, 400.0, 0.003,
+                                                 0.05, "[move_l] ");
+  }
+  // A half-speed line from kWork through the tool positions p0 + d for each move d (p0: the
+  // tool's at kWork): the corner path with p0 first, and the tool point of each planned sample.
+  struct LinePlan {
+    std::vector<Eigen::Vector3d> path, points;
+    std::vector<Sample> samples;
+  };
+  LinePlan line_through(const std::vector<Eigen::Vector3d>& moves, double blend) {
+    LinePlan l{tool_points({Sample{kWork, {}, {}}}), {}, {}};
+    Poses poses;
+    for (const auto& d : moves) {
+      l.path.push_back(l.path.front() + d);
+      poses.push_back(pose_at(kWork, d));
     }
-    return std::move(planned.samples);
+    l.samples = line(kWork, poses, 0.0, 0.5, blend);
+    l.points = tool_points(l.samples);
+    return l;
+  }
+  // The tool point of each sample.
+  std::vector<Eigen::Vector3d> tool_points(const std::vector<Sample>& samples) {
+    std::vector<Eigen::Vector3d> out;
+    for (const auto& s : samples) {
+      const auto f = impl().kinematics->forwardKinematics_kdl(vec(s.position));
+      out.emplace_back(f[0], f[1], f[2]);
+    }
+    return out;
   }
 
   kestrel::simbus::ScopedSimbus bus{{"can0"}};
@@ -74,8 +194,17 @@ Peaks peaks(const std::vector<Sample>& s) {
   return p;
 }
 
+// Distance of p from the polyline through `path`.
+double off_path(const Eigen::Vector3d& p, const std::vector<Eigen::Vector3d>& path) {
+  double d = 1.0;
+  for (size_t k = 0; k + 1 < path.size(); ++k) {
+    d = std::min(d, segment_distance(p, path[k], path[k + 1]));
+  }
+  return d;
+}
+
 TEST_F(PlannerTest, OneWaypointAtTheStartIsOnePeriodAtRest) {
-  const auto samples = plan(kWork, {kWork}, 0.0);
+  const auto samples = plan(kWork, {kWork}, 0.0).samples;
   ASSERT_EQ(samples.size(), 2u);
   for (const auto& s : samples) {
     EXPECT_EQ(s.position, kWork);
@@ -85,36 +214,41 @@ TEST_F(PlannerTest, OneWaypointAtTheStartIsOnePeriodAtRest) {
 
 TEST_F(PlannerTest, WaypointVelocitiesAreTheMeanDifferenceOrZeroAtAReversal) {
   // Two equal segments (time mode): the sample at the middle waypoint carries its velocity.
-  JointArray a = kWork, b = kWork, c = kWork;
-  b[0] += 0.1;
-  c[0] += 0.3;  // joint 1 rises on: mean difference 0.2 per segment
-  b[1] += 0.1;
-  c[1] += 0.05;  // joint 2 reverses at b: velocity 0
-  std::vector<long> steps;
-  const auto samples = plan(a, {b, c}, 1.0, &steps);
-  ASSERT_EQ(steps, (std::vector<long>{200, 200}));
+  // Joint 1 rises on (mean difference 0.2 per segment), joint 2 reverses at b: velocity 0.
+  const JointArray b = with(with(kWork, 0, kWork[0] + 0.1), 1, kWork[1] + 0.1);
+  const JointArray c = with(with(kWork, 0, kWork[0] + 0.3), 1, kWork[1] + 0.05);
+  const auto planned = plan(kWork, {b, c}, 1.0);
+  ASSERT_EQ(planned.segment_steps, (std::vector<long>{200, 200}));
+  const auto& samples = planned.samples;
   ASSERT_EQ(samples.size(), 401u);
   EXPECT_NEAR(samples[200].position[0], b[0], 1e-12);
   EXPECT_NEAR(samples[200].velocity[0], 0.5 * (0.1 + 0.2) / 0.5, 1e-12);
   EXPECT_NEAR(samples[200].velocity[1], 0.0, 1e-12);
   EXPECT_NEAR(samples[200].acceleration[0], 0.0, 1e-9);  // zero at every waypoint
   EXPECT_NEAR(samples.back().position[0], c[0], 1e-12);
-  for (int j = 0; j < 6; ++j) {
-    EXPECT_NEAR(samples.back().velocity[j], 0.0, 1e-12);
-  }
+  EXPECT_THAT(samples.back().velocity, Each(DoubleNear(0.0, 1e-12)));
 }
 
+// speed_percent scales the velocity limits alone: every joint's velocity peak stays within
+// max_vel x speed, acceleration and jerk within their unscaled limits, on both paths that plan
+// by speed.
 TEST_F(PlannerTest, SpeedModeKeepsEveryLimitOnTheSamples) {
-  const std::vector<JointArray> waypoints = {{0.8, 0.1, -0.4, -1.0, -0.3, 1.2},
-                                             {-0.5, 0.6, -1.2, 0.8, -1.1, -0.9},
-                                             {0.0, 0.0, -0.5, 0.0, -0.5, 0.0}};
+  const Poses waypoints = {{0.8, 0.1, -0.4, -1.0, -0.3, 1.2},
+                           {-0.5, 0.6, -1.2, 0.8, -1.1, -0.9},
+                           {0.0, 0.0, -0.5, 0.0, -0.5, 0.0}};
   for (double speed : {1.0, 0.5}) {
-    const auto p = peaks(plan(kWork, waypoints, 0.0, nullptr, speed));
-    for (int j = 0; j < 6; ++j) {
-      EXPECT_LE(p.v[j], impl().max_vel[j] * speed * 1.0001) << "joint " << j;
-      EXPECT_LE(p.a[j], impl().max_acc[j] * 1.0001) << "joint " << j;
-      // The sampled differences of acceleration slightly underestimate the jerk at most.
-      EXPECT_LE(p.j[j], impl().max_jerk[j] * 1.0001) << "joint " << j;
+    for (bool motion : {false, true}) {
+      SCOPED_TRACE(std::string(motion ? "motion" : "public plan") + " at " + std::to_string(speed));
+      const auto samples =
+          motion ? motion_plan(kWork, waypoints, speed) : public_plan(kWork, waypoints, speed);
+      ASSERT_FALSE(samples.empty());
+      const auto p = peaks(samples);
+      for (int j = 0; j < 6; ++j) {
+        EXPECT_LE(p.v[j], impl().max_vel[j] * speed * 1.0001) << "joint " << j;
+        EXPECT_LE(p.a[j], impl().max_acc[j] * 1.0001) << "joint " << j;
+        // The sampled differences of acceleration slightly underestimate the jerk at most.
+        EXPECT_LE(p.j[j], impl().max_jerk[j] * 1.0001) << "joint " << j;
+      }
     }
   }
 }
@@ -122,137 +256,154 @@ TEST_F(PlannerTest, SpeedModeKeepsEveryLimitOnTheSamples) {
 TEST_F(PlannerTest, HalfSpeedHalvesOnlyTheVelocityLimits) {
   // A long move of joint 1 is velocity bound: half speed doubles its duration nearly; a tiny
   // move is acceleration/jerk bound and does not slow down at all.
-  JointArray far = kWork, near = kWork;
-  far[0] += 2.0;
-  near[0] += 0.01;
-  const double full = static_cast<double>(plan(kWork, {far}, 0.0).size());
-  const double half = static_cast<double>(plan(kWork, {far}, 0.0, nullptr, 0.5).size());
-  EXPECT_NEAR(half / full, 2.0, 0.02);
-  EXPECT_EQ(plan(kWork, {near}, 0.0).size(), plan(kWork, {near}, 0.0, nullptr, 0.5).size());
+  for (bool motion : {false, true}) {
+    SCOPED_TRACE(motion ? "motion" : "public plan");
+    auto duration = [&](double distance, double speed) {
+      const Poses target = {vec(with(kWork, 0, kWork[0] + distance))};
+      return static_cast<double>(motion ? motion_plan(kWork, target, speed).size()
+                                        : public_plan(kWork, target, speed).size());
+    };
+    EXPECT_NEAR(duration(2.0, 0.5) / duration(2.0, 1.0), 2.0, 0.02);
+    EXPECT_EQ(duration(0.01, 0.5), duration(0.01, 1.0));
+  }
 }
 
-TEST_F(PlannerTest, TimeModeSharesTheStepsEvenly) {
-  JointArray a = kWork, b = kWork, c = kWork;
-  a[0] += 0.001;
-  b[0] += 0.002;
-  c[0] += 0.003;
+TEST_F(PlannerTest, TimeModeSharesTheStepsEvenlyAndChecksOnlyTheEnforcedLimits) {
   impl().trajectory_config.enforce_time_mode_acc_limit = false;
   impl().trajectory_config.enforce_time_mode_jerk_limit = false;
-  std::vector<long> steps;
-  plan(kWork, {a, b, c}, 0.025, &steps);  // 10 steps over 3 segments
+  const auto steps = plan(kWork,
+                          {with(kWork, 0, kWork[0] + 0.001), with(kWork, 0, kWork[0] + 0.002),
+                           with(kWork, 0, kWork[0] + 0.003)},
+                          0.025)  // 10 steps over 3 segments
+                         .segment_steps;
   EXPECT_EQ(steps, (std::vector<long>{4, 3, 3}));
+  // 0.3 rad of joint 1 in 0.4 s: velocity (1.31 rad/s) inside its limit, jerk far beyond; planned
+  // as asked while the jerk limit is not enforced (refused while it is: see the refusals).
+  EXPECT_EQ(plan(kWork, {with(kWork, 0, kWork[0] + 0.3)}, 0.4).samples.size(), 161u);
 }
 
-TEST_F(PlannerTest, TimeModeErrors) {
-  std::vector<JointArray> five(5, kWork);
-  try {
-    plan(kWork, five, 0.01);
-    FAIL() << "no error";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(),
-                 "[move_joint_waypoints] requested time_sec=0.01 is too short for 5 waypoint "
-                 "segments at 400Hz; minimum time_sec=0.0125");
-  }
-  // One second for 1.5 rad of joint 1 breaks its 2 rad/s velocity limit: always an error.
-  JointArray far = kWork;
-  far[0] += 1.5;
-  try {
-    plan(kWork, {far}, 1.0);
-    FAIL() << "no error";
-  } catch (const std::runtime_error& e) {
-    EXPECT_THAT(e.what(), StartsWith("[move_joint_waypoints] requested time_sec=1 exceeds joint 1 "
-                                     "trajectory limits: vmax 2.8125/2, amax "));
-    EXPECT_THAT(e.what(), HasSubstr("(enforce=true), jmax "));
-  }
-}
-
-TEST_F(PlannerTest, TimeModeJerkExcessIsAnErrorOnlyWhileEnforced) {
-  // 0.3 rad of joint 1 in 0.4 s: velocity (1.31 rad/s) inside its limit, jerk far beyond.
-  JointArray target = kWork;
-  target[0] += 0.3;
-  impl().trajectory_config.enforce_time_mode_acc_limit = false;
-  impl().trajectory_config.enforce_time_mode_jerk_limit = true;
-  EXPECT_THROW(plan(kWork, {target}, 0.4), std::runtime_error);
-  impl().trajectory_config.enforce_time_mode_jerk_limit = false;
-  EXPECT_EQ(plan(kWork, {target}, 0.4).size(), 161u);
-}
-
-TEST_F(PlannerTest, PublicPlanChecksItsArgumentsInOrder) {
-  const std::vector<double> start(kWork.begin(), kWork.end());
-  auto message = [&](const std::vector<double>& q, const std::vector<std::vector<double>>& w,
-                     const std::vector<double>& g, double t, double s) {
-    try {
-      arm->plan_joint_waypoints_with_gripper(q, w, g, t, s);
-    } catch (const std::invalid_argument& e) {
-      return std::string(e.what());
-    }
-    return std::string("no error");
+TEST_F(PlannerTest, RefusalsSayWhatIsWrong) {
+  const std::vector<double> start = vec(kWork), five = {0.1, 0.2, 0.3, 0.4, 0.5};
+  const std::vector<double> two = {0.3, 0.0}, three = {0.3, 0.0, 0.3}, half = {0.5};
+  const std::vector<double> halves = {0.5, 0.5};
+  const Poses at_start = {start}, twice = {start, start}, start_and_five = {start, five};
+  const Poses out_of_reach = {{1.5, 0.0, 0.3, 0.0, 0.0, 0.0}},
+              back_10cm = {pose_at(kWork, {-0.1, 0, 0})};
+  auto public_plan_of = [&](std::vector<double> q, Poses w, std::vector<double> g, double t,
+                            double s) {
+    return [=] { arm->plan_joint_waypoints_with_gripper(q, w, g, t, s); };
   };
-  EXPECT_EQ(message({0.0}, {}, {}, 1.0, 0.5), "q_start must have exactly 6 joint values");
-  EXPECT_EQ(message(start, {}, {}, 1.0, 0.5), "waypoints must not be empty");
-  EXPECT_EQ(message(start, {start}, {}, 1.0, 0.5),
-            "gripper_positions must have the same length as waypoints");
-  EXPECT_EQ(message(start, {{0.0}}, {0.5}, 1.0, 0.5),
-            "speed_percent and time_sec are mutually exclusive; set only one");
-  EXPECT_EQ(message(start, {{0.0}}, {0.5}, 0.0, 1.5), "speed_percent must be in (0, 1]");
-  EXPECT_EQ(message(start, {{0.0}}, {0.5}, 0.0, 1.0),  // full speed passes the speed check
-            "each waypoint must have exactly 6 joint values");
-  EXPECT_EQ(message(start, {{0.0}}, {0.5}, 1.0, 0.0),
-            "each waypoint must have exactly 6 joint values");
-}
-
-TEST_F(PlannerTest, MotionArgumentErrorsComeBeforeTheJointStateIsRead) {
-  // Without hardware there is no joint state: argument errors must still be argument errors.
-  const std::vector<double> five = {0.1, 0.2, 0.3, 0.4, 0.5};
-  const std::vector<double> six(kWork.begin(), kWork.end());
+  auto config = [&]() -> auto& {
+    return impl().trajectory_config;
+  };
+  const std::string bad_tail = "runtime_error: [move_l] ";
   struct Row {
     const char* name;
     std::function<void()> call;
-    const char* message;
+    ::testing::Matcher<std::string> what;
   };
   const Row rows[] = {
+      {"time mode, too short for its segments",
+       [&] { plan(kWork, std::vector<JointArray>(5, kWork), 0.01); },
+       "runtime_error: [move_joint_waypoints] requested time_sec=0.01 is too short for 5 waypoint "
+       "segments at 400Hz; minimum time_sec=0.0125"},
+      // One second for 1.5 rad of joint 1 breaks its 2 rad/s velocity limit: always an error.
+      {"time mode, beyond a velocity limit", [&] { plan(kWork, {with(kWork, 0, 1.7)}, 1.0); },
+       AllOf(StartsWith("runtime_error: [move_joint_waypoints] requested time_sec=1 exceeds joint "
+                        "1 trajectory limits: vmax 2.8125/2, amax "),
+             HasSubstr("(enforce=true), jmax "))},
+      {"time mode, beyond the jerk limit while it is enforced",
+       [&] {
+         config().enforce_time_mode_acc_limit = false;
+         plan(kWork, {with(kWork, 0, kWork[0] + 0.3)}, 0.4);
+       },
+       AllOf(StartsWith("runtime_error: [move_joint_waypoints] requested time_sec=0.4 exceeds "
+                        "joint 1 trajectory limits: "),
+             HasSubstr("(enforce=false), jmax "), ::testing::EndsWith("/80 (enforce=true)"))},
+      // The public plan checks its arguments in this order.
+      {"plan, five start joints", public_plan_of(five, {}, {}, 1, 0.5),
+       "invalid_argument: q_start must have exactly 6 joint values"},
+      {"plan, no waypoints", public_plan_of(start, {}, {}, 1, 0.5),
+       "invalid_argument: waypoints must not be empty"},
+      {"plan, no gripper positions", public_plan_of(start, {start}, {}, 1, 0.5),
+       "invalid_argument: gripper_positions must have the same length as waypoints"},
+      {"plan, both time and speed", public_plan_of(start, {five}, {0.5}, 1, 0.5),
+       "invalid_argument: speed_percent and time_sec are mutually exclusive; set only one"},
+      {"plan, speed above 1", public_plan_of(start, {five}, {0.5}, 0, 1.5),
+       "invalid_argument: speed_percent must be in (0, 1]"},
+      {"plan, full speed passes the speed check", public_plan_of(start, {five}, {0.5}, 0, 1.0),
+       "invalid_argument: each waypoint must have exactly 6 joint values"},
+      {"plan, timed with five joints", public_plan_of(start, {five}, {0.5}, 1, 0.0),
+       "invalid_argument: each waypoint must have exactly 6 joint values"},
+      // Folded: shoulder back, elbow closed, so that the forearm meets the base.
+      {"plan into the base",
+       public_plan_of(start, {{0.0, -1.4, 0.58, 0.0, -1.2, 0.0}}, {0.0}, 0, 0.5),
+       AllOf(StartsWith("runtime_error: [plan_joint_waypoints_with_gripper] "),
+             HasSubstr("_stop: "))},
+      // Argument errors come before anything moves, and before the joint state is read: without
+      // hardware there is none.
+      {"move, both time and speed", [&] { arm->move_joint_waypoints({start}, 1.0, 0.5); },
+       "invalid_argument: speed_percent and time_sec are mutually exclusive; set only one"},
+      {"move, no waypoints", [&] { arm->move_joint_waypoints({}, 1.0, 0.0); },
+       "invalid_argument: waypoints must not be empty"},
+      {"chunk, negative switch delay",
+       [&] { arm->update_joint_waypoint_chunk({start}, 1, 0, -0.1); },
+       "invalid_argument: switch_delay_sec must be non-negative"},
+      {"move_l, two values", [&] { arm->move_l({two}, 1.0, 0.0); },
+       "invalid_argument: [move_l] each pose must have exactly 6 values: x, y, z, roll, pitch, "
+       "yaw"},
+      {"solve_ik, two coordinates", [&] { arm->solve_ik(two, three); },
+       "invalid_argument: target_pos and target_euler must both have exactly 3 elements."},
+      {"solve_ik, one-joint seed", [&] { arm->solve_ik(three, three, {0.0}); },
+       "invalid_argument: q_seed must have exactly 6 elements when provided."},
+      {"solve_ik_nearest, two coordinates", [&] { arm->solve_ik_nearest(two, three); },
+       "invalid_argument: target_pos and target_euler must both have exactly 3 elements."},
+      {"solve_ik_nearest, one-joint seed", [&] { arm->solve_ik_nearest(three, three, {0.0}); },
+       "invalid_argument: q_seed must have exactly 6 elements when provided."},
       {"move, five values", [&] { arm->move_joint_waypoints({five}, 1.0, 0.0); },
-       "each waypoint must have exactly 6 joint values"},
-      {"chunk, five values",
-       [&] {
-         arm->update_joint_waypoint_chunk({six, five}, 0, 0.5, 0.1);
-       },
-       "each waypoint must have exactly 6 joint values"},
+       "invalid_argument: each waypoint must have exactly 6 joint values"},
+      {"chunk, five values", [&] { arm->update_joint_waypoint_chunk(start_and_five, 0, 0.5, 0.1); },
+       "invalid_argument: each waypoint must have exactly 6 joint values"},
       {"move, gripper list too long",
-       [&] {
-         arm->move_joint_waypoints_with_gripper({six}, {0.5, 0.5}, 1.0, 0.0);
-       },
-       "gripper_positions must have the same length as waypoints"},
+       [&] { arm->move_joint_waypoints_with_gripper(at_start, halves, 1.0, 0.0); },
+       "invalid_argument: gripper_positions must have the same length as waypoints"},
       {"chunk, gripper list too short",
+       [&] { arm->update_joint_waypoint_chunk_with_gripper(twice, half, 1, 0, 0); },
+       "invalid_argument: gripper_positions must have the same length as waypoints"},
+      {"move, before any joint state", [&] { arm->move_joint_waypoints({start}, 1.0, 0.0); },
+       "runtime_error: cannot plan waypoint trajectory before joint state is available"},
+      // Where the line leaves the workspace the elbow would have to straighten in no time.
+      {"line out of reach", [&] { line(kWork, out_of_reach, 0, 0.5, 0); },
+       ::testing::AnyOf(StartsWith(bad_tail + "the path cannot be followed: no IK answer within "
+                                              "tolerance at t="),
+                        StartsWith(bad_tail + "the path would jump between IK branches at t="))},
+      // Joint 6 at 2.9 rad, the tool turned 0.3 rad further about its axis: joint 6 would need
+      // 3.2 rad, beyond its 3.0 rad limit.
+      {"line beyond joint 6's limit",
+       [&] { line(with(kWork, 5, 2.9), {pose_at(with(kWork, 5, 3.2))}, 0, 0.05, 0); },
+       StartsWith(bad_tail + "the path leaves joint 6's limits")},
+      {"timed line beyond a joint limit", [&] { line(kWork, back_10cm, 0.1, 1.0, 0); },
+       StartsWith(bad_tail + "requested time_sec=0.1 exceeds joint ")},
+      {"line longer than allowed",
        [&] {
-         arm->update_joint_waypoint_chunk_with_gripper({six, six}, {0.5}, 1.0, 0.0, 0.0);
+         config().max_motion_duration_sec = 1.0;
+         line(with(kWork, 5, 3.2), {pose_at(with(kWork, 5, 3.2), {-0.05, 0, 0})}, 0, 0.05, 0);
        },
-       "gripper_positions must have the same length as waypoints"},
+       StartsWith(bad_tail + "planned motion lasts ")},
   };
+  const auto defaults = impl().trajectory_config;
   for (const Row& row : rows) {
-    try {
-      row.call();
-      ADD_FAILURE() << row.name << ": no error";
-    } catch (const std::invalid_argument& e) {
-      EXPECT_STREQ(e.what(), row.message) << row.name;
-    } catch (const std::exception& e) {
-      ADD_FAILURE() << row.name << ": " << e.what();
-    }
+    EXPECT_THAT(refusal(row.call), row.what) << row.name;
+    config() = defaults;
   }
-  try {
-    arm->move_joint_waypoints({six}, 1.0, 0.0);
-    ADD_FAILURE() << "no error";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "cannot plan waypoint trajectory before joint state is available");
-  }
+  EXPECT_EQ(Access::command_counter(*arm), 0) << "nothing was published";
 }
 
 TEST_F(PlannerTest, PublicPlanClampsToTheLimitsAndBuildsTheGripperTimeline) {
-  const std::vector<double> start(kWork.begin(), kWork.end());
   impl().safety_config.trajectory_safety.enabled = false;  // a clamped waypoint is at the limit
-  std::vector<double> beyond = start;
-  beyond[1] = 5.0;  // joint 2's upper limit is 1.4
-  const auto planned = arm->plan_joint_waypoints_with_gripper(start, {beyond}, {1.0}, 2.0, 0.0);
+  // Joint 2's upper limit is 1.4.
+  const auto planned = arm->plan_joint_waypoints_with_gripper(
+      vec(kWork), {vec(with(kWork, 1, 5.0))}, {1.0}, 2.0, 0.0);
   ASSERT_EQ(planned.positions.size(), 801u);
   EXPECT_NEAR(planned.positions.back()[1], 1.4, 1e-12);
   // No gripper feedback yet: the opening starts at 0 and rises linearly to fully open.
@@ -262,128 +413,70 @@ TEST_F(PlannerTest, PublicPlanClampsToTheLimitsAndBuildsTheGripperTimeline) {
   EXPECT_DOUBLE_EQ(planned.gripper.back(), 0.085);
 }
 
-TEST_F(PlannerTest, PublicPlanRefusesAMotionIntoTheBase) {
-  // Folded: shoulder back, elbow closed, so that the forearm meets the base.
-  const std::vector<double> start(kWork.begin(), kWork.end());
-  try {
-    arm->plan_joint_waypoints_with_gripper(start, {{0.0, -1.4, 0.58, 0.0, -1.2, 0.0}}, {0.0}, 0.0,
-                                           0.5);
-    FAIL() << "no error";
-  } catch (const std::runtime_error& e) {
-    EXPECT_THAT(e.what(), StartsWith("[plan_joint_waypoints_with_gripper] "));
-    EXPECT_THAT(e.what(), HasSubstr("_stop: "));
-  }
-}
-
 TEST_F(PlannerTest, SegmentOfASample) {
   const std::vector<long> steps = {4, 3, 3};
-  EXPECT_EQ(Impl::find_waypoint_segment_for_sample(steps, 0), 0u);
-  EXPECT_EQ(Impl::find_waypoint_segment_for_sample(steps, 4), 0u);
-  EXPECT_EQ(Impl::find_waypoint_segment_for_sample(steps, 5), 1u);
-  EXPECT_EQ(Impl::find_waypoint_segment_for_sample(steps, 7), 1u);
-  EXPECT_EQ(Impl::find_waypoint_segment_for_sample(steps, 10), 2u);
+  for (auto [sample, segment] :
+       {std::pair<size_t, size_t>{0, 0}, {4, 0}, {5, 1}, {7, 1}, {10, 2}}) {
+    EXPECT_EQ(Impl::find_waypoint_segment_for_sample(steps, sample), segment) << sample;
+  }
 }
 
 // The wrist singularity of the shipped arm is at q5 = -pi/2 (axes 4 and 6 aligned). Waypoints at
 // q5 = -1.40 and -1.47 both keep their distance, but the arm arrives at the first one fast from
 // q5 = 0 and the second segment overshoots to about -1.56 on its way, as a quintic through a
-// moving waypoint does.
-TEST_F(PlannerTest, SingularityDetourSteersAWristOvershootAround) {
-  JointArray a = kWork, b = kWork;
-  a[4] = -1.40;
-  b[4] = -1.47;
-  JointArray start = kWork;
-  start[4] = 0.0;
-  const auto plain = plan(start, {a, b}, 0.0, nullptr, 0.5);
-  const auto refused = impl().evaluate_waypoint_trajectory_safety(plain);
-  ASSERT_EQ(refused.code, "singularity_stop");
-
-  std::vector<std::vector<double>> waypoints = {{a.begin(), a.end()}, {b.begin(), b.end()}};
-  std::string err;
-  double duration = 0.0;
+// moving waypoint does. The motion steers around it; where the band lies between the two ends
+// every path crosses it, and the motion is refused.
+TEST_F(PlannerTest, SingularityDetourSteersAWristOvershootAroundOrGivesUp) {
+  const Poses waypoints = {vec(with(kWork, 4, -1.40)), vec(with(kWork, 4, -1.47))};
+  EXPECT_THAT(refusal([&] { public_plan(with(kWork, 4, 0.0), waypoints, 0.5); }),
+              StartsWith("runtime_error: [plan_joint_waypoints_with_gripper] singularity_stop: "));
   std::vector<Sample> samples;
-  err = capture_stderr([&] {
-    auto motion = impl().prepare_waypoint_motion(waypoints, 0.0, 0.5, 400.0, nullptr,
-                                                 {start, {}, {}}, "[move_joint_waypoints] ");
-    duration = motion.duration;
-    samples = *motion.samples;
-  });
+  std::string err =
+      capture_stderr([&] { samples = motion_plan(with(kWork, 4, 0.0), waypoints, 0.5); });
   EXPECT_THAT(err, HasSubstr("[move_joint_waypoints] inserted singularity avoidance waypoint at "
                              "segment=1, sample="));
-  EXPECT_GT(duration, 0.0);
+  ASSERT_GT(samples.size(), 1u);
   for (const auto& s : samples) {
     EXPECT_GT(std::abs(std::abs(s.position[4]) - M_PI / 2), 0.09);
   }
   EXPECT_NEAR(samples.back().position[4], -1.47, 1e-12);
-}
 
-TEST_F(PlannerTest, SingularityDetourGivesUpWhereEveryPathCrosses) {
-  JointArray start = kWork, across = kWork;
-  start[4] = -1.3;
-  across[4] = -1.9;  // the band lies between the two ends
-  std::vector<std::vector<double>> waypoints = {{across.begin(), across.end()}};
   std::string what;
-  const std::string err = capture_stderr([&] {
-    try {
-      impl().prepare_waypoint_motion(waypoints, 0.0, 0.5, 400.0, nullptr, {start, {}, {}},
-                                     "[move_joint_waypoints] ");
-    } catch (const std::runtime_error& e) {
-      what = e.what();
-    }
+  err = capture_stderr([&] {
+    what = refusal([&] { motion_plan(with(kWork, 4, -1.3), {vec(with(kWork, 4, -1.9))}, 0.5); });
   });
   EXPECT_THAT(err, HasSubstr("[move_joint_waypoints] singularity avoidance failed; falling back "
                              "to stop"));
-  EXPECT_THAT(what, StartsWith("[move_joint_waypoints] singularity_stop: "));
+  EXPECT_THAT(what, StartsWith("runtime_error: [move_joint_waypoints] singularity_stop: "));
 }
 
 // ---- Cartesian line planning ----------------------------------------------------------------
 
 TEST_F(PlannerTest, LinePathStaysOnItsLinesAndRoundsCornersWithinTheRadius) {
-  const std::vector<double> q0(kWork.begin(), kWork.end());
-  const auto pose = impl().kinematics->forwardKinematics_kdl(q0);
-  const Eigen::Vector3d p0(pose[0], pose[1], pose[2]);
-  const auto rpy = impl().kinematics->rotation_matrix_to_euler(
-      Eigen::Quaterniond(pose[6], pose[3], pose[4], pose[5]).toRotationMatrix());
   // Four lines back towards the base (the working posture reaches far out), turning by 90
   // degrees, then sharply (56 degrees inside: the arc must shrink to keep within the radius),
   // then gently.
-  const std::vector<Eigen::Vector3d> corners = {p0 + Eigen::Vector3d(-0.06, 0, 0),
-                                                p0 + Eigen::Vector3d(-0.06, 0.06, 0),
-                                                p0 + Eigen::Vector3d(0, 0.02, 0), p0};
-  std::vector<std::vector<double>> poses;
-  for (const auto& c : corners) {
-    poses.push_back({c.x(), c.y(), c.z(), rpy.x(), rpy.y(), rpy.z()});
-  }
   const double blend = 0.01;
-  const auto samples = impl().plan_cartesian_line_trajectory(kWork, poses, 0.0, 0.5, blend, 400.0,
-                                                             0.003, 0.05, "[move_l] ");
-  std::vector<Eigen::Vector3d> path{p0};
-  path.insert(path.end(), corners.begin(), corners.end());
+  const LinePlan l =
+      line_through({{-0.06, 0, 0}, {-0.06, 0.06, 0}, {0, 0.02, 0}, {0, 0, 0}}, blend);
   double closest_to_corner[3] = {1, 1, 1};
-  for (const auto& s : samples) {
-    const auto f = impl().kinematics->forwardKinematics_kdl(
-        std::vector<double>(s.position.begin(), s.position.end()));
-    const Eigen::Vector3d p(f[0], f[1], f[2]);
-    double off_line = 1.0;
-    for (size_t k = 0; k + 1 < path.size(); ++k) {
-      off_line = std::min(off_line, segment_distance(p, path[k], path[k + 1]));
-    }
+  for (const auto& p : l.points) {
     double to_corner = 1.0;
     for (int c = 0; c < 3; ++c) {
-      to_corner = std::min(to_corner, (p - corners[c]).norm());
-      closest_to_corner[c] = std::min(closest_to_corner[c], (p - corners[c]).norm());
+      to_corner = std::min(to_corner, (p - l.path[c + 1]).norm());
+      closest_to_corner[c] = std::min(closest_to_corner[c], (p - l.path[c + 1]).norm());
     }
     if (to_corner > blend) {
-      EXPECT_LT(off_line, 1e-6);  // on a straight line away from the corners
+      EXPECT_LT(off_path(p, l.path), 1e-6);  // on a straight line away from the corners
     }
-    EXPECT_LT(off_line, blend);
+    EXPECT_LT(off_path(p, l.path), blend);
   }
   for (double d : closest_to_corner) {
     EXPECT_GT(d, 1e-4);   // the corner is rounded, not visited
     EXPECT_LT(d, blend);  // and the arc stays within the radius
   }
   // Joint limits hold on the samples of the speed-mode line.
-  const auto p = peaks(samples);
+  const auto p = peaks(l.samples);
   for (int j = 0; j < 6; ++j) {
     EXPECT_LE(p.v[j], impl().max_vel[j] * 0.5 * 1.01);
   }
@@ -391,105 +484,23 @@ TEST_F(PlannerTest, LinePathStaysOnItsLinesAndRoundsCornersWithinTheRadius) {
 
 TEST_F(PlannerTest, ShortSidesWithGentleTurnsAreFollowedWithoutSteps) {
   // A 4 cm circle walked as twenty 12 mm chords, each corner turning by 17 degrees.
-  const std::vector<double> q0(kWork.begin(), kWork.end());
-  const auto pose = impl().kinematics->forwardKinematics_kdl(q0);
-  const Eigen::Vector3d p0(pose[0], pose[1], pose[2]);
-  const auto rpy = impl().kinematics->rotation_matrix_to_euler(
-      Eigen::Quaterniond(pose[6], pose[3], pose[4], pose[5]).toRotationMatrix());
-  std::vector<Eigen::Vector3d> path{p0};
-  std::vector<std::vector<double>> poses;
+  std::vector<Eigen::Vector3d> moves;
   for (int k = 1; k <= 20; ++k) {
     const double a = 2.0 * M_PI * k / 21.0;
-    path.push_back(p0 + Eigen::Vector3d(0.04 * (std::cos(a) - 1.0), 0.04 * std::sin(a), 0.0));
-    poses.push_back({path.back().x(), path.back().y(), path.back().z(), rpy.x(), rpy.y(), rpy.z()});
+    moves.emplace_back(0.04 * (std::cos(a) - 1.0), 0.04 * std::sin(a), 0.0);
   }
-  const double blend = 0.005;
-  const auto samples = impl().plan_cartesian_line_trajectory(kWork, poses, 0.0, 0.5, blend, 400.0,
-                                                             0.003, 0.05, "[move_l] ");
-  Eigen::Vector3d previous = p0;
+  const LinePlan l = line_through(moves, 0.005);
+  Eigen::Vector3d previous = l.path.front();
   double largest_step = 0.0;
   double worst_off_line = 0.0;
-  for (const auto& s : samples) {
-    const auto f = impl().kinematics->forwardKinematics_kdl(
-        std::vector<double>(s.position.begin(), s.position.end()));
-    const Eigen::Vector3d p(f[0], f[1], f[2]);
+  for (const auto& p : l.points) {
     largest_step = std::max(largest_step, (p - previous).norm());
     previous = p;
-    double off_line = 1.0;
-    for (size_t k = 0; k + 1 < path.size(); ++k) {
-      off_line = std::min(off_line, segment_distance(p, path[k], path[k + 1]));
-    }
-    worst_off_line = std::max(worst_off_line, off_line);
+    worst_off_line = std::max(worst_off_line, off_path(p, l.path));
   }
   EXPECT_LT(largest_step, 0.0005);  // at most 0.2 m/s in one 2.5 ms period
   EXPECT_LT(worst_off_line, 1e-4);  // 17-degree arcs of 5 mm stray a few micrometres
-  EXPECT_LT((previous - path.back()).norm(), 1e-6);
-}
-
-TEST_F(PlannerTest, LinePathOutOfReachIsRefusedWithItsPose) {
-  try {
-    impl().plan_cartesian_line_trajectory(kWork, {{1.5, 0.0, 0.3, 0.0, 0.0, 0.0}}, 0.0, 0.5, 0.0,
-                                          400.0, 0.003, 0.05, "[move_l] ");
-    FAIL() << "no error";
-  } catch (const std::runtime_error& e) {
-    // Where the line leaves the workspace the elbow would have to straighten in no time.
-    EXPECT_THAT(
-        e.what(),
-        ::testing::AnyOf(StartsWith("[move_l] the path cannot be followed: no IK answer "
-                                    "within tolerance at t="),
-                         StartsWith("[move_l] the path would jump between IK branches at t=")));
-  }
-}
-
-TEST_F(PlannerTest, LinePathsOutsideTheJointLimitsOrTooLongAreRefused) {
-  // Joint 6 at 2.9 rad, the tool turned 0.3 rad further about its axis: joint 6 would need
-  // 3.2 rad, beyond its 3.0 rad limit.
-  JointArray start = kWork;
-  start[5] = 2.9;
-  JointArray beyond = start;
-  beyond[5] = 3.2;
-  const auto pose =
-      impl().kinematics->forwardKinematics_kdl(std::vector<double>(beyond.begin(), beyond.end()));
-  const auto rpy = impl().kinematics->rotation_matrix_to_euler(
-      Eigen::Quaterniond(pose[6], pose[3], pose[4], pose[5]).toRotationMatrix());
-  const std::vector<double> turned = {pose[0], pose[1], pose[2], rpy.x(), rpy.y(), rpy.z()};
-  const std::vector<double> aside = {pose[0] - 0.05, pose[1], pose[2], rpy.x(), rpy.y(), rpy.z()};
-  struct Row {
-    const char* name;
-    JointArray from;
-    std::vector<double> to;
-    double longest;
-    const char* start;
-  };
-  const Row rows[] = {
-      {"beyond joint 6's limit", start, turned, 600.0, "[move_l] the path leaves joint 6's limits"},
-      {"longer than allowed", beyond, aside, 1.0, "[move_l] planned motion lasts "},
-  };
-  for (const Row& row : rows) {
-    impl().trajectory_config.max_motion_duration_sec = row.longest;
-    try {
-      impl().plan_cartesian_line_trajectory(row.from, {row.to}, 0.0, 0.05, 0.0, 400.0, 0.003, 0.05,
-                                            "[move_l] ");
-      ADD_FAILURE() << row.name << ": no error";
-    } catch (const std::runtime_error& e) {
-      EXPECT_THAT(e.what(), StartsWith(row.start)) << row.name;
-    }
-  }
-}
-
-TEST_F(PlannerTest, TimedLineThatBreaksAJointLimitIsRefused) {
-  const std::vector<double> q0(kWork.begin(), kWork.end());
-  const auto pose = impl().kinematics->forwardKinematics_kdl(q0);
-  const auto rpy = impl().kinematics->rotation_matrix_to_euler(
-      Eigen::Quaterniond(pose[6], pose[3], pose[4], pose[5]).toRotationMatrix());
-  try {
-    impl().plan_cartesian_line_trajectory(
-        kWork, {{pose[0] - 0.1, pose[1], pose[2], rpy.x(), rpy.y(), rpy.z()}}, 0.1, 1.0, 0.0, 400.0,
-        0.003, 0.05, "[move_l] ");
-    FAIL() << "no error";
-  } catch (const std::runtime_error& e) {
-    EXPECT_THAT(e.what(), StartsWith("[move_l] requested time_sec=0.1 exceeds joint "));
-  }
+  EXPECT_LT((previous - l.path.back()).norm(), 1e-6);
 }
 
 TEST(SepticTrajectory, TimesEndExactlyAtTf) {
@@ -500,7 +511,250 @@ TEST(SepticTrajectory, TimesEndExactlyAtTf) {
   EXPECT_EQ(t.positions.size(), 6u);
   EXPECT_DOUBLE_EQ(t.positions[5][3], 1.0);
   EXPECT_DOUBLE_EQ(t.velocities[0][3], 0.0);
-  EXPECT_THROW(generate_septuple_trajectory({0.0, 1.0}, {1.0}, 1.0, 3.0), std::invalid_argument);
+  EXPECT_EQ(refusal([] {
+              generate_septuple_trajectory({0.0, 1.0}, {1.0}, 1.0, 3.0);
+            }),
+            "invalid_argument: q_start/q_end length must be num_joints or 1");
+}
+
+// ---- The online splice and the joint waypoint planner as components -----------------------
+
+// Largest change between consecutive samples of position and of velocity, per joint, as a
+// fraction of what the limits allow in one period (1 = exactly at the limit).
+struct Steps {
+  double position = 0.0;
+  double velocity = 0.0;
+};
+Steps largest_steps(const std::vector<Sample>& s, const JointLimits& limits) {
+  Steps worst;
+  for (size_t i = 1; i < s.size(); ++i) {
+    for (int j = 0; j < 6; ++j) {
+      const double dp = std::abs(s[i].position[j] - s[i - 1].position[j]);
+      const double dv = std::abs(s[i].velocity[j] - s[i - 1].velocity[j]);
+      worst.position = std::max(worst.position, dp / (limits.velocity[j] * kPeriod));
+      worst.velocity = std::max(worst.velocity, dv / (limits.acceleration[j] * kPeriod));
+    }
+  }
+  return worst;
+}
+
+JointMotionState random_running_state(std::mt19937& rng) {
+  std::uniform_real_distribution<double> unit(-1.0, 1.0);
+  JointMotionState s;
+  for (int j = 0; j < 6; ++j) {
+    s.position[j] = kHome[j] + 0.3 * unit(rng);
+    // A state a jerk-limited joint can still hold inside its velocity limit.
+    s.velocity[j] = 0.8 * kLimits.velocity[j] * unit(rng);
+    s.acceleration[j] = kLimits.acceleration[j] * unit(rng);
+  }
+  return s;
+}
+
+TEST(JointSplice, TransitionsStartExactlyThereAndEndAtTheEntryVelocityWithinTheLimits) {
+  const JointSplice splice(kLimits, kPeriod);
+  std::mt19937 rng(7);
+  std::uniform_real_distribution<double> unit(-1.0, 1.0);
+  for (int trial = 0; trial < 100; ++trial) {
+    const JointMotionState from = random_running_state(rng);
+    JointArray entry{};
+    for (int j = 0; j < 6; ++j) {
+      entry[j] = 0.5 * kLimits.velocity[j] * unit(rng);
+    }
+    const SpliceTransition t = splice.plan(from, entry);
+    SCOPED_TRACE(trial);
+    ASSERT_GT(t.steps, 0);
+    EXPECT_DOUBLE_EQ(t.duration, static_cast<double>(t.steps) * kPeriod);
+    const JointMotionState first = t.at(0.0);
+    const JointMotionState end = t.end();
+    EXPECT_EQ(first.position, from.position);
+    EXPECT_EQ(first.velocity, from.velocity);
+    EXPECT_EQ(first.acceleration, from.acceleration);
+    // Synchronised: every joint there at once.
+    EXPECT_THAT(end.velocity, Pointwise(DoubleNear(1e-9), entry));
+    EXPECT_THAT(end.acceleration, Each(DoubleNear(0.0, 1e-9)));
+    // Consistent derivatives, acceleration and jerk within the limits, velocity between the
+    // start, coasting and entry velocities: a fine walk through the transition.
+    const JointArray coasting = splice.coasting_velocity(from);
+    const double h = 5e-5;
+    JointMotionState previous = first;
+    for (double time = h; time <= t.duration && !::testing::Test::HasFailure(); time += h) {
+      const JointMotionState s = t.at(time);
+      for (int j = 0; j < 6; ++j) {
+        const double mid_v = 0.5 * (s.velocity[j] + previous.velocity[j]);
+        EXPECT_NEAR((s.position[j] - previous.position[j]) / h, mid_v, 1e-6) << j;
+        const double mid_a = 0.5 * (s.acceleration[j] + previous.acceleration[j]);
+        EXPECT_NEAR((s.velocity[j] - previous.velocity[j]) / h, mid_a, kLimits.jerk[j] * h) << j;
+        EXPECT_LE(std::abs(s.acceleration[j] - previous.acceleration[j]) / h,
+                  kLimits.jerk[j] * (1.0 + 1e-6))
+            << j;
+        EXPECT_LE(std::abs(s.acceleration[j]),
+                  std::max(kLimits.acceleration[j], std::abs(from.acceleration[j])) + 1e-9);
+        EXPECT_GE(s.velocity[j], std::min({from.velocity[j], coasting[j], entry[j]}) - 1e-9);
+        EXPECT_LE(s.velocity[j], std::max({from.velocity[j], coasting[j], entry[j]}) + 1e-9);
+      }
+      previous = s;
+    }
+  }
+}
+
+TEST(JointSplice, EntryVelocityKeepsTheMotionOnlyTowardsTheTargetAndWithinItsLimits) {
+  const JointSplice splice(kLimits, kPeriod);
+  struct Row {
+    const char* name;
+    double velocity, acceleration, target, speed_limit, first_segment_sec, entry;
+  };
+  const Row rows[] = {
+      {"towards the target, inside the limits: kept", 0.5, 0.0, 1.0, 1.0, 2.0, 0.5},
+      {"faster than the new limit: down to it", 0.57, 0.0, 0.9, 0.2, 5.0, 0.2},
+      {"accelerating: the coasting velocity", 0.5, 4.0, 1.0, 1.0, 2.0, 0.5 + 16.0 / 160.0},
+      {"faster than its first segment's peak: capped there", 0.5, 0.0, 0.3, 1.0, 2.0,
+       1.875 * 0.3 / 2.0},
+      {"moving away from the target: enters at rest", -0.5, 0.0, 1.0, 1.0, 2.0, 0.0},
+      {"coasting to a reversal: enters at rest", 0.05, -4.0, 1.0, 1.0, 2.0, 0.0},
+      {"no distance to go: enters at rest", 0.5, 0.0, 0.0, 1.0, 2.0, 0.0},
+  };
+  for (const Row& row : rows) {
+    JointMotionState from;
+    from.velocity[0] = row.velocity;
+    from.acceleration[0] = row.acceleration;
+    JointArray target{};
+    target[0] = row.target;
+    JointArray limit = kLimits.velocity;
+    limit[0] = row.speed_limit;
+    const JointArray entry = splice.entry_velocity(from, target, limit, row.first_segment_sec);
+    EXPECT_NEAR(entry[0], row.entry, 1e-12) << row.name;
+  }
+}
+
+// The case that once took 50 s and 5 GB: joint 1 running at 0.57 rad/s, then a chunk at the
+// default speed (0.1: 0.2 rad/s for joint 1) to 0.9 rad. The chunk slows joint 1 to its limit
+// without a jump and reaches 0.9 rad.
+TEST(JointWaypointPlanner, AFastRunningJointSlowsIntoASlowChunkWithoutAJump) {
+  JointMotionState start = running(0.3, 0.57);
+  start.velocity[1] = 0.1;
+  const WaypointPlan p = plan(start, {joint1_at(0.9)}, at_speed(0.1));
+  ASSERT_GT(p.transition_steps, 0);
+  const auto& s = p.samples;
+  EXPECT_EQ(s.front().velocity[0], 0.57);
+  EXPECT_NEAR(s.back().position[0], 0.9, 1e-12);
+  EXPECT_LT(p.duration(), 10.0);
+  const Steps steps = largest_steps(s, kLimits);
+  EXPECT_LE(steps.position, 1.0);
+  EXPECT_LE(steps.velocity, 1.0 + 1e-6);
+  // After the transition joint 1 keeps the chunk's limit; the planner bounds its segments on 65
+  // points each: 1e-4 between them.
+  for (size_t i = static_cast<size_t>(p.transition_steps); i < s.size(); ++i) {
+    EXPECT_LE(std::abs(s[i].velocity[0]), 0.2 * (1.0 + 1e-4)) << i;
+  }
+}
+
+// Random running states and chunks, in speed and time mode: continuous from the first sample,
+// inside the configuration's limits at every step.
+TEST(JointWaypointPlanner, SplicedPlansAreContinuousAndBoundedFromAnyRunningState) {
+  std::mt19937 rng(11);
+  std::uniform_real_distribution<double> unit(-1.0, 1.0);
+  std::uniform_real_distribution<double> fraction(0.02, 1.0);
+  int refused = 0;
+  for (int trial = 0; trial < 400; ++trial) {
+    // By default the velocity may step at a waypoint between segments of different durations
+    // (checked only where the motion is continuous in real time).
+    const bool real_time = trial % 4 >= 2;
+    const JointMotionState start = random_running_state(rng);
+    std::vector<JointArray> waypoints(1 + trial % 3, kHome);
+    for (auto& w : waypoints) {
+      for (int j = 0; j < 6; ++j) {
+        w[j] += 0.5 * unit(rng);
+      }
+    }
+    const bool timed = trial % 2 == 1;
+    const JointLimits limits = timed ? kLimits : at_speed(fraction(rng));
+    const double time_sec = timed ? 0.5 + 3.0 * fraction(rng) : 0.0;
+    WaypointPlan p;
+    try {
+      p = plan(start, waypoints, limits, time_sec, settings(real_time));
+    } catch (const std::runtime_error& e) {
+      // A time too short for the motion is refused; nothing else is.
+      EXPECT_TRUE(timed) << e.what();
+      EXPECT_THAT(e.what(), StartsWith("[move_joint_waypoints] requested time_sec="));
+      ++refused;
+      continue;
+    }
+    SCOPED_TRACE(trial);
+    const Sample& first = p.samples.front();
+    EXPECT_EQ(first.position, start.position);
+    EXPECT_EQ(first.velocity, start.velocity);
+    EXPECT_EQ(first.acceleration, start.acceleration);
+    const Steps steps = largest_steps(p.samples, kLimits);
+    // Speed mode bounds segments that start or end moving by their exact peaks; time mode
+    // checks its even share within 0.1 %.
+    const double slack = timed ? 1.001 : 1.0 + 1e-9;
+    EXPECT_LE(steps.position, slack);
+    if (real_time || waypoints.size() == 1) {
+      EXPECT_LE(steps.velocity, slack);
+    }
+    EXPECT_THAT(p.samples.back().position, Pointwise(DoubleNear(1e-12), waypoints.back()));
+    if (timed) {
+      EXPECT_NEAR(p.duration(), time_sec, kPeriod / 2);
+    }
+  }
+  EXPECT_LT(refused, 200);
+}
+
+TEST(JointWaypointPlanner, ATimedChunkDoesNotOvershootItsFirstWaypoint) {
+  // Running at 0.5 rad/s towards a waypoint 0.3 rad ahead that the chunk reaches in 2 s: kept at
+  // full speed into a 2 s quintic, joint 1 would run about 0.1 rad past the waypoint and back.
+  const WaypointPlan p = plan(running(0.0, 0.5), {joint1_at(0.3)}, kLimits, 2.0);
+  double farthest = 0.0;
+  for (const auto& s : p.samples) {
+    farthest = std::max(farthest, s.position[0]);
+  }
+  EXPECT_LE(farthest, 0.3 + 1e-9);
+  EXPECT_NEAR(p.duration(), 2.0, 1e-12);
+}
+
+TEST(JointWaypointPlanner, PlansLongerThanTheLongestAllowedAreRefusedBeforeAllocation) {
+  // At a millionth of the speed the plan would last weeks: refused on its length alone.
+  WaypointPlanSettings small = settings();
+  small.max_motion_duration_sec = 60.0;
+  struct Row {
+    const char* name;
+    JointMotionState start;
+    double speed, time_sec;
+  };
+  const Row rows[] = {
+      {"from rest at a millionth of the speed", running(0.0, 0.0), 1e-6, 0.0},
+      {"spliced at a millionth of the speed", running(0.0, 1.0), 1e-6, 0.0},
+      {"timed beyond it", running(0.0, 0.0), 1.0, 61.0},
+  };
+  for (const Row& row : rows) {
+    try {
+      plan(row.start, {joint1_at(2.0)}, at_speed(row.speed), row.time_sec, small);
+      ADD_FAILURE() << row.name << ": no error";
+    } catch (const std::runtime_error& e) {
+      EXPECT_THAT(e.what(), StartsWith("[move_joint_waypoints] planned motion lasts ")) << row.name;
+      EXPECT_THAT(e.what(),
+                  HasSubstr(" s, longer than joint_trajectory.max_motion_duration_sec=60"));
+    }
+  }
+}
+
+TEST(JointWaypointPlanner, WaypointVelocityIsContinuousInRealTimeOnlyWhenConfigured) {
+  // Joint 1 through 0 -> 1.0 -> 1.1 at 1 rad/s: the long first segment and the short second one
+  // meet at the waypoint with one tangent per unit of normalised time.
+  JointLimits limits = kLimits;
+  limits.velocity[0] = 1.0;
+  struct Row {
+    bool continuous;
+    double low, high;  // bounds of the largest velocity step, as a fraction of amax·dt
+  };
+  for (const Row& row : {Row{false, 20.0, 1e9}, Row{true, 0.0, 1.0 + 1e-6}}) {
+    const WaypointPlan p = plan(running(0.0, 0.0), {joint1_at(1.0), joint1_at(1.1)}, limits, 0.0,
+                                settings(row.continuous));
+    const Steps steps = largest_steps(p.samples, limits);
+    EXPECT_GE(steps.velocity, row.low) << row.continuous;
+    EXPECT_LE(steps.velocity, row.high) << row.continuous;
+    EXPECT_NEAR(p.samples.back().position[0], 1.1, 1e-12);
+  }
 }
 
 }  // namespace
