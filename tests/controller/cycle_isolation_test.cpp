@@ -1,6 +1,9 @@
 // The control cycle allocates nothing in a steady state, whatever it plays and whatever an
 // application does meanwhile on its own threads.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <functional>
 #include <mutex>
@@ -132,6 +135,8 @@ INSTANTIATE_TEST_SUITE_P(
                    [](ArmController& arm, std::thread& background, Problem& problem) {
                      arm.set_joint(kAway, 4.0);
                      background = std::thread([&arm, &problem] {
+                       // Lowest CFS priority: the load competes for the model, not for the CPU.
+                       setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), 19);
                        std::vector<Access::Sample> samples(400);
                        for (size_t i = 0; i < samples.size(); ++i) {
                          for (size_t j = 0; j < 6; ++j) {
