@@ -43,12 +43,10 @@ KESTREL_CONFIG_SCENARIO(controller_sections) {
     print_line("stop", impl.runtime_safety_config.torque_stop_limits);
     print_line("signs", impl.motor_signs);
     const auto& wd = impl.gripper_watchdog_config;
-    print_line("watchdog", std::vector<double>{static_cast<double>(wd.enabled),
-                                               static_cast<double>(wd.command_period_ms),
-                                               static_cast<double>(wd.state_timeout_ms),
-                                               wd.position_error_warn_m, wd.position_error_stop_m,
-                                               static_cast<double>(wd.position_error_stop_ms)});
-    print_line("gripper", std::vector<double>{impl.gripper_default_kp, impl.gripper_default_kd});
+    std::cout << "watchdog " << wd.enabled << ' ' << wd.command_period_ms << ' '
+              << wd.state_timeout_ms << ' ' << wd.position_error_warn_m << ' '
+              << wd.position_error_stop_m << ' ' << wd.position_error_stop_ms << '\n';
+    std::cout << "gripper " << impl.gripper_default_kp << ' ' << impl.gripper_default_kd << '\n';
     const auto& tr = impl.trajectory_config;
     std::cout << "speed " << tr.default_speed_percent << '\n';
     std::cout << "trajectory " << tr.max_motion_duration_sec << ' ' << tr.set_joint_speed_factor

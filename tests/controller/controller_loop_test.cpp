@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <functional>
 
 #include "controller/controller_fixture.hpp"
 #include "kestrel/controller/septic_profile.hpp"
@@ -35,6 +34,19 @@ std::vector<Access::Sample> septic_timeline(const std::vector<double>& start,
     }
   }
   return samples;
+}
+
+// The target positions of the `kind` frames motor `motor` (any: -1) received since the frame log
+// was last cleared.
+std::vector<double> targets(SimulatedArm& sim, kestrel::sim::CommandKind kind, int motor) {
+  std::vector<double> q;
+  for (const auto& e : sim.motors().received_frames()) {
+    if (e.command.kind == kind && (motor < 0 || static_cast<int>(e.command.motor) == motor)) {
+      q.push_back(kind == kestrel::sim::CommandKind::kPosVel ? e.command.pos_vel.q
+                                                             : e.command.mit.q);
+    }
+  }
+  return q;
 }
 
 // Runs a controller on the simulated arm with standard output and error captured.
@@ -115,47 +127,20 @@ TEST_F(LoopTest, OutOfRangeTargetsAreClampedToTheUrdfLimits) {
 }
 
 TEST_F(LoopTest, BadArgumentsAreRefusedExactlyAndChangeNothing) {
-  const struct {
-    const char* name;
-    std::function<void()> call;
-    std::string what;
-  } rows[] = {
-      {"five joints",
-       [&] {
-         arm->set_joint({0, 0, 0, 0, 0}, 1.0);
-       },
-       "q_end size mismatch"},
-      {"zero duration",
-       [&] {
-         arm->set_joint({0, 0, 0, 0, 0, 0}, 0.0);
-       },
-       "tf must be positive"},
-      {"NaN joint",
-       [&] {
-         arm->set_joint({0, 0, NAN, 0, 0, 0}, 1.0);
-       },
-       "q_end must contain only finite values"},
-      {"infinite duration",
-       [&] {
-         arm->set_joint({0, 0, 0, 0, 0, 0}, INFINITY);
-       },
-       "tf must be finite"},
-      {"raw NaN velocity",
-       [&] {
-         arm->set_joint_raw({0, 0, 0, 0, 0, 0}, {0, 0, 0, 0, 0, NAN});
-       },
-       "v_end must contain only finite values"},
-      {"raw two velocities",
-       [&] {
-         arm->set_joint_raw({0, 0, 0, 0, 0, 0}, {0, 0});
-       },
-       "v_end length does not match num_joints"},
-      {"NaN gripper distance", [&] { arm->setGripperDistance(NAN); },
-       "gripper distance must be finite"},
+  using kestrel::testing::refusal_of;
+  const auto joint = [&](std::vector<double> q, double tf) {
+    return refusal_of([&] { arm->set_joint(q, tf); });
   };
-  for (const auto& row : rows) {
-    EXPECT_EQ(kestrel::testing::refusal_of(row.call), row.what) << row.name;
-  }
+  const auto raw = [&](std::vector<double> v) {
+    return refusal_of([&] { arm->set_joint_raw({0, 0, 0, 0, 0, 0}, v); });
+  };
+  EXPECT_EQ(joint({0, 0, 0, 0, 0}, 1.0), "q_end size mismatch");
+  EXPECT_EQ(joint({0, 0, 0, 0, 0, 0}, 0.0), "tf must be positive");
+  EXPECT_EQ(joint({0, 0, NAN, 0, 0, 0}, 1.0), "q_end must contain only finite values");
+  EXPECT_EQ(joint({0, 0, 0, 0, 0, 0}, INFINITY), "tf must be finite");
+  EXPECT_EQ(raw({0, 0, 0, 0, 0, NAN}), "v_end must contain only finite values");
+  EXPECT_EQ(raw({0, 0}), "v_end length does not match num_joints");
+  EXPECT_EQ(refusal_of([&] { arm->setGripperDistance(NAN); }), "gripper distance must be finite");
   EXPECT_EQ(Access::command_kind(*arm), 0) << "no command reached the slot";
 }
 
@@ -200,12 +185,9 @@ TEST_F(LoopTest, WaypointPlaybackKeepsTheUrdfLimits) {
   Access::play(*arm, std::move(samples));
   ASSERT_TRUE(eventually([&] { return Access::command_kind(*arm) == 1; }, 6s));
   EXPECT_FALSE(arm->emergency_stopped());
-  double highest = -10.0;
-  for (const auto& entry : sim.motors().received_frames()) {
-    if (entry.command.kind == kestrel::sim::CommandKind::kMit && entry.command.motor == 5) {
-      highest = std::max(highest, entry.command.mit.q);
-    }
-  }
+  const auto joint6 = targets(sim, kestrel::sim::CommandKind::kMit, 5);
+  ASSERT_FALSE(joint6.empty());
+  const double highest = *std::max_element(joint6.begin(), joint6.end());
   EXPECT_GT(highest, 2.9);
   EXPECT_LE(highest, 3.0 + 25.0 / 65535);
 }
@@ -215,10 +197,7 @@ TEST_F(LoopTest, TheGripperCommandRepeatsOnItsPeriod) {
   // whenever a jittered wake-up happens to be 5 ms after the previous one.
   sim.motors().clear_frame_log();
   std::this_thread::sleep_for(2s);
-  size_t frames = 0;
-  for (const auto& entry : sim.motors().received_frames()) {
-    frames += entry.command.kind == kestrel::sim::CommandKind::kMit && entry.command.motor == 6;
-  }
+  const size_t frames = targets(sim, kestrel::sim::CommandKind::kMit, 6).size();
   EXPECT_GE(frames, 390u);
   EXPECT_LE(frames, 405u);
 }
@@ -261,12 +240,7 @@ TEST(PosVelLoop, GravityFallbackHoldsWhereverTheArmIsEachCycle) {
   sim.motors().clear_frame_log();
   arm->identify_gravity_compensation();
   std::this_thread::sleep_for(300ms);
-  std::vector<double> held;
-  for (const auto& entry : sim.motors().received_frames()) {
-    if (entry.command.kind == kestrel::sim::CommandKind::kPosVel && entry.command.motor == 0) {
-      held.push_back(entry.command.pos_vel.q);
-    }
-  }
+  const auto held = targets(sim, kestrel::sim::CommandKind::kPosVel, 0);
   const double measured = arm->get_joint()[0];
   EXPECT_FALSE(arm->emergency_stopped());
   kestrel::testing::capture_stdout([&] { arm.reset(); });
@@ -303,11 +277,7 @@ TEST_F(LoopTest, SustainedVelocityExcessStopsTheArm) {
   EXPECT_GE(Clock::now() - played, 650ms);
   EXPECT_TRUE(motors_end_disabled(sim));
   // Switched off by the stop itself, not only by their own communication time-out 50 ms later.
-  size_t disables = 0;
-  for (const auto& entry : sim.motors().received_frames()) {
-    disables += entry.command.kind == kestrel::sim::CommandKind::kDisable;
-  }
-  EXPECT_GE(disables, 6u);
+  EXPECT_GE(targets(sim, kestrel::sim::CommandKind::kDisable, -1).size(), 6u);
   const auto [out, err] = finish();
   // The eight stop cycles are counted over all three quantities and the line names the largest
   // ratio of the last one: on a loaded machine a late feedback frame can make that a jerk spike.
