@@ -33,21 +33,12 @@ struct Case {
   bool enabled = true;
 };
 
-Fetch all_answer() {
-  return {};
-}
-
 Fetch silent(std::vector<bool> answered, bool gripper = true) {
-  Fetch f;
-  f.answered = std::move(answered);
-  f.gripper_answered = gripper;
-  return f;
+  return {std::move(answered), {}, gripper};
 }
 
-Fetch status(std::vector<int> codes) {
-  Fetch f;
-  f.status = std::move(codes);
-  return f;
+Fetch status(std::vector<int> codes, int gripper = 1) {
+  return {{}, std::move(codes), true, gripper};
 }
 
 Fetch late(Fetch f, int64_t ns) {
@@ -55,13 +46,17 @@ Fetch late(Fetch f, int64_t ns) {
   return f;
 }
 
-std::vector<Fetch> repeat(const Fetch& f, int n) {
-  return std::vector<Fetch>(static_cast<size_t>(n), f);
+// The fetches of each part in turn; a part is one fetch or a list of them.
+std::vector<Fetch> seq(std::initializer_list<std::vector<Fetch>> parts) {
+  std::vector<Fetch> all;
+  for (const auto& part : parts) {
+    all.insert(all.end(), part.begin(), part.end());
+  }
+  return all;
 }
 
-std::vector<Fetch> concat(std::vector<Fetch> a, const std::vector<Fetch>& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
+std::vector<Fetch> repeat(const Fetch& f, int n) {
+  return std::vector<Fetch>(static_cast<size_t>(n), f);
 }
 
 const Fetch kJoint3Silent = silent({true, true, false});
@@ -69,7 +64,7 @@ const Fetch kAllSilent = silent({false, false, false, false, false, false}, fals
 const Fetch kGripperSilent = silent({}, false);
 
 const Case kCases[] = {
-    {"AllAnswering", repeat(all_answer(), 20), "", {}},
+    {"AllAnswering", repeat(Fetch{}, 20), "", {}},
     {"OneFaultStopsAtOnceNamingJointAndFault",
      {status({1, 1, 11})},
      "motor fault stop: joint=3 status=11 (MOS over-temperature)",
@@ -85,11 +80,11 @@ const Case kCases[] = {
      "motor silent stop: joint=3 no feedback for 50.0 ms",
      {}},
     {"AnAnswerRestartsTheCount",
-     concat(concat(repeat(kJoint3Silent, 9), {all_answer()}), repeat(kJoint3Silent, 9)),
+     seq({repeat(kJoint3Silent, 9), {Fetch{}}, repeat(kJoint3Silent, 9)}),
      "",
      {}},
     {"AHeldUpLoopAsksThreeTimesBeforeSilence",
-     concat({late(kJoint3Silent, 200000000)}, repeat(kJoint3Silent, 2)),
+     seq({{late(kJoint3Silent, 200000000)}, repeat(kJoint3Silent, 2)}),
      "motor silent stop: joint=3 no feedback for 215.0 ms",
      {}},
     {"EveryArmMotorSilentPointsAtTheBus",
@@ -103,11 +98,11 @@ const Case kCases[] = {
      "",
      {"gripper motor silent: no feedback for 100.0 ms"}},
     {"GripperFaultIsReportedOncePerEpisode",
-     concat(concat(repeat({{}, {}, true, 12}, 3), {all_answer()}), {{{}, {}, true, 9}}),
+     seq({repeat(status({}, 12), 3), {Fetch{}}, {status({}, 9)}}),
      "",
      {"gripper motor fault: status=12 (Coil over-temperature)",
       "gripper motor fault: status=9 (Under-voltage)"}},
-    {"SwitchedOffSeesNothing", concat({status({11})}, repeat(kAllSilent, 10)), "", {}, false},
+    {"SwitchedOffSeesNothing", seq({{status({11})}, repeat(kAllSilent, 10)}), "", {}, false},
 };
 
 class MotorSupervisionTest : public testing::TestWithParam<Case> {};
@@ -134,7 +129,7 @@ TEST_P(MotorSupervisionTest, Fetches) {
     now += kFetchNs;
     return finding;
   };
-  fetch(all_answer());  // the loop's first fetch: the counts as they stand
+  fetch(Fetch{});  // the loop's first fetch: the counts as they stand
   MotorSupervision::Finding last;
   std::vector<std::string> gripper_lines;
   for (size_t i = 0; i < c.fetches.size(); ++i) {
