@@ -10,14 +10,22 @@
 // beside its own file, so each run is a child process that loads a copy of the library placed in
 // a temporary tree with an edited copy of the configuration.
 //
+// --app-load (after the seconds) measures twice in one run, first alone and then with two
+// application threads at the lowest priority searching IK out of reach and planning checked
+// waypoint motions flat out: the cycle keeps its own copy of the model, so they must not hold it
+// back.
+//
 // The controller's status lines are hidden; set KESTREL_BENCH_STATUS=1 to see them.
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
@@ -28,6 +36,7 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -102,9 +111,50 @@ void without_stdout(Work work) {
   close(saved);
 }
 
+// Application threads at the lowest priority, each calling `work` until the object is destroyed.
+class ApplicationLoad {
+ public:
+  ApplicationLoad(ArmController& arm, bool enabled) {
+    if (!enabled) {
+      return;
+    }
+    const std::vector<double> home(6, 0.0);
+    const std::vector<std::vector<double>> waypoints = {{0.3, 0.2, -0.3, 0.3, -0.3, 0.3}, home};
+    start([&arm] { arm.solve_ik({2.0, 0.0, 0.5}, {0.0, 0.0, 0.0}); });  // out of reach
+    start([&arm, home, waypoints] {
+      arm.plan_joint_waypoints_with_gripper(home, waypoints, {0.5, 0.5}, 0.0, 1.0);
+    });
+  }
+  ~ApplicationLoad() {
+    done_ = true;
+    for (auto& thread : threads_) {
+      thread.join();
+    }
+  }
+  ApplicationLoad(const ApplicationLoad&) = delete;
+  ApplicationLoad& operator=(const ApplicationLoad&) = delete;
+
+ private:
+  template <typename Work>
+  void start(Work work) {
+    threads_.emplace_back([this, work] {
+      setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), 19);
+      while (!done_) {
+        try {
+          work();
+        } catch (const std::exception&) {
+          // a refused plan is load all the same
+        }
+      }
+    });
+  }
+  std::atomic<bool> done_{false};
+  std::vector<std::thread> threads_;
+};
+
 // The controller on the simulated arm, moving: slow joint-space swings, a new 2 s move every
 // 2 s. The loop's figures are restarted after a short warm-up; the traffic covers the whole run.
-Measurement measure(double seconds) {
+Measurement measure(double seconds, bool application_load = false) {
   kestrel::simbus::HubOptions hub;
   hub.wire_time = true;
   kestrel::simbus::ScopedSimbus bus({"benchcan0"}, hub);
@@ -120,6 +170,8 @@ Measurement measure(double seconds) {
     controller = std::make_unique<ArmController>(true, "benchcan0", false, MIT_MODE, false);
   });
   ArmController& arm = *controller;
+  std::optional<ApplicationLoad> load;
+  load.emplace(arm, application_load);
   const auto start = Clock::now();
   auto measuring_from = start;
   bool warm = false;
@@ -144,6 +196,7 @@ Measurement measure(double seconds) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   const auto end = Clock::now();
+  load.reset();
   Measurement m;
   m.loop = arm.control_loop_statistics();
   m.measured_s = std::chrono::duration<double>(end - measuring_from).count();
@@ -435,8 +488,9 @@ int main(int argc, char** argv) {
     return child_main(child, seconds);
   }
   const bool realtime = argc > 2 && std::strcmp(argv[2], "--realtime") == 0;
-  if (!(seconds > 0.0) || argc > 3 || (argc == 3 && !realtime)) {
-    std::fprintf(stderr, "usage: bench_controller [SECONDS [--realtime]]\n");
+  const bool app_load = argc > 2 && std::strcmp(argv[2], "--app-load") == 0;
+  if (!(seconds > 0.0) || argc > 3 || (argc == 3 && !realtime && !app_load)) {
+    std::fprintf(stderr, "usage: bench_controller [SECONDS [--realtime | --app-load]]\n");
     return 2;
   }
   if (!realtime && std::getenv("KESTREL_BENCH_STATUS") == nullptr) {
@@ -446,7 +500,10 @@ int main(int argc, char** argv) {
   std::printf(
       "\nController on the simulated arm, 1 Mbit/s classic bus with wire time, the arm moving; "
       "%.0f s after a %.1f s warm-up%s\n",
-      seconds, kWarmUpSeconds, realtime ? ", without and then with real-time scheduling" : "");
+      seconds, kWarmUpSeconds,
+      realtime   ? ", without and then with real-time scheduling"
+      : app_load ? ", alone and then beside application threads searching IK and planning"
+                 : "");
   std::fflush(stdout);
   // First, while nothing else runs.
   const Baseline base = measure_baseline();
@@ -461,6 +518,10 @@ int main(int argc, char** argv) {
       runs.push_back(with.measurement);
       realtime_lines = with.realtime_lines;
       titles = {"without real-time", "with real-time"};
+    } else if (app_load) {
+      runs.push_back(measure(seconds));
+      runs.push_back(measure(seconds, true));
+      titles = {"alone", "beside IK and planning"};
     } else {
       runs.push_back(measure(seconds));
       titles = {"this run"};
