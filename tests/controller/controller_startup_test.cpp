@@ -116,9 +116,6 @@ TEST_P(StartupSequence, FramesGoOutInOrderTheLoopTakesOverAndCleanupDisablesOnce
                          "max_acc_limits: [8.000, 8.000, 10.000, 20.000, 20.000, 20.000]\n"));
     EXPECT_THAT(out, ::testing::HasSubstr("Verified ACC: ["));
     EXPECT_THAT(out, ::testing::HasSubstr("Initial KP_APR: ["));
-    for (size_t j = 0; j < 6; ++j) {
-      EXPECT_EQ(sim.motors().motor_state(j).mode, 2u);
-    }
   }
 }
 

@@ -32,22 +32,17 @@ bool run_cycles(ArmController& arm, uint64_t cycles) {
 
 // What went wrong in one run, from whichever thread saw it first. gtest's own messages would be
 // lost in the captured output, and a run that went wrong is made again.
-class Problem {
- public:
+struct Problem {
   void set(const std::string& text) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (text_.empty()) {
-      text_ = text;
-    }
+    std::lock_guard<std::mutex> lock(mutex);
+    first = first.empty() ? text : first;
   }
-  std::string text() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return text_;
+  std::string text() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return first;
   }
-
- private:
-  mutable std::mutex mutex_;
-  std::string text_;
+  std::mutex mutex;
+  std::string first;
 };
 
 struct SteadyCase {
@@ -57,10 +52,6 @@ struct SteadyCase {
   // call on an application thread.
   std::function<void(ArmController&, std::thread& background, Problem&)> start;
 };
-
-void PrintTo(const SteadyCase& c, std::ostream* os) {
-  *os << c.name;
-}
 
 class SteadyCycle : public ::testing::TestWithParam<SteadyCase> {};
 
