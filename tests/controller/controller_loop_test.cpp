@@ -151,7 +151,7 @@ TEST_F(LoopTest, AMotorFallingSilentMidMotionStopsTheArmNamingIt) {
   EXPECT_THAT(err, ::testing::Not(::testing::ContainsRegex("runtime joint [a-z]+ stop")));
 }
 
-TEST_F(LoopTest, TheGripperCommandRepeatsOnItsPeriod) {
+TEST_F(LoopTest, TheGripperCommandRepeatsOnItsPeriodAndWorksAgainAfterItsWatchdogStop) {
   // A standing gripper command goes out every command_period_ms (5 ms), on the clock, not
   // whenever a jittered wake-up happens to be 5 ms after the previous one.
   sim.motors().clear_frame_log();
@@ -159,9 +159,6 @@ TEST_F(LoopTest, TheGripperCommandRepeatsOnItsPeriod) {
   const size_t frames = targets(sim, kestrel::sim::CommandKind::kMit, 6).size();
   EXPECT_GE(frames, 390u);
   EXPECT_LE(frames, 405u);
-}
-
-TEST_F(LoopTest, AGripperStoppedByItsWatchdogWorksAgainOnTheNextCommand) {
   // Something in the jaws holds the gripper shut: the watchdog drops the command after 0.5 s,
   // and the gripper motor, hearing nothing more, disables itself after 50 ms.
   auto& gripper = Access::impl(*arm).kestrel->get_gripper();

@@ -64,7 +64,6 @@ const Fetch kAllSilent = silent({false, false, false, false, false, false}, fals
 const Fetch kGripperSilent = silent({}, false);
 
 const Case kCases[] = {
-    {"AllAnswering", repeat(Fetch{}, 20), ""},
     {"OneFaultStopsAtOnceNamingJointAndFault",
      {status({1, 1, 11})},
      "motor fault stop: joint=3 status=11 (MOS over-temperature)"},
