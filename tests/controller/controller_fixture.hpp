@@ -111,7 +111,7 @@ class SimulatedArm {
     return worst;
   }
 
-  // Received frames with the given identifier and first three payload bytes matching.
+  // Received frames with the given identifier whose last payload byte is `last_byte`.
   size_t count_received(uint32_t id, uint8_t last_byte) const {
     size_t n = 0;
     for (const auto& entry : motors_->received_frames()) {
