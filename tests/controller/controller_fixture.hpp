@@ -30,22 +30,16 @@ class SimulatedArm {
     sim::BusOptions options;
     options.interface = "can0";
     options.fd = fd;
-    std::unique_ptr<sim::Plant> plant;
-    if (motor_posture.empty()) {
-      auto arm = sim::RigidBodyArmPlant::from_shipped_configuration();
-      rigid_ = arm.get();
-      plant = std::move(arm);
-    }
-    motors_ = std::make_unique<sim::SimulatedMotorBus>(sim::arm_motor_configs(), options,
-                                                       std::move(plant));
+    auto arm =
+        motor_posture.empty() ? sim::RigidBodyArmPlant::from_shipped_configuration() : nullptr;
+    rigid_ = arm.get();
+    motors_ =
+        std::make_unique<sim::SimulatedMotorBus>(sim::arm_motor_configs(), options, std::move(arm));
     if (!motor_posture.empty()) {
       motors_->set_posture(motor_posture);
     }
     motors_->start();
   }
-
-  // The rigid-body plant (null with a motor posture); use under with_simulation.
-  sim::RigidBodyArmPlant* rigid_plant() { return rigid_; }
 
   // Joint-space posture of the rigid-body arm, read under the simulation's lock.
   std::array<double, 6> joint_positions() {
@@ -117,7 +111,7 @@ class SimulatedArm {
     return worst;
   }
 
-  // Received frames with the given identifier and first three payload bytes matching.
+  // Received frames with the given identifier whose last payload byte is `last_byte`.
   size_t count_received(uint32_t id, uint8_t last_byte) const {
     size_t n = 0;
     for (const auto& entry : motors_->received_frames()) {
