@@ -160,7 +160,7 @@ TEST_P(FacadeTest, CommandsReachArmAndGripperRegistersReadBackAndFeedbackReports
   send_and_settle([&] { arm.disable_all(); }, 8);
   EXPECT_EQ(received_ids(*motors), (Ids{1, 2, 3, 4, 5, 6, 7, 7}));
 
-  // Feedback through the arm's group: status, then a fault and a communication loss. The status
+  // Feedback through the arm's group: status, then a communication loss. The status
   // table is process-wide: the motors were disabled last, so enabling is a change. Time-out 0
   // keeps the motors from giving up in a pause of a loaded machine.
   exchange({[](G& g) { g.set_timeout_all(0); }, &G::enable_all});
@@ -176,21 +176,10 @@ TEST_P(FacadeTest, CommandsReachArmAndGripperRegistersReadBackAndFeedbackReports
         << i;
   }
 
-  // Joint 5 over-voltage.
-  std::string log =
-      exchange({&G::enable_all, [&](G&) { motors->inject_fault(4, 8); }, &G::refresh_all});
-  EXPECT_EQ(joint(4).get_error_code(), 8);
-  // The status table is process-wide, so the code it changes from depends on earlier tests.
-  EXPECT_THAT(log, ::testing::ContainsRegex(
-                       R"(\[DM ERR\] recv_id=0x15 feedback_id=5 ERR: 0x[0-9a-f] -> 0x8 )"
-                       R"(\(Over-voltage\) t_mos=[0-9]+ t_rotor=[0-9]+)"));
-
   // A 2 ms communication timeout: the motors give up once the host stops talking.
-  log = exchange({&G::clrErr_all, [](G& g) { g.set_timeout_all(40); }, &G::enable_all,
-                  [](G&) { std::this_thread::sleep_for(20ms); }, &G::refresh_all});
+  exchange({&G::clrErr_all, [](G& g) { g.set_timeout_all(40); }, &G::enable_all,
+            [](G&) { std::this_thread::sleep_for(20ms); }, &G::refresh_all});
   EXPECT_EQ(joint(0).get_error_code(), 13);
-  EXPECT_THAT(log, ::testing::ContainsRegex(R"(recv_id=0x11 feedback_id=1 ERR: 0x[0-9a-f] -> 0xd )"
-                                            R"(\(Communication lost\))"));
 }
 
 TEST_P(FacadeTest, AReplacedGripperMotorLeavesTheFacadeWithItsDevice) {
