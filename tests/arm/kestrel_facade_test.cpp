@@ -102,16 +102,6 @@ TEST_P(FacadeTest, CommandsReachArmAndGripperRegistersReadBackAndFeedbackReports
   EXPECT_TRUE(motors->received_frames().empty());
 
   init_all();
-  // A quiet bus: recv_all returns soon after its time-out, not before.
-  for (int timeout_us : {2000, 20000}) {
-    const auto t0 = std::chrono::steady_clock::now();
-    arm.recv_all(timeout_us);
-    const auto us =
-        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - t0)
-            .count();
-    EXPECT_GE(us, timeout_us);
-    EXPECT_LT(us, timeout_us + 15000);
-  }
   send_and_settle([&] { arm.enable_all(); }, 7);
   EXPECT_EQ(received_ids(*motors), (Ids{1, 2, 3, 4, 5, 6, 7}));
   auto host = arm.get_arm().get_motors();

@@ -153,11 +153,8 @@ TEST(Encoder, NonFiniteFieldsAndUnknownMotorTypesAreRefused) {
        "position-velocity command: dq must be finite, got -inf"},
       {"float register NaN", [&] { E::create_write_param_command(m, 4, kNaNf); },
        "register write: register 4 value must be finite, got nan"},
-      {"MIT, type 13", [&] { E::pack_mit_control_data(bad(13), {}); }, "Invalid motor type: 13"},
       {"motor of type 200", [&] { dm::Motor(bad(200), 1, 0x11); }, "Invalid motor type: 200"},
       {"limits, type 13", [&] { dm::Motor::get_limit_param(bad(13)); }, "Invalid motor type: 13"},
-      {"limits, type 255", [&] { dm::Motor::get_limit_param(bad(255)); },
-       "Invalid motor type: 255"},
   };
   for (const auto& row : rows) {
     EXPECT_EQ(refusal_of(row.call), row.message) << row.name;
