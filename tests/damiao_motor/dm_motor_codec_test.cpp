@@ -165,25 +165,16 @@ TEST(Encoder, NonFiniteFieldsAndUnknownMotorTypesAreRefused) {
 // MOS and rotor temperatures; bytes beyond the eighth are ignored.
 TEST(Decoder, FeedbackFieldsAndScales) {
   const dm::Motor m(dm::MotorType::DM_V8_T28, 0x01, 0x11);
-  const struct {
-    const char* name;
-    std::string data;
-    int id, error;
-    double position, velocity, torque;
-    int t_mos, t_rotor;
-  } rows[] = {
-      {"middle of every range", "11 80 00 80 08 00 1F 1D", 1, 1, 0.0001907377737087046,
-       0.0019536019536019467, 0.006837606837606813, 31, 29},
-      {"extremes, nine bytes", "D3 FF FF 00 0F FF FF 00 AA", 3, 13, 12.5, -8.0, 28.0, 255, 0},
+  auto decoded = [&](const std::string& data) {
+    const auto s = D::parse_motor_state_data(m, hex(data));
+    return std::make_tuple(s.valid, s.feedback_id, s.error_code, s.position, s.velocity, s.torque,
+                           s.t_mos, s.t_rotor);
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    const auto s = D::parse_motor_state_data(m, hex(row.data));
-    EXPECT_EQ(std::make_tuple(s.valid, s.feedback_id, s.error_code, s.position, s.velocity,
-                              s.torque, s.t_mos, s.t_rotor),
-              std::make_tuple(true, row.id, row.error, row.position, row.velocity, row.torque,
-                              row.t_mos, row.t_rotor));
-  }
+  EXPECT_EQ(decoded("11 80 00 80 08 00 1F 1D"),  // the middle of every range
+            std::make_tuple(true, 1, 1, 0.0001907377737087046, 0.0019536019536019467,
+                            0.006837606837606813, 31, 29));
+  EXPECT_EQ(decoded("D3 FF FF 00 0F FF FF 00 AA"),  // extremes, nine bytes
+            std::make_tuple(true, 3, 13, 12.5, -8.0, 28.0, 255, 0));
 }
 
 // Registers 7-10, 13-16, 35 and 36 hold integers (all 32 bits, even when the bytes are those of

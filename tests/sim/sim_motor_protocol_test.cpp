@@ -189,27 +189,14 @@ TEST(Status, CommunicationTimeoutDisablesAfterTheConfiguredSilence) {
   EXPECT_EQ(h.sim.state(1).status, dm::kDisabled);
 }
 
-TEST(Feedback, TheHostDecoderReadsBackTheSimulatedState) {
-  Harness h;
-  h.sim.set_posture({0.3, -1.2, 2.0, 0.7, -0.4, 1.1, 0.05});
-  for (size_t i = 0; i < 7; ++i) {
-    const uint32_t id = static_cast<uint32_t>(i + 1);
-    h.send(id, kEnable);
-    h.send(id, dm::encode_mit({0.0, 0.0, 0.0, 0.0, 0.5 * (i + 1)}, h.sim.motor(i).limits()));
-  }
-  h.run(0.005);
-  for (size_t i = 0; i < 7; ++i) {
-    const MotorConfig& config = h.sim.motor(i).config();
-    host::Motor motor(static_cast<host::MotorType>(config.type), config.send_id, config.master_id);
-    host::StateResult s = host::CanPacketDecoder::parse_motor_state_data(
-        motor, h.bytes(0x7FF, {static_cast<uint8_t>(config.send_id), 0x00, 0xCC}));
-    MotorState truth = h.sim.state(i);
-    const dm::Limits lim = dm::limits_of_type(config.type);
-    ASSERT_TRUE(s.valid);
-    EXPECT_NEAR(s.position, truth.q, 25.0 / 65535.0) << config.name;
-    EXPECT_NEAR(s.velocity, truth.dq, 2 * lim.v_max / 4095.0) << config.name;
-    EXPECT_NEAR(s.torque, 0.5 * (i + 1), 2 * lim.t_max / 4095.0) << config.name;
-  }
+// 5 N·m on 1 kg·m² for 10 ms (type 1: 30 rad/s, 10 N·m): q 0.00025 rad is code 0x8000, dq
+// 0.05 rad/s is 2050.9 -> 0x802 and the torque 3071.25 -> 0xBFF, truncated as the firmware does.
+TEST(Feedback, VelocityAndTorqueAreScaledAndTruncated) {
+  Harness h({test::frictionless(1, 1, 1.0)});
+  h.enable({0x01});
+  h.mit(0, {0.0, 0.0, 0.0, 0.0, 5.0});
+  h.run(0.01);
+  EXPECT_EQ(h.reply(0x7FF, {0x01, 0x00, 0xCC}), "11 80 00 80 2B FF 21 1E");
 }
 
 }  // namespace
