@@ -105,7 +105,6 @@ TEST(Encoder, FramesByteExact) {
       {"MIT", text(E::create_mit_control_command(joint, mit)), "002#8A 3C 87 F1 99 33 38 91"},
       {"MIT clamped", text(0, E::pack_mit_control_data(type, clamped)),
        "000#00 00 00 0F FF FF FF FF"},
-      {"MIT zero", text(0, E::pack_mit_control_data(type, {})), "000#7F FF 7F F0 00 00 07 FF"},
       {"pos-vel", text(E::create_pos_vel_control_command(m, pos_vel)),
        "101#00 00 20 41 00 00 C0 BF"},
       {"refresh", text(E::create_refresh_command(w)), "7FF#05 00 CC 00 00 00 00 00"},

@@ -112,11 +112,6 @@ TEST(DMCANDeviceCallbacks, FramesTheDeviceCannotUseChangeNothing) {
     EXPECT_EQ(m.get_t_mos(), 0);
     EXPECT_EQ(m.get_param(4), -1.0);
   }
-  dm::Motor m(dm::MotorType::DM_V8_T28, 0x01, 0x11);
-  dm::DMCANDevice device(m, 0x7FF, false);
-  device.set_callback_mode(CallbackMode::PARAM);
-  device.callback(classic(0x11, {0x01, 0x00, 0x33, 0x05, 0x00, 0x00, 0x20, 0x41}));
-  EXPECT_EQ(m.get_param(5), 10.0) << "a read reply is stored";
 }
 
 // Feedback never touches the host-side enabled flag.
