@@ -258,23 +258,24 @@ TEST(RigidBodyArm, GravityFeedForwardHoldsThePostureAndAHiddenPayloadMakesItSag)
   EXPECT_GT(hold_error(forward, true, 0.5), hold_error(forward, true) + 0.005);
 }
 
+// Motor angles of the linkage at known openings (0.085 m, 0.0425 m, 0); driven hard beyond open,
+// the gripper stops at its end.
 TEST(RigidBodyArm, GripperTravelsBetweenItsStopsThroughTheLinkage) {
   Arm arm;
   arm.enable({1, 2, 3, 4, 5, 6, 7});
-  // Motor angles of the linkage at known openings (0.085 m, 0.0425 m, 0).
-  for (double angle : {-1.235598154197257, -0.6822889509948515, -0.00019983474059870332}) {
+  const struct {
+    double target, kp, reached, tolerance;
+  } moves[] = {{-1.235598154197257, 8.0, -1.235598154197257, 0.02},
+               {-0.6822889509948515, 8.0, -0.6822889509948515, 0.02},
+               {-0.00019983474059870332, 8.0, -0.00019983474059870332, 0.02},
+               {-3.0, 20.0, -1.2365, 1e-9}};
+  for (const auto& move : moves) {
     for (int i = 0; i < 400; ++i) {
-      arm.mit(6, {angle, 0.0, 8.0, 0.2, 0.0});
+      arm.mit(6, {move.target, 0.0, move.kp, 0.2, 0.0});
       arm.run(0.0025);
     }
-    EXPECT_NEAR(arm.plant.gripper_angle(), angle, 0.02);
+    EXPECT_NEAR(arm.plant.gripper_angle(), move.reached, move.tolerance) << move.target;
   }
-  // Driven hard beyond open it stops at its end.
-  for (int i = 0; i < 400; ++i) {
-    arm.mit(6, {-3.0, 0.0, 20.0, 0.2, 0.0});
-    arm.run(0.0025);
-  }
-  EXPECT_NEAR(arm.plant.gripper_angle(), -1.2365, 1e-9);
 }
 
 }  // namespace

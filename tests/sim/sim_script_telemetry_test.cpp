@@ -124,13 +124,10 @@ TEST(Telemetry, ArmTrafficLoadsAClassicBusToNinetyThreePercent) {
       meter.record(TelemetryMeter::Direction::kSent, reply, t);
     }
   }
-  meter.record_drop();
   TelemetrySnapshot s = meter.snapshot(start + 1s);
   EXPECT_NEAR(s.received_fps + s.sent_fps, 8400.0, 100.0);
   EXPECT_NEAR(s.classic_load, 8400 * 111e-6, 0.015);
   EXPECT_NEAR(s.fd_load, 8400 * 49.2e-6, 0.01);
-  EXPECT_EQ(s.received_total, 4200u);
-  EXPECT_EQ(s.dropped_total, 1u);
   // An idle second later the window has emptied; the totals remain.
   s = meter.snapshot(start + 2500ms);
   EXPECT_EQ(s.received_fps, 0.0);
