@@ -89,7 +89,6 @@ class CANSocketOnSimbus : public ::testing::Test {
 TEST_F(CANSocketOnSimbus, FdSocketExchangesFramesOfBothKinds) {
   Fd peer = open_can("can0", true);
   CANSocket fd("can0", true);
-  EXPECT_TRUE(fd.is_canfd_enabled());
   can_frame classic = classic_frame(0x5, {});
   classic.can_dlc = 9;
   canfd_frame too_big = fd_frame(0x6, 64);
@@ -207,7 +206,6 @@ TEST_F(CANSocketOnSimbus, ClassicSocketWritesThenWaitsForAndReadsAFrame) {
   EXPECT_TRUE(socket.is_data_available(2000000));
   EXPECT_LT(steady_clock::now() - start, 1s);
   later.join();
-  EXPECT_TRUE(socket.is_data_available(0));
   EXPECT_TRUE(socket.read_can_frame(got));
   EXPECT_EQ(std::memcmp(&got, &back, CAN_MTU), 0);
   // Nothing left: the 100 µs receive time-out ends the read at once.
