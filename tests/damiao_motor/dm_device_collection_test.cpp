@@ -90,11 +90,9 @@ class GroupTest : public ::testing::TestWithParam<bool> {
 // commands with fewer values than motors reach the first motors only, and the communication
 // time-out reaches at most seven motors.
 TEST_P(GroupTest, CommandsReachTheWireByteExactInDeviceOrder) {
-  const std::vector<MITParam> mit_3 = {{0, 0, -12.5, 0, 0}, {}, {0, 0, 12.5, 0, 0}};
   const std::vector<MITParam> mit_1 = {{0, 0, 12.5, 0, 0}};
   const std::vector<POS_VELParam> pos_vel = {{1.0f, 0.5f}, {-1.0f, 2.0f}};
   const std::vector<float> acc = {1.0f, 2.0f, 3.0f};
-  const std::vector<unsigned> integers = {1, 2, 3, 4, 5, 6};  // motor m gets m
   const std::vector<unsigned> one_two = {1, 2}, three = {3, 1, 2}, six = {1, 2, 3, 4, 5, 6};
   const std::vector<unsigned> eight = {1, 2, 3, 4, 5, 6, 7, 8};
   const struct {
@@ -131,13 +129,10 @@ TEST_P(GroupTest, CommandsReachTheWireByteExactInDeviceOrder) {
            Frames{"7FF#02 00 33 0A 00 00 00 00", "7FF#01 00 55 05 00 00 20 41",
                   "7FF#02 00 55 1B 00 00 C0 BF", "7FF#01 00 55 09 E8 03 00 00"} +
            each(2, "7FF#0% 00 55 0A 02 00 00 00")},
-      {"created out of order", three, [&](auto& g) { g.mit_control_all(mit_3); },
-       Frames{"001#00 00 7F F0 00 00 07 FF", "002#7F FF 7F F0 00 00 07 FF",
-              "003#FF FF 7F F0 00 00 07 FF"}},
       {"short vectors", six,
        [&](auto& g) {
          g.set_acc_all(acc);
-         g.write_param_all(7, integers);
+         g.write_param_all(7, six);  // motor m gets m
          g.mit_control_all(mit_1);
          g.pos_vel_control_all(pos_vel);
        },
@@ -170,11 +165,10 @@ TEST_P(GroupTest, RefusedCommandsSendNothing) {
   const float nanf = std::nanf(""), inff = INFINITY;
   const CANPacket long_payload{1, Bytes(65)};
   const std::vector<float> three = {1, 2, 3}, good_then_nan = {1.0f, nanf};
-  const std::vector<unsigned> four = {1, 2, 3, 4};
   const std::vector<MITParam> mit3(3), nan_q = {{}, {0, 0, nan, 0, 0}};
   const std::vector<POS_VELParam> pv3(3), nan_dq = {{}, {0.0f, nanf}};
-  const MITParam inf_kp{inf, 1, 0, 0, 0}, inf_tau{0, 0, 0, 0, -inf}, nan_dq_mit{0, 0, 0, nan, 0};
-  const POS_VELParam inf_q{inff, 1.0f}, inf_dq{0.0f, -inff};
+  const MITParam inf_kp{inf, 1, 0, 0, 0};
+  const POS_VELParam inf_dq{0.0f, -inff};
   auto many = [](const std::string& what) { return what + " for a group of 2 motors"; };
   auto index = [](const std::string& op, int i) {
     return op + ": motor index " + std::to_string(i) + " is out of range for a group of 2 motors";
@@ -189,39 +183,24 @@ TEST_P(GroupTest, RefusedCommandsSendNothing) {
       {"pos-vel commands", [&] { g.pos_vel_control_all(pv3); },
        many("pos_vel_control_all: 3 commands")},
       {"float registers", [&] { g.write_param_all(4, three); }, many("write_param_all: 3 values")},
-      {"integer registers", [&] { g.write_param_all(7, four); }, many("write_param_all: 4 values")},
       {"accelerations", [&] { g.set_acc_all(three); }, many("set_acc_all: 3 values")},
-      {"decelerations", [&] { g.set_dec_all(three); }, many("set_dec_all: 3 values")},
-      {"KP_APR values", [&] { g.set_kp_apr_all(three); }, many("set_kp_apr_all: 3 values")},
       {"MIT index", [&] { g.mit_control_one(2, {}); }, index("mit_control_one", 2)},
       {"pos-vel index", [&] { g.pos_vel_control_one(-1, {}); }, index("pos_vel_control_one", -1)},
-      {"MIT index, encoded", [&] { g.encode_mit_one(2, {}); }, index("mit_control_one", 2)},
-      {"pos-vel index, encoded", [&] { g.encode_pos_vel_one(-1, {}); },
-       index("pos_vel_control_one", -1)},
       {"refresh index", [&] { g.refresh_one(2); }, index("refresh_one", 2)},
       {"query index", [&] { g.query_param_one(7, RID_ACC); }, index("query_param_one", 7)},
       {"register index", [&] { g.write_param_one(2, 9, 1u); }, index("write_param_one", 2)},
-      {"KP_APR index", [&] { g.set_kp_apr_one(-3, 1.0f); }, index("set_kp_apr_one", -3)},
       {"NaN q, second MIT command", [&] { g.mit_control_all(nan_q); },
        "mit_control_all: motor 1 q must be finite, got nan"},
       {"infinite kp", [&] { g.mit_control_one(0, inf_kp); },
        "mit_control_one: motor 0 kp must be finite, got inf"},
-      {"-inf feed-forward torque", [&] { g.mit_control_one(1, inf_tau); },
-       "mit_control_one: motor 1 tau must be finite, got -inf"},
       {"NaN dq, second position-velocity command", [&] { g.pos_vel_control_all(nan_dq); },
        "pos_vel_control_all: motor 1 dq must be finite, got nan"},
-      {"infinite position-velocity target", [&] { g.pos_vel_control_one(0, inf_q); },
-       "pos_vel_control_one: motor 0 q must be finite, got inf"},
-      {"NaN MIT velocity, encoded", [&] { g.encode_mit_one(1, nan_dq_mit); },
-       "mit_control_one: motor 1 dq must be finite, got nan"},
       {"-inf position-velocity velocity, encoded", [&] { g.encode_pos_vel_one(0, inf_dq); },
        "pos_vel_control_one: motor 0 dq must be finite, got -inf"},
       {"NaN acceleration after a good one", [&] { g.set_acc_all(good_then_nan); },
        "set_acc_all: motor 1 register 4 value must be finite, got nan"},
       {"infinite float register", [&] { g.write_param_one(1, 27, inff); },
        "write_param_one: motor 1 register 27 value must be finite, got inf"},
-      {"NaN deceleration", [&] { g.set_dec_one(0, nanf); },
-       "set_dec_one: motor 0 register 5 value must be finite, got nan"},
       {"payload longer than any frame", [&] { g.send_command_to_device(nullptr, long_payload); },
        fd() ? "create_canfd_frame: payload of 65 bytes exceeds the 64 bytes of a CAN FD frame"
             : "create_can_frame: payload of 65 bytes exceeds the 8 bytes of a classic CAN frame"},
@@ -248,7 +227,6 @@ TEST_P(GroupTest, OnlyDmDevicesAreCommandedInTheSocketsFrameKind) {
   group->enable_all();
   EXPECT_EQ(drain(), Frames{"005#FF FF FF FF FF FF FF FC"});
   group->set_callback_mode_all(CallbackMode::PARAM);
-  EXPECT_EQ(group->get_dm_devices()[0]->get_callback_mode(), CallbackMode::PARAM);
   EXPECT_TRUE(simbus::rawcan::stays_silent(listener.get(), 50)) << "changing modes sends nothing";
 }
 

@@ -67,45 +67,18 @@ TEST(FixedPoint, EncodesByTruncationClampingBothEndsAndDecodesWithOneFusedMultip
     int bits;
     unsigned expected;
   } encodes[] = {
-      {"middle", 0.0, -12.5, 12.5, 16, 32767},        {"top", 12.5, -12.5, 12.5, 16, 65535},
-      {"above", 100.0, -12.5, 12.5, 16, 65535},       {"below", -100.0, -12.5, 12.5, 16, 0},
-      {"bottom", -12.5, -12.5, 12.5, 16, 0},          {"truncated", 50.0, 0.0, 500.0, 12, 409},
-      {"12 bits above", 600.0, 0.0, 500.0, 12, 4095}, {"NaN", kNaN, -12.5, 12.5, 16, 0},
-      {"infinity", kInf, -30.0, 30.0, 12, 4095},      {"-infinity", -kInf, -30.0, 30.0, 12, 0},
+      {"top", 12.5, -12.5, 12.5, 16, 65535},    {"above", 100.0, -12.5, 12.5, 16, 65535},
+      {"below", -100.0, -12.5, 12.5, 16, 0},    {"bottom", -12.5, -12.5, 12.5, 16, 0},
+      {"truncated", 50.0, 0.0, 500.0, 12, 409}, {"NaN", kNaN, -12.5, 12.5, 16, 0},
   };
   for (const auto& row : encodes) {
     EXPECT_EQ(E::double_to_uint(row.x, row.min, row.max, row.bits), row.expected) << row.name;
   }
-  EXPECT_EQ(E::limit_min_max(kNaN, -1.0, 1.0), -1.0);
   // The middle code of a 16-bit field is not zero: the scale has an odd number of steps.
-  const struct {
-    uint16_t u;
-    double min, max;
-    int bits;
-    double expected;
-  } decodes[] = {
-      {32767, -12.5, 12.5, 16, -0.0001907377737087046},
-      {32768, -12.5, 12.5, 16, 0.0001907377737087046},
-      {2048, -8.0, 8.0, 12, 0.0019536019536019467},
-      {0, -30.0, 30.0, 12, -30.0},
-      {4095, -30.0, 30.0, 12, 30.0},
-  };
-  for (const auto& row : decodes) {
-    EXPECT_EQ(D::uint_to_double(row.u, row.min, row.max, row.bits), row.expected) << row.u;
-  }
-}
-
-TEST(FixedPoint, QuantisationRoundTripLosesLessThanOneStep) {
-  std::mt19937 rng(7);
-  std::uniform_real_distribution<double> dist(-12.5, 12.5);
-  const double step = 25.0 / 65535.0;
-  for (int i = 0; i < 20000; ++i) {
-    const double x = dist(rng);
-    const unsigned u = E::double_to_uint(x, -12.5, 12.5, 16);
-    const double back = D::uint_to_double(static_cast<uint16_t>(u), -12.5, 12.5, 16);
-    ASSERT_LE(back, x + 1e-12) << x;  // truncation never overshoots
-    ASSERT_GT(back, x - step - 1e-12) << x;
-  }
+  EXPECT_EQ(D::uint_to_double(32767, -12.5, 12.5, 16), -0.0001907377737087046);
+  EXPECT_EQ(D::uint_to_double(32768, -12.5, 12.5, 16), 0.0001907377737087046);
+  EXPECT_EQ(D::uint_to_double(0, -30.0, 30.0, 12), -30.0);
+  EXPECT_EQ(D::uint_to_double(4095, -30.0, 30.0, 12), 30.0);
 }
 
 // One-byte commands go to the command id, position-velocity to id + 0x100 as two little-endian
@@ -131,7 +104,6 @@ TEST(Encoder, FramesByteExact) {
       {"MIT", text(E::create_mit_control_command(joint, mit)), "002#8A 3C 87 F1 99 33 38 91"},
       {"MIT clamped", text(0, E::pack_mit_control_data(type, clamped)),
        "000#00 00 00 0F FF FF FF FF"},
-      {"MIT zero", text(0, E::pack_mit_control_data(type, {})), "000#7F FF 7F F0 00 00 07 FF"},
       {"pos-vel", text(E::create_pos_vel_control_command(m, pos_vel)),
        "101#00 00 20 41 00 00 C0 BF"},
       {"refresh", text(E::create_refresh_command(w)), "7FF#05 00 CC 00 00 00 00 00"},
@@ -179,11 +151,8 @@ TEST(Encoder, NonFiniteFieldsAndUnknownMotorTypesAreRefused) {
        "position-velocity command: dq must be finite, got -inf"},
       {"float register NaN", [&] { E::create_write_param_command(m, 4, kNaNf); },
        "register write: register 4 value must be finite, got nan"},
-      {"MIT, type 13", [&] { E::pack_mit_control_data(bad(13), {}); }, "Invalid motor type: 13"},
       {"motor of type 200", [&] { dm::Motor(bad(200), 1, 0x11); }, "Invalid motor type: 200"},
       {"limits, type 13", [&] { dm::Motor::get_limit_param(bad(13)); }, "Invalid motor type: 13"},
-      {"limits, type 255", [&] { dm::Motor::get_limit_param(bad(255)); },
-       "Invalid motor type: 255"},
   };
   for (const auto& row : rows) {
     EXPECT_EQ(refusal_of(row.call), row.message) << row.name;
@@ -194,39 +163,20 @@ TEST(Encoder, NonFiniteFieldsAndUnknownMotorTypesAreRefused) {
 // MOS and rotor temperatures; bytes beyond the eighth are ignored.
 TEST(Decoder, FeedbackFieldsAndScales) {
   const dm::Motor m(dm::MotorType::DM_V8_T28, 0x01, 0x11);
-  const struct {
-    const char* name;
-    std::string data;
-    int id, error;
-    double position, velocity, torque;
-    int t_mos, t_rotor;
-  } rows[] = {
-      {"middle of every range", "11 80 00 80 08 00 1F 1D", 1, 1, 0.0001907377737087046,
-       0.0019536019536019467, 0.006837606837606813, 31, 29},
-      {"extremes, nine bytes", "D3 FF FF 00 0F FF FF 00 AA", 3, 13, 12.5, -8.0, 28.0, 255, 0},
+  auto decoded = [&](const std::string& data) {
+    const auto s = D::parse_motor_state_data(m, hex(data));
+    return std::make_tuple(s.valid, s.feedback_id, s.error_code, s.position, s.velocity, s.torque,
+                           s.t_mos, s.t_rotor);
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    const auto s = D::parse_motor_state_data(m, hex(row.data));
-    EXPECT_EQ(std::make_tuple(s.valid, s.feedback_id, s.error_code, s.position, s.velocity,
-                              s.torque, s.t_mos, s.t_rotor),
-              std::make_tuple(true, row.id, row.error, row.position, row.velocity, row.torque,
-                              row.t_mos, row.t_rotor));
-  }
-  dm::StateResult s;
-  s.valid = true;
-  EXPECT_EQ(capture_stderr([&] {
-              s = D::parse_motor_state_data(m, {1, 2, 3, 4, 5, 6, 7});
-            }),
-            "Warning: Skipping motor state data less than 8 bytes\n");
-  EXPECT_FALSE(s.valid);
-  EXPECT_EQ(s.position, 0.0);
-  EXPECT_EQ(s.error_code, 0);
+  EXPECT_EQ(decoded("11 80 00 80 08 00 1F 1D"),  // the middle of every range
+            std::make_tuple(true, 1, 1, 0.0001907377737087046, 0.0019536019536019467,
+                            0.006837606837606813, 31, 29));
+  EXPECT_EQ(decoded("D3 FF FF 00 0F FF FF 00 AA"),  // extremes, nine bytes
+            std::make_tuple(true, 3, 13, 12.5, -8.0, 28.0, 255, 0));
 }
 
 // Registers 7-10, 13-16, 35 and 36 hold integers (all 32 bits, even when the bytes are those of
-// a float), the others floats. A short reply is dropped silently, one that is neither a read
-// (0x33) nor a write (0x55) answer with a warning.
+// a float), the others floats. A short reply is dropped silently.
 TEST(Decoder, ParameterRepliesByRegisterKind) {
   std::vector<int> integer_registers;
   for (int rid = -5; rid < 300; ++rid) {
@@ -235,58 +185,27 @@ TEST(Decoder, ParameterRepliesByRegisterKind) {
     }
   }
   EXPECT_EQ(integer_registers, (std::vector<int>{7, 8, 9, 10, 13, 14, 15, 16, 35, 36}));
-  EXPECT_EQ(D::uint8s_to_uint32(0x78, 0x56, 0x34, 0x12), 0x12345678u);
-  EXPECT_EQ(D::uint8s_to_float({0x00, 0x00, 0xC0, 0xBF}), -1.5f);
   const struct {
     const char* name;
     std::string data;
     bool valid;
     int rid, command;
     double value;
-    std::string log;
   } rows[] = {
-      {"integer register", "01 00 33 09 E8 03 00 00", true, 9, 0x33, 1000.0, ""},
-      {"float register", "01 00 33 04 00 00 20 41", true, 4, 0x33, 10.0, ""},
-      {"write answer", "01 00 55 1B 6D E7 FB 3D", true, 27, 0x55, static_cast<double>(0.123f), ""},
-      {"integer with float bytes", "01 00 33 24 FF FF FF FF", true, 36, 0x33, 4294967295.0, ""},
-      {"short", "01 00 33 04 00 00 00", false, 0, 0, kNaN, ""},
-      {"neither read nor write", "01 00 CC 04 00 00 00 00", false, 0, 0, kNaN,
-       "WARNING: INVALID PARAM DATA\n"},
+      {"integer register", "01 00 33 09 E8 03 00 00", true, 9, 0x33, 1000.0},
+      {"float register", "01 00 33 04 00 00 20 41", true, 4, 0x33, 10.0},
+      {"write answer", "01 00 55 1B 6D E7 FB 3D", true, 27, 0x55, static_cast<double>(0.123f)},
+      {"integer with float bytes", "01 00 33 24 FF FF FF FF", true, 36, 0x33, 4294967295.0},
+      {"short", "01 00 33 04 00 00 00", false, 0, 0, kNaN},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     dm::ParamResult r;
-    EXPECT_EQ(capture_stderr([&] { r = D::parse_motor_param_data(hex(row.data)); }), row.log);
+    EXPECT_EQ(capture_stderr([&] { r = D::parse_motor_param_data(hex(row.data)); }), "");
     EXPECT_EQ(std::make_tuple(r.valid, r.rid, static_cast<int>(r.command)),
               std::make_tuple(row.valid, row.rid, row.command));
     EXPECT_THAT(r.value, ::testing::NanSensitiveDoubleNear(row.value, 0.0));  // exact
   }
-}
-
-// Registers read -1 until stored; single-field setters leave the rest of the state alone.
-TEST(Motor, RegistersAndStateAsStored) {
-  dm::Motor m(dm::MotorType::DM_V30_T10, 0x07, 0x17);
-  for (int rid = 0; rid < 80; ++rid) {
-    ASSERT_EQ(m.get_param(rid), -1.0) << rid;
-  }
-  m.set_temp_param(4, 2.5);
-  m.set_temp_param(4, 3.25);
-  EXPECT_EQ(std::make_tuple(m.get_param(4), m.get_param(5), m.get_params().size()),
-            std::make_tuple(3.25, -1.0, size_t{1}));
-  auto state = [&] {
-    return std::make_tuple(m.get_position(), m.get_velocity(), m.get_torque(), m.get_t_mos(),
-                           m.get_t_rotor(), m.get_feedback_id(), m.get_error_code(),
-                           m.is_enabled());
-  };
-  EXPECT_EQ(state(), std::make_tuple(0.0, 0.0, 0.0, 0, 0, 0, 0, false));
-  m.update_state(1.5, -2.0, 3.0, 40, 41, 1, 1);
-  EXPECT_EQ(state(), std::make_tuple(1.5, -2.0, 3.0, 40, 41, 1, 1, false));
-  m.set_state_error_code(13);
-  m.set_state_tmos(50);
-  m.set_state_trotor(51);
-  m.set_state_feedback_id(2);
-  m.set_enabled(true);
-  EXPECT_EQ(state(), std::make_tuple(1.5, -2.0, 3.0, 50, 51, 2, 13, true));
 }
 
 // The limit table scales every field: a few types' limits, each row of its own type.

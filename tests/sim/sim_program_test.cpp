@@ -26,15 +26,10 @@ std::string bus_directory() {
   return dir;
 }
 
-std::vector<std::string> with_program(std::vector<std::string> args) {
-  args.insert(args.begin(), KESTREL_SIM_PROGRAM);
-  return args;
-}
-
-// kestrel-sim started with `args` on a private bus; killed if a test leaves it running.
+// kestrel-sim (the first of `args`) started on a private bus; killed if a test leaves it running.
 struct SimProgram {
   explicit SimProgram(std::vector<std::string> args)
-      : dir(bus_directory()), program(with_program(std::move(args)), dir + ".log") {}
+      : dir(bus_directory()), program(std::move(args), dir + ".log") {}
   ~SimProgram() {
     ::unsetenv(kestrel::simbus::kDirectoryEnv);
     std::filesystem::remove_all(dir);
@@ -45,8 +40,9 @@ struct SimProgram {
 };
 
 TEST(KestrelSimProgram, ServesTheArmWithCommandLineFaultsAndStopsOnSigterm) {
-  SimProgram sim({"--serve", "--interface", "armcan", "--no-wire-time", "--silent", "5", "--fault",
-                  "3:8", "--start-posture", "0,0.5", "--external-torque", "7:0.0"});
+  SimProgram sim({KESTREL_SIM_PROGRAM, "--serve", "--interface", "armcan", "--no-wire-time",
+                  "--silent", "5", "--fault", "3:8", "--start-posture", "0,0.5",
+                  "--external-torque", "7:0.0"});
   for (int i = 0; i < 500 && !kestrel::simbus::is_served(sim.dir, "armcan"); ++i) {
     std::this_thread::sleep_for(10ms);
   }
@@ -69,7 +65,7 @@ TEST(KestrelSimProgram, ServesTheArmWithCommandLineFaultsAndStopsOnSigterm) {
 
 TEST(KestrelSimProgram, RejectsBadOptionsWithUsageStatus) {
   for (const char* bad : {"--fault=3", "--drop-rate", "--silent"}) {
-    EXPECT_EQ(SimProgram({bad, "9"}).program.wait(), 2) << bad;
+    EXPECT_EQ(SimProgram({KESTREL_SIM_PROGRAM, bad, "9"}).program.wait(), 2) << bad;
   }
 }
 

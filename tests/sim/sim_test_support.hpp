@@ -56,10 +56,6 @@ class Harness {
   void write_register(uint8_t id, uint8_t rid, uint32_t bits) {
     send(0x7FF, dm::encode_param({id, dm::kParamWrite, rid, bits}));
   }
-  std::vector<uint8_t> bytes(uint32_t id, const Payload& payload) {
-    const Payload p = send(id, payload)->payload();
-    return {p.begin(), p.end()};
-  }
   // The status byte of the reply (the feedback frame's first byte).
   int status(uint32_t id, const Payload& payload) { return send(id, payload)->data[0]; }
 
