@@ -130,13 +130,11 @@ def test_rotation_helpers_invert_each_other(model):
 def test_joint_limit_margins_warn_then_stop(model, safety):
     lower, upper = model.joint_lower_limits(), model.joint_upper_limits()
     config = safety.trajectory_safety
-    inside = np.array([HOME, HOME])
-    near = inside.copy()
-    near[1, 2] = upper[2] - (config.joint_limit_stop_margin_rad + 0.01)
-    at_limit = inside.copy()
-    at_limit[1, 2] = upper[2]
+    postures = np.tile(HOME, (3, 2, 1))  # inside, near the limit, at the limit
+    postures[1, 1, 2] = upper[2] - (config.joint_limit_stop_margin_rad + 0.01)
+    postures[2, 1, 2] = upper[2]
     verdicts = [kestrel.check_joint_limit_margins(p, lower, upper, [True] * 6, config)
-                for p in (inside, near, at_limit)]
+                for p in postures]
     assert [v.level for v in verdicts] == [kestrel.SafetyLevel.ok, kestrel.SafetyLevel.warning,
                                            kestrel.SafetyLevel.stop]
     assert (verdicts[2].code, verdicts[2].sample, verdicts[2].joint) == (
