@@ -99,14 +99,10 @@ std::string take_env(const std::string& key) {
   try {
     status = found->second(args);
   } catch (const std::exception& e) {
-    std::cout.flush();
     std::cerr << "[config_sandbox] scenario '" << name << "' threw: " << e.what() << '\n';
     status = 96;
   }
-  std::cout.flush();
-  std::cerr.flush();
-  std::fflush(nullptr);
-  std::exit(status);
+  std::exit(status);  // flushes both streams
 }
 
 class ScenarioDispatcher : public ::testing::EmptyTestEventListener {
@@ -157,12 +153,9 @@ std::vector<std::string> ChildResult::err_lines() const {
 }
 
 std::string ChildResult::describe() const {
-  std::ostringstream text;
-  text << "child exit_code=" << exit_code << " signal=" << term_signal
-       << " timed_out=" << (timed_out ? "yes" : "no") << "\n--- stdout ---\n"
-       << out << "\n--- stderr ---\n"
-       << err;
-  return text.str();
+  return "child exit_code=" + std::to_string(exit_code) + " signal=" + std::to_string(term_signal) +
+         " timed_out=" + (timed_out ? "yes" : "no") + "\n--- stdout ---\n" + out +
+         "\n--- stderr ---\n" + err;
 }
 
 ConfigSandbox::ConfigSandbox(const std::string& library_subdir, bool copy_shipped_files) {
