@@ -117,16 +117,6 @@ class ScenarioDispatcher : public ::testing::EmptyTestEventListener {
   return true;
 }();
 
-void set_env(std::vector<std::string>& env, const std::string& key, const std::string& value) {
-  for (auto& entry : env) {
-    if (starts_with(entry, key + "=")) {
-      entry = key + "=" + value;
-      return;
-    }
-  }
-  env.push_back(key + "=" + value);
-}
-
 }  // namespace
 
 bool register_config_scenario(const char* name, ConfigScenario scenario) {
@@ -226,24 +216,28 @@ ChildResult ConfigSandbox::run(const std::string& scenario, const RunOptions& op
   const std::string library_dir =
       (options.library_dir.empty() ? library_dir_ : options.library_dir).string();
 
-  std::vector<std::string> env;
+  std::map<std::string, std::string> vars;  // ours from an earlier run left out
   for (char** entry = environ; *entry != nullptr; ++entry) {
-    if (!starts_with(*entry, kEnvPrefix)) {
-      env.emplace_back(*entry);
+    const std::string text(*entry);
+    const std::size_t equals = std::min(text.find('='), text.size());
+    if (!starts_with(text, kEnvPrefix)) {
+      vars[text.substr(0, equals)] = text.substr(std::min(equals + 1, text.size()));
     }
   }
-  const char* old_path = std::getenv("LD_LIBRARY_PATH");
-  set_env(env, "LD_LIBRARY_PATH",
-          library_dir + (old_path != nullptr && *old_path != '\0' ? ":" + std::string(old_path)
-                                                                  : std::string()));
-  set_env(env, kScenarioEnv, scenario);
-  set_env(env, kRootEnv, root_.string());
-  set_env(env, kArgCountEnv, std::to_string(options.args.size()));
+  std::string& path = vars["LD_LIBRARY_PATH"];
+  path = library_dir + (path.empty() ? "" : ":" + path);
+  vars[kScenarioEnv] = scenario;
+  vars[kRootEnv] = root_.string();
+  vars[kArgCountEnv] = std::to_string(options.args.size());
   for (std::size_t i = 0; i < options.args.size(); ++i) {
-    set_env(env, kArgEnvPrefix + std::to_string(i), options.args[i]);
+    vars[kArgEnvPrefix + std::to_string(i)] = options.args[i];
   }
   for (const auto& [key, value] : options.env) {
-    set_env(env, key, value);
+    vars[key] = value;
+  }
+  std::vector<std::string> env;
+  for (const auto& [key, value] : vars) {
+    env.push_back(key + "=" + value);
   }
   std::vector<char*> envp;
   for (auto& entry : env) {
