@@ -17,6 +17,7 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <map>
 #include <numeric>
 #include <sstream>
@@ -55,9 +56,7 @@ std::string read_file(const std::filesystem::path& path) {
   if (!in) {
     throw std::runtime_error("config_sandbox: cannot read " + path.string());
   }
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 bool starts_with(const std::string& text, const std::string& prefix) {
