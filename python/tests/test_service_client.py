@@ -1,11 +1,12 @@
 # ServiceClient against a real `kestrel serve` beside the simulated arm, both started by the
 # tool in a private bus and service folder.
+import itertools
 import os
 import shutil
 import subprocess
 import tempfile
-import threading
 import time
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import pytest
@@ -90,30 +91,18 @@ def test_control_is_one_clients_and_stop_comes_from_anyone(service):
             watcher.acquire()
         assert refused.value.type == "no_control"
         assert str(refused.value).startswith(f"control is held by client {number} ")
-        outcome = {}
-
-        def move():
-            try:
-                holder.move_joint_waypoints([AWAY], time_sec=3.0)
-            except ServiceError as error:
-                outcome["error"] = str(error)
-
-        mover = threading.Thread(target=move)
-        mover.start()
-        time.sleep(0.8)
-        watcher.stop()
-        mover.join(3)
-        assert outcome.get("error") == "motion stopped"
+        with ThreadPoolExecutor(1) as pool:
+            motion = pool.submit(holder.move_joint_waypoints, [AWAY], time_sec=3.0)
+            time.sleep(0.8)
+            watcher.stop()
+            with pytest.raises(ServiceError, match="^motion stopped$"):
+                motion.result(3)
 
 
 def test_subscribe_streams_the_state_at_the_chosen_rate(service):
     with ServiceClient(service) as watcher:
         start = time.monotonic()
-        states = []
-        for state in watcher.subscribe(rate_hz=100):
-            states.append(state)
-            if len(states) == 30:
-                break
+        states = list(itertools.islice(watcher.subscribe(rate_hz=100), 30))
         assert time.monotonic() - start == pytest.approx(0.3, abs=0.12)
         assert all(len(s["joints"]) == 6 and len(s["tool_pose"]) == 7 for s in states)
         cycles = [s["cycle"]["cycle"] for s in states]
