@@ -7,9 +7,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <iterator>
 #include <optional>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -21,29 +19,6 @@ namespace {
 
 namespace cc = kestrel::controller;
 using kestrel::fuzz::attempt;
-
-// Each section with its keys by kind, space-separated: joint arrays, numbers, booleans.
-const char* const kSections[][4] = {
-    {"pos_vel_mode", "max_acc_limits max_dec_limits kp_apr_limits", "", ""},
-    {"mit_mode", "kp kd feedforward_tau_limits gravity_tau_limits", "gravity_comp_scale",
-     "enable_gravity_compensation enable_coriolis_compensation enable_inertia_compensation"},
-    {"joint_trajectory", "max_vel_limits max_acc_limits max_jerk_limits",
-     "default_speed_percent max_motion_duration_sec set_joint_speed_factor",
-     "enforce_time_mode_acc_limit enforce_time_mode_jerk_limit continuous_waypoint_velocity "
-     "smooth_takeover"},
-    {"runtime_joint_safety", "torque_warn_limits torque_stop_limits", "", "enabled"},
-    {"gripper_watchdog", "",
-     "command_period_ms state_timeout_ms position_error_warn_m position_error_stop_m "
-     "position_error_stop_ms",
-     "enabled"},
-    {"gripper_control", "", "default_kp default_kd", ""},
-    {"realtime", "", "control_priority monitor_priority control_cpu", "enabled lock_memory"},
-};
-
-std::vector<std::string> keys(const char* list) {
-  std::istringstream in(list);
-  return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
-}
 
 bool same_number(double a, double b) {
   return a == b || (a != a && b != b);
@@ -140,22 +115,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   check_sections(root);
   // Read through const nodes as the loaders do: a missing key is then an undefined node, not
-  // an insertion. A section that is no map makes the readers throw, and the next is tried.
+  // an insertion. The key readers on every key of every section, and on one that is missing.
   const YAML::Node& document = root;
-  for (const auto& section : kSections) {
+  for (const auto& section : document.IsMap() ? document : YAML::Node()) {
     try {
-      const YAML::Node node = document[section[0]];
-      for (const std::string& key : keys(section[1])) {
-        if (node.IsDefined()) {
-          check_array(node[key], std::string(section[0]) + "." + key);
-        }
-      }
-      for (const std::string& key : keys(section[2])) {
+      const YAML::Node node = section.second;
+      for (const auto& entry : node.IsMap() ? node : YAML::Node()) {
+        const std::string key = entry.first.as<std::string>();
+        check_array(node[key], key);
         check_number(node, key);
-      }
-      for (const std::string& key : keys(section[3])) {
         check_boolean(node, key);
       }
+      check_number(node, "absent_key");
+      check_boolean(node, "absent_key");
     } catch (const std::runtime_error&) {
     }
   }

@@ -7,7 +7,6 @@
 #include <cstring>
 #include <map>
 #include <memory>
-#include <tuple>
 #include <vector>
 
 #include "fuzz_support.hpp"
@@ -21,17 +20,12 @@ namespace dm = kestrel::damiao_motor;
 using kestrel::canbus::CANDeviceCollection;
 using kestrel::canbus::CANSocket;
 
+// A motor's state and its registers; a NaN register value equals a NaN.
 struct Snapshot {
-  double position, velocity, torque;
-  int t_mos, t_rotor, feedback_id, error_code;
+  std::vector<double> state;
   std::map<int, double> params;
 
-  bool same_state(const Snapshot& o) const {
-    return std::tie(position, velocity, torque, t_mos, t_rotor, feedback_id, error_code) ==
-           std::tie(o.position, o.velocity, o.torque, o.t_mos, o.t_rotor, o.feedback_id,
-                    o.error_code);
-  }
-  bool same_params(const Snapshot& o) const {  // a NaN register value equals a NaN
+  bool same_params(const Snapshot& o) const {
     return std::equal(
         params.begin(), params.end(), o.params.begin(), o.params.end(),
         [](const auto& a, const auto& b) {
@@ -42,8 +36,9 @@ struct Snapshot {
 };
 
 Snapshot snapshot(const dm::Motor& m) {
-  return {m.get_position(), m.get_velocity(),    m.get_torque(),     m.get_t_mos(),
-          m.get_t_rotor(),  m.get_feedback_id(), m.get_error_code(), m.get_params()};
+  return {{m.get_position(), m.get_velocity(), m.get_torque(), double(m.get_t_mos()),
+           double(m.get_t_rotor()), double(m.get_feedback_id()), double(m.get_error_code())},
+          m.get_params()};
 }
 
 // One registry per socket kind, each with the arm's seven motors. Built once per process.
@@ -71,26 +66,19 @@ struct Rig {
 
 void check_updated(const dm::Motor& m, const Snapshot& before, dm::CallbackMode mode) {
   const Snapshot after = snapshot(m);
-  if (mode == dm::CallbackMode::IGNORE) {
-    FUZZ_CHECK(after.same_state(before) && after.same_params(before));
-    return;
+  FUZZ_CHECK(mode == dm::CallbackMode::STATE || after.state == before.state);
+  FUZZ_CHECK(mode == dm::CallbackMode::PARAM || after.same_params(before));
+  FUZZ_CHECK(after.params.size() <= before.params.size() + 1);
+  for (const auto& entry : after.params) {
+    FUZZ_CHECK(entry.first >= 0 && entry.first <= 0xFF);
   }
-  if (mode == dm::CallbackMode::PARAM) {
-    FUZZ_CHECK(after.same_state(before));
-    FUZZ_CHECK(after.params.size() <= before.params.size() + 1);
-    for (const auto& entry : after.params) {
-      FUZZ_CHECK(entry.first >= 0 && entry.first <= 0xFF);
+  if (mode == dm::CallbackMode::STATE) {  // position, velocity, torque, then the integer fields
+    const dm::LimitParam lim = dm::Motor::get_limit_param(m.get_motor_type());
+    const double limits[] = {lim.p_max, lim.v_max, lim.t_max, 0xFF, 0xFF, 0xF, 0xF};
+    for (size_t i = 0; i < after.state.size(); ++i) {
+      FUZZ_CHECK(std::abs(after.state[i]) <= limits[i] && (i < 3 || after.state[i] >= 0));
     }
-    return;
   }
-  FUZZ_CHECK(after.same_params(before));
-  const dm::LimitParam lim = dm::Motor::get_limit_param(m.get_motor_type());
-  FUZZ_CHECK(std::abs(after.position) <= lim.p_max && std::abs(after.velocity) <= lim.v_max &&
-             std::abs(after.torque) <= lim.t_max);
-  FUZZ_CHECK(after.error_code >= 0 && after.error_code <= 0xF);
-  FUZZ_CHECK(after.feedback_id >= 0 && after.feedback_id <= 0xF);
-  FUZZ_CHECK(after.t_mos >= 0 && after.t_mos <= 0xFF && after.t_rotor >= 0 &&
-             after.t_rotor <= 0xFF);
 }
 
 }  // namespace
@@ -125,19 +113,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       before.push_back(snapshot(*m));
     }
     CANDeviceCollection& registry = fd_registry ? rig.fd : rig.classic;
-    if (fd_frame) {
-      canfd_frame frame{};
+    // The length field as received, even when it lies.
+    canfd_frame fd{};
+    fd.len = length;
+    can_frame classic{};
+    classic.can_dlc = length;
+    const auto dispatch = [&](auto frame) {
       frame.can_id = can_id;
-      frame.len = length;  // the length field as received, even when it lies
       std::memcpy(frame.data, data + at, take);
       registry.dispatch_frame_callback(frame);
-    } else {
-      can_frame frame{};
-      frame.can_id = can_id;
-      frame.can_dlc = length;
-      std::memcpy(frame.data, data + at, take);
-      registry.dispatch_frame_callback(frame);
-    }
+    };
+    fd_frame ? dispatch(fd) : dispatch(classic);
     at += take;
 
     for (size_t i = 0; i < rig.motors.size(); ++i) {
@@ -145,11 +131,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       // Only the addressed device of the dispatching registry, and only a frame of its kind.
       const bool addressed =
           m.get_recv_id() == can_id && (i >= 7) == fd_registry && fd_frame == fd_registry;
-      if (!addressed) {
-        FUZZ_CHECK(snapshot(m).same_state(before[i]) && snapshot(m).same_params(before[i]));
-        continue;
-      }
-      check_updated(m, before[i], rig.devices[i]->get_callback_mode());
+      check_updated(m, before[i],
+                    addressed ? rig.devices[i]->get_callback_mode() : dm::CallbackMode::IGNORE);
     }
   }
   return 0;

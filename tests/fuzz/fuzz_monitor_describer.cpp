@@ -29,9 +29,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FUZZ_CHECK(!line.empty() && line.find('\n') == std::string::npos);
   const int motor = describer.motor_of(frame);
   FUZZ_CHECK(motor >= -1 && motor < 7);
-  if (describer.direction(frame) == km::Direction::from_motor) {
-    FUZZ_CHECK(motor >= 0);
-  }
+  FUZZ_CHECK(describer.direction(frame) != km::Direction::from_motor || motor >= 0);
   FUZZ_CHECK(km::hex_bytes(frame.data).size() == (length == 0 ? 0 : 3 * length - 1));
   return 0;
 }

@@ -1,5 +1,6 @@
 // The motion-program reader on arbitrary text: a std::runtime_error that names the file, or a
 // program whose every step is one the controller can be handed as it stands.
+#include <algorithm>
 #include <cmath>
 #include <stdexcept>
 #include <string>
@@ -7,21 +8,7 @@
 #include "fuzz_support.hpp"
 #include "program_file.hpp"
 
-namespace {
-
 using kestrel::cli::ProgramStep;
-
-void check_targets(const std::vector<std::vector<double>>& targets) {
-  FUZZ_CHECK(!targets.empty());
-  for (const auto& target : targets) {
-    FUZZ_CHECK(target.size() == 6);
-    for (const double v : target) {
-      FUZZ_CHECK(std::isfinite(v));
-    }
-  }
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
@@ -45,7 +32,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       continue;
     }
     FUZZ_CHECK(item.type == "movej" || item.type == "movel" || item.type == "movep");
-    check_targets(item.type == "movej" ? item.waypoints : item.poses);
+    const auto& targets = item.type == "movej" ? item.waypoints : item.poses;
+    FUZZ_CHECK(!targets.empty());
+    for (const auto& target : targets) {
+      FUZZ_CHECK(target.size() == 6 && std::all_of(target.begin(), target.end(),
+                                                   [](double v) { return std::isfinite(v); }));
+    }
     FUZZ_CHECK(item.time_sec <= 0.0 || item.speed_percent <= 0.0);
     FUZZ_CHECK(std::isfinite(item.time_sec) && std::isfinite(item.speed_percent));
     FUZZ_CHECK(item.speed_percent <= 1.0);

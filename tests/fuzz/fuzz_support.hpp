@@ -18,32 +18,17 @@
 
 namespace kestrel::fuzz {
 
-// The parsers warn on standard error for many inputs; millions of such lines slow the run down
-// and bury libFuzzer's own report. Sanitizer reports do not go through std::cerr.
-inline void silence_cerr() {
-  struct NullBuffer : std::streambuf {
-    int overflow(int c) override { return c; }
-  };
-  static NullBuffer null;
-  std::cerr.rdbuf(&null);
-}
-
-// One file per process under $TMPDIR (or /tmp), removed at exit.
-inline const std::string& scratch_path() {
+// The input in a file, for the readers that only take paths: one file per process under $TMPDIR
+// (or /tmp), removed at exit.
+inline const std::string& write_scratch(const uint8_t* data, size_t size) {
   static const std::string path = [] {
     const char* tmp = std::getenv("TMPDIR");
-    std::string p = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/kestrel-fuzz-" +
-                    std::to_string(::getpid()) + ".input";
-    std::atexit([] { std::remove(scratch_path().c_str()); });
-    return p;
+    std::atexit([] { std::remove(path.c_str()); });
+    return std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/kestrel-fuzz-" +
+           std::to_string(::getpid()) + ".input";
   }();
-  return path;
-}
-
-inline const std::string& write_scratch(const uint8_t* data, size_t size) {
-  const std::string& path = scratch_path();
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+  std::ofstream(path, std::ios::binary | std::ios::trunc)
+      .write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
   return path;
 }
 
@@ -65,9 +50,14 @@ auto attempt(Read read) -> std::optional<decltype(read())> {
 
 }  // namespace kestrel::fuzz
 
-// Every target runs with standard error silenced.
+// The parsers warn on standard error for many inputs; millions of such lines slow the run down
+// and bury libFuzzer's own report. Sanitizer reports do not go through std::cerr.
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kestrel::fuzz::silence_cerr();
+  struct NullBuffer : std::streambuf {
+    int overflow(int c) override { return c; }
+  };
+  static NullBuffer null;
+  std::cerr.rdbuf(&null);
   return 0;
 }
 

@@ -2,6 +2,7 @@
 // and a chain whose joints connect root to tip; everything else is a std::runtime_error.
 #include <tinyxml2.h>
 
+#include <algorithm>
 #include <cmath>
 #include <stdexcept>
 #include <unordered_set>
@@ -19,9 +20,8 @@ void check_links(const tinyxml2::XMLElement* robot) {
   for (const auto& [name, inertial] : links.value_or(kestrel::algorithms::UrdfLinkMap{})) {
     FUZZ_CHECK(std::isfinite(inertial.mass));
     FUZZ_CHECK(inertial.origin_xyz.allFinite() && inertial.origin_rpy.allFinite());
-    for (const double value : inertial.inertia) {
-      FUZZ_CHECK(std::isfinite(value));
-    }
+    FUZZ_CHECK(std::all_of(inertial.inertia.begin(), inertial.inertia.end(),
+                           [](double v) { return std::isfinite(v); }));
   }
 }
 

@@ -17,9 +17,13 @@ void note_allocation() {
   }
 }
 
-void* allocate(std::size_t size) {
+void* allocate_or_null(std::size_t size) noexcept {
   note_allocation();
-  if (void* p = std::malloc(size == 0 ? 1 : size)) {
+  return std::malloc(size == 0 ? 1 : size);
+}
+
+void* allocate(std::size_t size) {
+  if (void* p = allocate_or_null(size)) {
     return p;
   }
   throw std::bad_alloc();
@@ -64,18 +68,10 @@ void* operator new[](std::size_t size) {
   return allocate(size);
 }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  try {
-    return allocate(size);
-  } catch (const std::bad_alloc&) {
-    return nullptr;
-  }
+  return allocate_or_null(size);
 }
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  try {
-    return allocate(size);
-  } catch (const std::bad_alloc&) {
-    return nullptr;
-  }
+  return allocate_or_null(size);
 }
 void* operator new(std::size_t size, std::align_val_t alignment) {
   return allocate_aligned(size, alignment);

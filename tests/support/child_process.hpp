@@ -10,7 +10,7 @@
 
 #include <chrono>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -60,9 +60,7 @@ class Process {
   void interrupt() { ::kill(pid_, SIGINT); }  // Ctrl-C
   std::string output() const {
     std::ifstream in(log_);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
   }
 
  private:

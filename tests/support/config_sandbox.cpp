@@ -5,16 +5,21 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <map>
+#include <numeric>
 #include <sstream>
 #include <stdexcept>
 
@@ -51,41 +56,31 @@ std::string read_file(const std::filesystem::path& path) {
   if (!in) {
     throw std::runtime_error("config_sandbox: cannot read " + path.string());
   }
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 bool starts_with(const std::string& text, const std::string& prefix) {
   return text.compare(0, prefix.size(), prefix) == 0;
 }
 
+// Reads and unsets a variable of ours: processes the scenario starts must not take themselves for
+// sandbox children.
+std::string take_env(const std::string& key) {
+  const char* value = std::getenv(key.c_str());
+  const std::string text = value != nullptr ? value : "";
+  unsetenv(key.c_str());
+  return text;
+}
+
 // Child side: runs the requested scenario before the first test and ends the process with its
 // status, so no test of the binary runs and nothing of gtest's reaches standard output.
 [[noreturn]] void run_scenario_and_exit() {
-  const std::string name = std::getenv(kScenarioEnv);
-  const char* root_env = std::getenv(kRootEnv);
-  const std::string root = root_env != nullptr ? root_env : "";
-  std::vector<std::string> args;
-  if (const char* count = std::getenv(kArgCountEnv)) {
-    const int n = std::atoi(count);
-    for (int i = 0; i < n; ++i) {
-      const char* value = std::getenv((kArgEnvPrefix + std::to_string(i)).c_str());
-      args.emplace_back(value != nullptr ? value : "");
-    }
+  const std::string name = take_env(kScenarioEnv);
+  const std::string root = take_env(kRootEnv);
+  std::vector<std::string> args(std::max(0, std::atoi(take_env(kArgCountEnv).c_str())));
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    args[i] = take_env(kArgEnvPrefix + std::to_string(i));
   }
-  // Processes the scenario starts must not take themselves for sandbox children.
-  std::vector<std::string> ours;
-  for (char** entry = environ; *entry != nullptr; ++entry) {
-    const std::string text(*entry);
-    if (starts_with(text, kEnvPrefix)) {
-      ours.push_back(text.substr(0, text.find('=')));
-    }
-  }
-  for (const auto& key : ours) {
-    unsetenv(key.c_str());
-  }
-
   std::error_code ec;
   const std::string library = std::filesystem::canonical(loaded_library(), ec).string();
   if (root.empty() || !starts_with(library, root + "/")) {
@@ -103,14 +98,10 @@ bool starts_with(const std::string& text, const std::string& prefix) {
   try {
     status = found->second(args);
   } catch (const std::exception& e) {
-    std::cout.flush();
     std::cerr << "[config_sandbox] scenario '" << name << "' threw: " << e.what() << '\n';
     status = 96;
   }
-  std::cout.flush();
-  std::cerr.flush();
-  std::fflush(nullptr);
-  std::exit(status);
+  std::exit(status);  // flushes both streams
 }
 
 class ScenarioDispatcher : public ::testing::EmptyTestEventListener {
@@ -124,16 +115,6 @@ class ScenarioDispatcher : public ::testing::EmptyTestEventListener {
   ::testing::UnitTest::GetInstance()->listeners().Append(new ScenarioDispatcher);
   return true;
 }();
-
-void set_env(std::vector<std::string>& env, const std::string& key, const std::string& value) {
-  for (auto& entry : env) {
-    if (starts_with(entry, key + "=")) {
-      entry = key + "=" + value;
-      return;
-    }
-  }
-  env.push_back(key + "=" + value);
-}
 
 }  // namespace
 
@@ -161,12 +142,9 @@ std::vector<std::string> ChildResult::err_lines() const {
 }
 
 std::string ChildResult::describe() const {
-  std::ostringstream text;
-  text << "child exit_code=" << exit_code << " signal=" << term_signal
-       << " timed_out=" << (timed_out ? "yes" : "no") << "\n--- stdout ---\n"
-       << out << "\n--- stderr ---\n"
-       << err;
-  return text.str();
+  return "child exit_code=" + std::to_string(exit_code) + " signal=" + std::to_string(term_signal) +
+         " timed_out=" + (timed_out ? "yes" : "no") + "\n--- stdout ---\n" + out +
+         "\n--- stderr ---\n" + err;
 }
 
 ConfigSandbox::ConfigSandbox(const std::string& library_subdir, bool copy_shipped_files) {
@@ -237,24 +215,28 @@ ChildResult ConfigSandbox::run(const std::string& scenario, const RunOptions& op
   const std::string library_dir =
       (options.library_dir.empty() ? library_dir_ : options.library_dir).string();
 
-  std::vector<std::string> env;
+  std::map<std::string, std::string> vars;  // ours from an earlier run left out
   for (char** entry = environ; *entry != nullptr; ++entry) {
-    if (!starts_with(*entry, kEnvPrefix)) {
-      env.emplace_back(*entry);
+    const std::string text(*entry);
+    const std::size_t equals = std::min(text.find('='), text.size());
+    if (!starts_with(text, kEnvPrefix)) {
+      vars[text.substr(0, equals)] = text.substr(std::min(equals + 1, text.size()));
     }
   }
-  const char* old_path = std::getenv("LD_LIBRARY_PATH");
-  set_env(env, "LD_LIBRARY_PATH",
-          library_dir + (old_path != nullptr && *old_path != '\0' ? ":" + std::string(old_path)
-                                                                  : std::string()));
-  set_env(env, kScenarioEnv, scenario);
-  set_env(env, kRootEnv, root_.string());
-  set_env(env, kArgCountEnv, std::to_string(options.args.size()));
+  std::string& path = vars["LD_LIBRARY_PATH"];
+  path = library_dir + (path.empty() ? "" : ":" + path);
+  vars[kScenarioEnv] = scenario;
+  vars[kRootEnv] = root_.string();
+  vars[kArgCountEnv] = std::to_string(options.args.size());
   for (std::size_t i = 0; i < options.args.size(); ++i) {
-    set_env(env, kArgEnvPrefix + std::to_string(i), options.args[i]);
+    vars[kArgEnvPrefix + std::to_string(i)] = options.args[i];
   }
   for (const auto& [key, value] : options.env) {
-    set_env(env, key, value);
+    vars[key] = value;
+  }
+  std::vector<std::string> env;
+  for (const auto& [key, value] : vars) {
+    env.push_back(key + "=" + value);
   }
   std::vector<char*> envp;
   for (auto& entry : env) {
@@ -264,10 +246,11 @@ ChildResult ConfigSandbox::run(const std::string& scenario, const RunOptions& op
   std::string argv0 = exe;
   char* argv[] = {argv0.data(), nullptr};
 
-  int out_pipe[2];
-  int err_pipe[2];
-  if (pipe2(out_pipe, O_CLOEXEC) != 0 || pipe2(err_pipe, O_CLOEXEC) != 0) {
-    throw std::runtime_error("config_sandbox: pipe2 failed");
+  // The child's output goes to anonymous files, read once it has ended.
+  const int sinks[2] = {memfd_create("sandbox-out", MFD_CLOEXEC),
+                        memfd_create("sandbox-err", MFD_CLOEXEC)};
+  if (sinks[0] < 0 || sinks[1] < 0) {
+    throw std::runtime_error("config_sandbox: memfd_create failed");
   }
   std::fflush(nullptr);
   const pid_t pid = fork();
@@ -275,8 +258,8 @@ ChildResult ConfigSandbox::run(const std::string& scenario, const RunOptions& op
     throw std::runtime_error("config_sandbox: fork failed");
   }
   if (pid == 0) {
-    dup2(out_pipe[1], STDOUT_FILENO);
-    dup2(err_pipe[1], STDERR_FILENO);
+    dup2(sinks[0], STDOUT_FILENO);
+    dup2(sinks[1], STDERR_FILENO);
     if (chdir(cwd.c_str()) != 0) {
       static const char message[] = "[config_sandbox] chdir failed\n";
       (void)!write(STDERR_FILENO, message, sizeof(message) - 1);
@@ -285,48 +268,32 @@ ChildResult ConfigSandbox::run(const std::string& scenario, const RunOptions& op
     execve(exe.c_str(), argv, envp.data());
     _exit(127);
   }
-  close(out_pipe[1]);
-  close(err_pipe[1]);
 
   ChildResult result;
+  pollfd ended{static_cast<int>(syscall(SYS_pidfd_open, pid, 0)), POLLIN, 0};
   const auto deadline = std::chrono::steady_clock::now() + options.timeout;
-  pollfd fds[2] = {{out_pipe[0], POLLIN, 0}, {err_pipe[0], POLLIN, 0}};
-  std::string* sinks[2] = {&result.out, &result.err};
-  int open_pipes = 2;
-  while (open_pipes > 0) {
+  int ready = 0;
+  do {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) {
-      result.timed_out = true;
-      kill(pid, SIGKILL);
-      break;
-    }
-    const int ready = poll(fds, 2, static_cast<int>(left.count()));
-    if (ready < 0 && errno != EINTR) {
-      break;
-    }
-    for (int i = 0; i < 2; ++i) {
-      if (fds[i].fd < 0 || (fds[i].revents & (POLLIN | POLLHUP | POLLERR)) == 0) {
-        continue;
-      }
-      char buffer[4096];
-      const ssize_t n = read(fds[i].fd, buffer, sizeof(buffer));
-      if (n > 0) {
-        sinks[i]->append(buffer, static_cast<std::size_t>(n));
-      } else if (n == 0 || errno != EINTR) {
-        close(fds[i].fd);
-        fds[i].fd = -1;
-        --open_pipes;
-      }
-    }
+    ready = poll(&ended, 1, static_cast<int>(std::max<long long>(left.count(), 0)));
+  } while (ready < 0 && errno == EINTR);
+  if (ready == 0) {
+    result.timed_out = true;
+    kill(pid, SIGKILL);
   }
-  for (const pollfd& fd : fds) {
-    if (fd.fd >= 0) {
-      close(fd.fd);
-    }
-  }
+  close(ended.fd);
   int status = 0;
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  std::string* texts[2] = {&result.out, &result.err};
+  for (int i = 0; i < 2; ++i) {
+    char buffer[4096];
+    lseek(sinks[i], 0, SEEK_SET);
+    for (ssize_t n; (n = read(sinks[i], buffer, sizeof(buffer))) > 0;) {
+      texts[i]->append(buffer, static_cast<std::size_t>(n));
+    }
+    close(sinks[i]);
   }
   // gtest_main announces itself before any test code runs; that line is not the scenario's.
   const std::string banner = "Running main() from ";
@@ -344,49 +311,29 @@ ChildResult ConfigSandbox::run(const std::string& scenario, const RunOptions& op
 
 std::string replace_yaml_section(const std::string& yaml, const std::string& section,
                                  const std::string& replacement) {
-  std::vector<std::string> lines;
+  std::vector<std::string> lines;  // each with its newline
   std::istringstream in(yaml);
   for (std::string line; std::getline(in, line);) {
     lines.push_back(line + "\n");
   }
-  const auto is_header = [&](const std::string& line) {
+  const std::string body =
+      replacement.empty() || replacement.back() == '\n' ? replacement : replacement + "\n";
+  const auto begin = std::find_if(lines.begin(), lines.end(), [&](const std::string& line) {
     return starts_with(line, section + ":") &&
-           (line.size() == section.size() + 1 || line[section.size() + 1] == ' ' ||
-            line[section.size() + 1] == '\n');
-  };
-  const auto is_body = [](const std::string& line) {
-    return line.empty() || line[0] == ' ' || line[0] == '\t' || line[0] == '#' || line == "\n";
-  };
-  const auto is_loose = [](const std::string& line) { return line == "\n" || line[0] == '#'; };
-
-  std::string body = replacement;
-  if (!body.empty() && body.back() != '\n') {
-    body += '\n';
-  }
-  std::size_t begin = 0;
-  while (begin < lines.size() && !is_header(lines[begin])) {
-    ++begin;
-  }
-  if (begin == lines.size()) {
+           std::strchr(" \n", line[section.size() + 1]) != nullptr;
+  });
+  if (begin == lines.end()) {
     return yaml + (yaml.empty() || yaml.back() == '\n' ? "" : "\n") + body;
   }
-  std::size_t end = begin + 1;
-  while (end < lines.size() && is_body(lines[end])) {
-    ++end;
-  }
+  auto end = std::find_if_not(begin + 1, lines.end(), [](const std::string& line) {
+    return std::strchr(" \t#\n", line[0]) != nullptr;
+  });
   // Blank lines and column-0 comments at the end introduce the next section: leave them.
-  while (end > begin + 1 && is_loose(lines[end - 1])) {
+  while (end > begin + 1 && std::strchr("#\n", (end - 1)->front()) != nullptr) {
     --end;
   }
-  std::string result;
-  for (std::size_t i = 0; i < begin; ++i) {
-    result += lines[i];
-  }
-  result += body;
-  for (std::size_t i = end; i < lines.size(); ++i) {
-    result += lines[i];
-  }
-  return result;
+  return std::accumulate(end, lines.end(),
+                         std::accumulate(lines.begin(), begin, std::string()) + body);
 }
 
 }  // namespace kestrel::testing

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <initializer_list>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kestrel::simbus::rawcan {
@@ -31,11 +32,7 @@ class Fd {
     return *this;
   }
   int get() const { return fd_; }
-  int release() {
-    const int fd = fd_;
-    fd_ = -1;
-    return fd;
-  }
+  int release() { return std::exchange(fd_, -1); }
   void reset(int fd = -1) {
     if (fd_ >= 0) {
       ::close(fd_);
@@ -56,28 +53,27 @@ inline int interface_index_of(int fd, const std::string& name) {
 // A raw CAN socket bound to `name` (FD frames enabled when asked); an invalid Fd, with the
 // failure recorded, when any step fails.
 inline Fd open_can(const std::string& name, bool fd_frames = false) {
+  const auto failed = [&name](const char* step) {
+    ADD_FAILURE() << step << ' ' << name << ": " << std::strerror(errno);
+    return Fd();
+  };
   Fd socket_fd(::socket(PF_CAN, SOCK_RAW, CAN_RAW));
   if (socket_fd.get() < 0) {
-    ADD_FAILURE() << "socket(PF_CAN): " << std::strerror(errno);
-    return Fd();
+    return failed("socket(PF_CAN) for");
   }
-  const int index = interface_index_of(socket_fd.get(), name);
-  if (index < 0) {
-    ADD_FAILURE() << "SIOCGIFINDEX " << name << ": " << std::strerror(errno);
-    return Fd();
+  sockaddr_can address{};
+  address.can_family = AF_CAN;
+  address.can_ifindex = interface_index_of(socket_fd.get(), name);
+  if (address.can_ifindex < 0) {
+    return failed("SIOCGIFINDEX");
   }
   const int one = 1;
   if (fd_frames &&
       ::setsockopt(socket_fd.get(), SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &one, sizeof(one)) < 0) {
-    ADD_FAILURE() << "CAN_RAW_FD_FRAMES: " << std::strerror(errno);
-    return Fd();
+    return failed("CAN_RAW_FD_FRAMES on");
   }
-  sockaddr_can address{};
-  address.can_family = AF_CAN;
-  address.can_ifindex = index;
   if (::bind(socket_fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) < 0) {
-    ADD_FAILURE() << "bind " << name << ": " << std::strerror(errno);
-    return Fd();
+    return failed("bind");
   }
   return socket_fd;
 }
