@@ -22,6 +22,7 @@
 #include <numeric>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 #include "kestrel/algorithms/config_paths.hpp"
 
@@ -270,21 +271,35 @@ ChildResult ConfigSandbox::run(const std::string& scenario, const RunOptions& op
   }
 
   ChildResult result;
-  pollfd ended{static_cast<int>(syscall(SYS_pidfd_open, pid, 0)), POLLIN, 0};
+  // Waits on a pidfd where the kernel has them, else polls the child every 5 ms.
+  const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
   const auto deadline = std::chrono::steady_clock::now() + options.timeout;
-  int ready = 0;
-  do {
+  int status = 0;
+  bool reaped = false;
+  for (;;) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         deadline - std::chrono::steady_clock::now());
-    ready = poll(&ended, 1, static_cast<int>(std::max<long long>(left.count(), 0)));
-  } while (ready < 0 && errno == EINTR);
-  if (ready == 0) {
-    result.timed_out = true;
-    kill(pid, SIGKILL);
+    if (left.count() <= 0) {
+      result.timed_out = true;
+      kill(pid, SIGKILL);
+      break;
+    }
+    if (pidfd >= 0) {
+      pollfd ended{pidfd, POLLIN, 0};
+      if (poll(&ended, 1, static_cast<int>(left.count())) > 0) {
+        break;
+      }
+    } else if (waitpid(pid, &status, WNOHANG) == pid) {
+      reaped = true;
+      break;
+    } else {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
   }
-  close(ended.fd);
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  if (pidfd >= 0) {
+    close(pidfd);
+  }
+  while (!reaped && waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
   std::string* texts[2] = {&result.out, &result.err};
   for (int i = 0; i < 2; ++i) {
