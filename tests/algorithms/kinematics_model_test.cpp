@@ -63,11 +63,7 @@ TEST(KinematicsModel, LaysOutTheChainFromUrdfPayloadAndTool) {
   TempDir dir;
   TestArm arm;
   const auto [yaml, urdf] = arm.write(dir);
-  ::testing::internal::CaptureStdout();
   RobotKinematics model(yaml, urdf);
-  std::fflush(stdout);
-  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "urdf num_joints_: 6\n");
-
   EXPECT_EQ(segment_names(model.chain()),
             (std::vector<std::string>{"j1_origin", "l1", "j2_origin", "l2", "l3", "j3_origin", "l4",
                                       "j4_origin", "l5", "j5_origin", "l6", "j6_origin", "l7",
@@ -163,7 +159,6 @@ TEST_F(TwoLinkArm, RejectsEveryMalformedFile) {
       {tool + "  payload: {mass: 0.5, com: [0, 0, 0], origin: {rpy: 1}}\n",
        seq3("payload.origin.rpy")},
       {tool + "  mounting: {gravity_vector: [0, 0]}\n", seq3("mounting.gravity_vector")},
-      {tool + "  mounting: {mode: sideways}\n", mode},
       {tool + "  mounting: {mode: Upright}\n", mode},
       {tool + "  payload: {mass: heavy, com: [0, 0, 0]}\n",
        invalid + "'kinematics.payload.mass' must be numeric: ", true},
@@ -185,7 +180,6 @@ TEST_F(TwoLinkArm, RejectsEveryMalformedFile) {
   const std::vector<std::pair<std::string, std::string>> urdf_rows = {
       {"<model/>", "URDF at " + urdf + " does not contain a <robot> root"},
       {two_link_urdf("floating"), "Unsupported URDF joint type: floating"},
-      {two_link_urdf("planar"), "Unsupported URDF joint type: planar"},
       // Reader errors pass through unchanged.
       {"<robot><link name=\"a\"/><link name=\"b\"/><link name=\"c\"/>"
        "<joint name=\"x\" type=\"fixed\"><parent link=\"a\"/><child link=\"b\"/></joint>"

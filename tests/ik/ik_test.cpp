@@ -125,32 +125,6 @@ TEST(SolveIk, DefaultStrategiesReportTheirOutcome) {
   }
 }
 
-TEST(SolveIk, RoundTripsFromNearbySeedsStayOnTheBranch) {
-  std::mt19937 rng(11);
-  int solved = 0;
-  const int trials = 300;
-  for (int t = 0; t < trials; ++t) {
-    Joints q(6), seed(6);
-    for (int j = 0; j < 6; ++j) {
-      const double lo = shipped().joint_lower_limits()[j] + 0.1;
-      const double hi = shipped().joint_upper_limits()[j] - 0.1;
-      q[j] = std::uniform_real_distribution<double>(lo, hi)(rng);
-      seed[j] = q[j] + std::uniform_real_distribution<double>(-0.05, 0.05)(rng);
-    }
-    const Pose target = pose_of(q);
-    Joints out;
-    bool ok = false;
-    capture_stderr([&] { ok = shipped().solve_ik_kdl(target.pos, target.euler, seed, out); });
-    if (ok) {
-      ++solved;
-      EXPECT_LT(miss(out, target).first, 0.003);
-      const Eigen::Map<const Eigen::VectorXd> got(out.data(), 6), from(q.data(), 6);
-      EXPECT_LT((got - from).cwiseAbs().maxCoeff(), 0.2) << "a near seed finds the nearby solution";
-    }
-  }
-  EXPECT_GE(solved, trials * 99 / 100);
-}
-
 // KDL converges to the posture beyond joint 3's upper limit (0.58 rad) that the target came from;
 // the answer is clamped onto the limit, never returned beyond it.
 TEST(SolveIk, KdlAnswerBeyondALimitIsClampedOntoIt) {
