@@ -35,7 +35,7 @@ class KinematicsDynamics : public ::testing::Test {
   std::vector<Vec> random_vectors(int count, double range, unsigned seed) const {
     std::mt19937 rng(seed);
     std::uniform_real_distribution<double> u(-range, range);
-    std::vector<Vec> out(static_cast<std::size_t>(count), Vec(arm_.movable()));
+    std::vector<Vec> out(static_cast<std::size_t>(count), Vec(6));
     for (Vec& q : out) {
       for (double& v : q) {
         v = u(rng);
