@@ -30,14 +30,6 @@ std::string two_link_urdf(const std::string& second_type = "revolute") {
 
 constexpr const char* kTool = "kinematics:\n  tool: {xyz: [0, 0, 0.1], rpy: [0, 0, 0]}\n";
 
-std::vector<std::string> segment_names(const KDL::Chain& chain) {
-  std::vector<std::string> names;
-  for (const auto& segment : chain.segments) {
-    names.push_back(segment.getName());
-  }
-  return names;
-}
-
 // The two-link arm with the tool and `extra` lines of the kinematics section.
 class TwoLinkArm : public ::testing::Test {
  protected:
@@ -64,12 +56,6 @@ TEST(KinematicsModel, LaysOutTheChainFromUrdfPayloadAndTool) {
   TestArm arm;
   const auto [yaml, urdf] = arm.write(dir);
   RobotKinematics model(yaml, urdf);
-  EXPECT_EQ(segment_names(model.chain()),
-            (std::vector<std::string>{"j1_origin", "l1", "j2_origin", "l2", "l3", "j3_origin", "l4",
-                                      "j4_origin", "l5", "j5_origin", "l6", "j6_origin", "l7",
-                                      "flange", "payload", "tool"}));
-  EXPECT_EQ(model.chain().segments[0].getJoint().getName(), "j1_origin_fixed");
-  EXPECT_EQ(model.chain().segments[1].getJoint().getName(), "j1");
   EXPECT_EQ(model.chain().segments[14].getInertia().getMass(), arm.payload_mass);
   EXPECT_EQ(model.num_joints(), 6);
   EXPECT_EQ(model.urdf_joints().size(), arm.joints.size());
@@ -82,8 +68,6 @@ TEST(KinematicsModel, LaysOutTheChainFromUrdfPayloadAndTool) {
 
 TEST_F(TwoLinkArm, WithoutPayloadTheToolFollowsTheFlange) {
   RobotKinematics m = model();
-  EXPECT_EQ(segment_names(m.chain()),
-            (std::vector<std::string>{"ja_origin", "b", "jb_origin", "c", "tool"}));
   const std::vector<double> fk = m.forwardKinematics_kdl({0.0, 0.0});
   // Flange at (0.2, 0, 0.1) pitched by 0.3 rad about y; the tool sits 0.1 along its z.
   EXPECT_NEAR(fk[0], 0.2 + 0.1 * std::sin(0.3), 1e-12);
