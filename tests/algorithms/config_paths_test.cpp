@@ -85,19 +85,13 @@ TEST(ConfigCandidates, WalksEveryLevelUpToTheRootInRuleOrder) {
   EXPECT_TRUE(candidates_from("").empty());
 }
 
-TEST(ConfigDoubleSequence, AcceptsOnlySequencesOfNumbers) {
-  EXPECT_EQ(read_double_sequence(YAML::Load("[1, 2.5, -3]"), "a.b"),
-            (std::vector<double>{1.0, 2.5, -3.0}));
+// Lists, scalars and bad numbers through the readers:
+// IkSolverConfig.RejectsBadValuesWithTheirOwnText.
+TEST(ConfigDoubleSequence, AcceptsAnEmptySequenceAndRefusesAMissingKey) {
   EXPECT_TRUE(read_double_sequence(YAML::Load("[]"), "a.b").empty());
-  for (const char* text : {"3", "{x: 1}", "~"}) {
-    EXPECT_EQ(refusal_of<std::exception>([&] { read_double_sequence(YAML::Load(text), "a.b"); }),
-              "a.b must be a YAML sequence")
-        << text;
-  }
   const YAML::Node map = YAML::Load("{x: 1}");
   EXPECT_EQ(refusal_of<std::exception>([&] { read_double_sequence(map["missing"], "m.k"); }),
             "m.k must be a YAML sequence");
-  EXPECT_THROW(read_double_sequence(YAML::Load("[1, x]"), "a.b"), YAML::BadConversion);
 }
 
 TEST(ConfigLoggingSwitch, DefaultsWhenAbsentAndWrapsYamlErrors) {
@@ -110,11 +104,6 @@ TEST(ConfigLoggingSwitch, DefaultsWhenAbsentAndWrapsYamlErrors) {
   const auto refusal = [](const std::string& path, const char* key) {
     return refusal_of<std::exception>([&] { read_logging_bool(path, key, false); });
   };
-  const std::string maybe = dir.write("maybe.yaml", "logging: {ik_diagnostics: maybe}\n");
-  EXPECT_THAT(
-      refusal(maybe, "ik_diagnostics"),
-      ::testing::AllOf(StartsWith("Failed to read logging.ik_diagnostics at " + maybe + ": "),
-                       ::testing::HasSubstr("bad conversion")));
   for (const std::string& path :
        {dir.write("broken.yaml", "logging: [unclosed\n"), (dir.path() / "missing.yaml").string()}) {
     EXPECT_THAT(refusal(path, "k"), StartsWith("Failed to read logging.k at " + path + ": "));

@@ -115,9 +115,8 @@ TEST(IkSolverConfig, RejectsBadValuesWithTheirOwnText) {
     }
   }
   // YAML conversion and file errors are wrapped with the file's name.
-  for (const char* section :
-       {"{max_joint_velocity_rad_s: [1, fast]}", "{max_fast_iterations: 2.5}",
-        "{allow_kdl_fallback: perhaps}", "[unclosed", static_cast<const char*>(nullptr)}) {
+  for (const char* section : {"{max_joint_velocity_rad_s: [1, fast]}", "{max_fast_iterations: 2.5}",
+                              "[unclosed", static_cast<const char*>(nullptr)}) {
     const std::string path = section ? dir.write("a.yaml", std::string("ik_solver: ") + section)
                                      : (dir.path() / "none.yaml").string();
     EXPECT_THAT(refusal_of<std::runtime_error>([&] { read_ik_solver_config(path); }),

@@ -9,11 +9,9 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
-#include <iostream>
 #include <map>
 #include <memory>
 #include <random>
-#include <set>
 
 #include "algorithms/test_arm.hpp"
 #include "kestrel/algorithms/config_paths.hpp"
@@ -37,15 +35,13 @@ Eigen::VectorXd joints(std::initializer_list<double> q) {
   return Eigen::Map<const Eigen::VectorXd>(q.begin(), static_cast<Eigen::Index>(q.size()));
 }
 
-// Joint axes as lines in the base frame, and the link frames, from the URDF joint list alone.
+// Joint axes as lines in the base frame, from the URDF joint list alone.
 struct Pose {
   std::vector<Eigen::Vector3d> point, axis;
-  std::map<std::string, Eigen::Isometry3d> link;
 };
 
 Pose walk(const RobotKinematics& model, const Eigen::VectorXd& q) {
   Pose p;
-  p.link["base_link"] = Eigen::Isometry3d::Identity();
   Eigen::Isometry3d T = Eigen::Isometry3d::Identity();
   for (std::size_t i = 0; i < model.urdf_joints().size(); ++i) {
     const UrdfJoint& j = model.urdf_joints()[i];
@@ -53,7 +49,6 @@ Pose walk(const RobotKinematics& model, const Eigen::VectorXd& q) {
     p.point.push_back(T.translation());
     p.axis.push_back(T.linear() * j.axis);
     T = T * Eigen::AngleAxisd(q[static_cast<Eigen::Index>(i)], j.axis);
-    p.link[j.child_link] = T;
   }
   return p;
 }
@@ -61,13 +56,6 @@ Pose walk(const RobotKinematics& model, const Eigen::VectorXd& q) {
 double line_distance(const Eigen::Vector3d& x, const Eigen::Vector3d& point,
                      const Eigen::Vector3d& dir) {
   return (x - point).cross(dir.normalized()).norm();
-}
-
-double point_segment(const Eigen::Vector3d& x, const Eigen::Vector3d& a, const Eigen::Vector3d& b) {
-  const Eigen::Vector3d ab = b - a;
-  const double t =
-      ab.squaredNorm() < 1e-18 ? 0.0 : std::clamp((x - a).dot(ab) / ab.squaredNorm(), 0.0, 1.0);
-  return (a + t * ab - x).norm();
 }
 
 class OspreyArm : public ::testing::Test {
@@ -85,7 +73,6 @@ class OspreyArm : public ::testing::Test {
                                                 urdf_path_);
   }
 
-  static const YAML::Node& cfg() { return config_; }
   static std::vector<double> lower() { return model_->joint_lower_limits(); }
   static std::vector<double> upper() { return model_->joint_upper_limits(); }
 
@@ -187,13 +174,12 @@ TEST_F(OspreyArm, ReachesAboutSixtyCentimetresFromTheShoulder) {
     const Eigen::Vector3d flange = model_->forward_kinematics(q).topRightCorner<3, 1>();
     reach = std::max(reach, (flange - walk(*model_, q).point[1]).norm());
   }
-  std::cout << "[osprey] shoulder-to-flange reach " << reach << " m\n";
   EXPECT_GT(reach, 0.55);
   EXPECT_LT(reach, 0.65);
 }
 
 TEST_F(OspreyArm, SingularityTargetsAreTheAlignedWristAndTheStretchedElbow) {
-  const auto& sp = cfg()["singularity_protection"];
+  const auto& sp = config_["singularity_protection"];
   const double target = sp["wrist_target_abs_rad"].as<double>();
   for (auto q : postures(200, 2)) {
     for (const double q5 : {target, -target, 0.0}) {
@@ -242,7 +228,7 @@ TEST_F(OspreyArm, SingularityTargetsAreTheAlignedWristAndTheStretchedElbow) {
 }
 
 TEST_F(OspreyArm, GravityWithPayloadStaysBelowTheTorqueWarnings) {
-  const YAML::Node configured = cfg()["runtime_joint_safety"]["torque_warn_limits"];
+  const YAML::Node configured = config_["runtime_joint_safety"]["torque_warn_limits"];
   const auto warn =
       configured ? seq(configured) : std::vector<double>(kDefaultWarn, kDefaultWarn + 6);
   std::vector<Eigen::VectorXd> all = postures(5000, 4);
@@ -258,8 +244,6 @@ TEST_F(OspreyArm, GravityWithPayloadStaysBelowTheTorqueWarnings) {
   for (const auto& q : all) {
     worst = worst.cwiseMax(gravity(q).cwiseAbs());
   }
-  std::cout << "[osprey] worst static gravity torque with " << kPayloadKg
-            << " kg (N·m): " << worst.transpose() << '\n';
   for (int j = 0; j < 6; ++j) {
     EXPECT_LT(worst[j], warn[j]) << "joint " << j + 1;
     EXPECT_LT(worst[j], kDefaultWarn[j]) << "joint " << j + 1;
@@ -268,14 +252,14 @@ TEST_F(OspreyArm, GravityWithPayloadStaysBelowTheTorqueWarnings) {
 }
 
 TEST_F(OspreyArm, GainsAndLimitsFitTheMotorsAndTheLinkInertias) {
-  const auto kp = seq(cfg()["mit_mode"]["kp"]);
-  const auto kd = seq(cfg()["mit_mode"]["kd"]);
-  const auto ff = seq(cfg()["mit_mode"]["feedforward_tau_limits"]);
-  const auto acc = seq(cfg()["joint_trajectory"]["max_acc_limits"]);
-  const auto vel = seq(cfg()["joint_trajectory"]["max_vel_limits"]);
-  const auto jerk = seq(cfg()["joint_trajectory"]["max_jerk_limits"]);
-  const auto stop = seq(cfg()["runtime_joint_safety"]["torque_stop_limits"]);
-  const double vel_stop_scale = cfg()["trajectory_safety"]["velocity_stop_scale"].as<double>();
+  const auto kp = seq(config_["mit_mode"]["kp"]);
+  const auto kd = seq(config_["mit_mode"]["kd"]);
+  const auto ff = seq(config_["mit_mode"]["feedforward_tau_limits"]);
+  const auto acc = seq(config_["joint_trajectory"]["max_acc_limits"]);
+  const auto vel = seq(config_["joint_trajectory"]["max_vel_limits"]);
+  const auto jerk = seq(config_["joint_trajectory"]["max_jerk_limits"]);
+  const auto stop = seq(config_["runtime_joint_safety"]["torque_stop_limits"]);
+  const double vel_stop_scale = config_["trajectory_safety"]["velocity_stop_scale"].as<double>();
   Eigen::VectorXd j_max = Eigen::VectorXd::Zero(6);
   Eigen::VectorXd need = Eigen::VectorXd::Zero(6);
   const Eigen::Map<const Eigen::VectorXd> accel(acc.data(), 6);
@@ -307,77 +291,14 @@ TEST_F(OspreyArm, GainsAndLimitsFitTheMotorsAndTheLinkInertias) {
     EXPECT_LE(vel[j] * vel_stop_scale, kMotorSpeed[j]);
     EXPECT_GT(jerk[j], acc[j]);
   }
-  for (const double s : seq(cfg()["motor_signs"])) {
+  for (const double s : seq(config_["motor_signs"])) {
     EXPECT_EQ(std::abs(s), 1.0);
   }
   for (const char* key : {"max_acc_limits", "max_dec_limits", "kp_apr_limits"}) {
-    const auto values = seq(cfg()["pos_vel_mode"][key]);
+    const auto values = seq(config_["pos_vel_mode"][key]);
     ASSERT_EQ(values.size(), 6u) << key;
     for (const double v : values) {
       EXPECT_EQ(static_cast<double>(static_cast<float>(v)), v) << key;  // survives the register
-    }
-  }
-}
-
-TEST_F(OspreyArm, SelfCollisionBodiesFitTheLinks) {
-  const YAML::Node sc = cfg()["self_collision"];
-  const double warn = sc["warn_distance_m"].as<double>();
-  const double stop = sc["stop_distance_m"].as<double>();
-  struct Body {
-    std::string name, link;
-    bool box;
-    Eigen::Vector3d a, b;  // capsule ends, or box centre and size
-    double radius;
-  };
-  std::vector<Body> bodies;
-  std::map<std::string, int> per_link;
-  for (const auto& n : sc["bodies"]) {
-    const bool box = n["type"].as<std::string>() == "box";
-    const auto a = seq(n[box ? "center" : "p0"]);
-    const auto b = seq(n[box ? "size" : "p1"]);
-    bodies.push_back({n["name"].as<std::string>(), n["link"].as<std::string>(), box,
-                      Eigen::Vector3d(a[0], a[1], a[2]), Eigen::Vector3d(b[0], b[1], b[2]),
-                      box ? 0.0 : n["radius"].as<double>()});
-    ++per_link[bodies.back().link];
-  }
-  per_link.erase("base_link");
-  EXPECT_EQ(per_link.size(), 6u);  // every moving link is covered
-  std::set<std::pair<std::string, std::string>> ignored;
-  for (const auto& pair : sc["ignored_pairs"]) {
-    const auto p = pair.as<std::vector<std::string>>();
-    ignored.insert({{p[0], p[1]}, {p[1], p[0]}});
-  }
-  // Capsule x against capsule or box y (a box is axis-aligned in its link frame), by dense
-  // sampling of x's segment.
-  const auto clearance = [&](const Pose& pose, const Body& x, const Body& y) {
-    const Eigen::Isometry3d& Tx = pose.link.at(x.link);
-    const Eigen::Isometry3d& Ty = pose.link.at(y.link);
-    double best = 1e9;
-    for (int i = 0; i <= 400; ++i) {
-      const Eigen::Vector3d p = Ty.inverse() * (Tx * (x.a + (x.b - x.a) * (i / 400.0)));
-      best = std::min(best, y.box ? ((p - y.a).cwiseAbs() - y.b / 2).cwiseMax(0.0).norm()
-                                  : point_segment(p, y.a, y.b));
-    }
-    return best - x.radius - y.radius;
-  };
-  const std::vector<Eigen::VectorXd> working = {
-      Eigen::VectorXd::Zero(6), joints({0.5, 0.6, 0.4, 0.3, -0.9, 1.0}),
-      joints({-1.0, -0.4, -0.8, -1.2, -1.2, -2.0}), joints({0.0, 1.0, 0.2, 0.0, -1.2, 0.0})};
-  for (std::size_t w = 0; w < working.size(); ++w) {
-    const Pose pose = walk(*model_, working[w]);
-    for (std::size_t i = 0; i < bodies.size(); ++i) {
-      for (std::size_t k = i + 1; k < bodies.size(); ++k) {
-        const Body& x = bodies[i].box ? bodies[k] : bodies[i];
-        const Body& y = bodies[i].box ? bodies[i] : bodies[k];
-        const double c = clearance(pose, x, y);
-        const std::string pair = x.name + " vs " + y.name + " posture " + std::to_string(w);
-        if (!ignored.count({x.name, y.name})) {
-          EXPECT_GT(c, w == 0 ? warn : stop) << pair;
-        } else if (w == 0) {
-          // Ignoring is only for bodies that touch by construction.
-          EXPECT_TRUE(x.link == y.link || c <= stop) << pair << " clearance " << c;
-        }
-      }
     }
   }
 }

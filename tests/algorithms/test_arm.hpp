@@ -73,11 +73,6 @@ struct TestArm {
   Eigen::Vector3d payload_com{0.0, 0.01, 0.08};
   Eigen::Vector3d gravity{0.5, -0.3, -9.7};
 
-  int movable() const {
-    return static_cast<int>(std::count_if(joints.begin(), joints.end(),
-                                          [](const TestJoint& j) { return j.type != "fixed"; }));
-  }
-
   std::string urdf() const {
     std::ostringstream s;
     s.precision(17);

@@ -92,17 +92,8 @@ TEST(BoxDistance, PointsAndCapsulesAroundRotatedBoxes) {
               1e-12);
 }
 
-TEST(BoxDistance, BoundingSpheresAndFrames) {
-  const Eigen::Isometry3d a = Eigen::Isometry3d::Identity();
-  const Eigen::Isometry3d b = transform_from_xyz_rpy({3, 0, 0}, {0.2, 0.1, 0.5});
-  EXPECT_NEAR(box_bounding_radius({0.3, 0.4, 1.2}), 0.65, 1e-15);
-  const double spheres = box_box_bounding_sphere_clearance(a, {1, 1, 1}, b, {1, 1, 1});
-  EXPECT_NEAR(spheres, 3 - std::sqrt(3.0), 1e-15);
-  EXPECT_LT(spheres, 2.5 - std::sqrt(3.0) / 2);  // the boxes are at least this far apart
-  // Axes are normalised; a vanishing axis does not turn; box poses compose link and body.
-  EXPECT_TRUE(
-      (axis_angle_rotation({0, 0, 2}, M_PI / 2) * Vector3d::UnitX()).isApprox(Vector3d::UnitY()));
-  EXPECT_TRUE(axis_angle_rotation({1e-13, 0, 0}, 1.0).isIdentity(0.0));
+// Bounding spheres of two boxes: SelfCollision.BodiesFollowTheLinkFramesAndBoxPairsUseTheirRules.
+TEST(BoxDistance, BoxPosesComposeTheLinkAndTheBodyPlacement) {
   const Eigen::Isometry3d link = transform_from_xyz_rpy({1, 0, 0}, {0, 0, M_PI / 2});
   const Eigen::Isometry3d pose = body_box_transform(link, {0.5, 0, 0}, {M_PI / 2, 0, 0});
   EXPECT_TRUE(pose.translation().isApprox(Vector3d(1, 0.5, 0)));

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "algorithms/test_arm.hpp"
 #include "kestrel/algorithms/kinematics.hpp"
 #include "kestrel/algorithms/safety_config.hpp"
 #include "kestrel/algorithms/trajectory_safety.hpp"
@@ -48,16 +49,6 @@ inline Samples straight_move(const Posture& a, const Posture& b, int steps) {
 inline RobotKinematics& shipped_model() {
   static RobotKinematics model;
   return model;
-}
-
-inline Eigen::Isometry3d xyz_rpy_pose(const Eigen::Vector3d& xyz, const Eigen::Vector3d& rpy) {
-  Eigen::Isometry3d T = Eigen::Isometry3d::Identity();
-  T.linear() = (Eigen::AngleAxisd(rpy.z(), Eigen::Vector3d::UnitZ()) *
-                Eigen::AngleAxisd(rpy.y(), Eigen::Vector3d::UnitY()) *
-                Eigen::AngleAxisd(rpy.x(), Eigen::Vector3d::UnitX()))
-                   .toRotationMatrix();
-  T.translation() = xyz;
-  return T;
 }
 
 inline Eigen::Vector3d vec(const std::array<double, 3>& a) {
@@ -98,7 +89,7 @@ inline std::vector<VisualSolid> read_visual_solids(const std::string& urdf_path)
       VisualSolid s;
       s.link = link->Attribute("name");
       const auto* origin = v->FirstChildElement("origin");
-      s.pose = xyz_rpy_pose(triple(origin->Attribute("xyz")), triple(origin->Attribute("rpy")));
+      s.pose = pose(triple(origin->Attribute("xyz")), triple(origin->Attribute("rpy")));
       const auto* geometry = v->FirstChildElement("geometry");
       if (const auto* box = geometry->FirstChildElement("box")) {
         s.is_box = true;
@@ -119,7 +110,7 @@ inline std::map<std::string, Eigen::Isometry3d> link_frames(
   std::map<std::string, Eigen::Isometry3d> frames{{"base_link", Eigen::Isometry3d::Identity()}};
   for (std::size_t i = 0; i < joints.size() && i < 6; ++i) {
     const auto& j = joints[i];
-    frames[j.child_link] = frames.at(j.parent_link) * xyz_rpy_pose(j.origin_xyz, j.origin_rpy) *
+    frames[j.child_link] = frames.at(j.parent_link) * pose(j.origin_xyz, j.origin_rpy) *
                            Eigen::AngleAxisd(q[i], j.axis.normalized());
   }
   return frames;
@@ -193,8 +184,7 @@ inline double body_signed_distance(const algorithms::SelfCollisionConfig::Body& 
     VisualSolid box;
     box.is_box = true;
     box.size = vec(body.size);
-    return visual_signed_distance(box, link_pose * xyz_rpy_pose(vec(body.center), vec(body.rpy)),
-                                  p);
+    return visual_signed_distance(box, link_pose * pose(vec(body.center), vec(body.rpy)), p);
   }
   return point_segment_distance(p, link_pose * vec(body.p0), link_pose * vec(body.p1)) -
          body.radius;

@@ -82,20 +82,16 @@ TEST(Singularity, JacobianAndWristCentreAgreeWithTheLinkFrames) {
 TEST(Singularity, KnownPosturesOfTheShippedArm) {
   const SingularityProtectionConfig c = load_safety_config().singularity_protection;
   EXPECT_EQ(assess({kForward}, c).level, SafetyLevel::ok);
-  // Wrist aligned: |q5| at the target gives margin 0, on either side.
-  for (const double q5 : {-c.wrist_target_abs_rad, c.wrist_target_abs_rad}) {
-    const SafetyResult r = assess({kForward, wrist(q5)}, c);
-    EXPECT_TRUE(r.level == SafetyLevel::stop && r.sample == 1 && r.joint == -1 &&
-                r.speed_scale == 0.0 && r.code == "singularity_stop");
-    EXPECT_THAT(r.message, HasSubstr("singularity stop at sample=1 q=[0, 0.6, -0.28, 0, "));
-    EXPECT_THAT(r.message, HasSubstr(" wrist_margin_rad=0 shoulder_radius_m="));
-  }
-  // Stretched elbow: q3 at the configured target or its mirror, q4 at its target.
-  for (const double q3 : {c.elbow_j3_target_rad, -c.elbow_j3_target_rad}) {
-    const SafetyResult r = assess({elbow(q3, c.elbow_j4_target_rad)}, c);
-    EXPECT_EQ(r.level, SafetyLevel::stop);
-    EXPECT_THAT(r.message, HasSubstr("elbow_radius_rad=0 "));
-  }
+  // Wrist aligned: q5 at the target gives margin 0 (the other side: InclusiveZones).
+  const SafetyResult r = assess({kForward, wrist(-c.wrist_target_abs_rad)}, c);
+  EXPECT_TRUE(r.level == SafetyLevel::stop && r.sample == 1 && r.joint == -1 &&
+              r.speed_scale == 0.0 && r.code == "singularity_stop");
+  EXPECT_THAT(r.message, HasSubstr("singularity stop at sample=1 q=[0, 0.6, -0.28, 0, "));
+  EXPECT_THAT(r.message, HasSubstr(" wrist_margin_rad=0 shoulder_radius_m="));
+  // Stretched elbow: q3 and q4 at their configured targets.
+  const SafetyResult elbow_stop = assess({elbow(c.elbow_j3_target_rad, c.elbow_j4_target_rad)}, c);
+  EXPECT_EQ(elbow_stop.level, SafetyLevel::stop);
+  EXPECT_THAT(elbow_stop.message, HasSubstr("elbow_radius_rad=0 "));
   // Wrist centre on the base axis: q3 solved for x = 0 with the upper arm leaning back.
   double lo = -1.3, hi = -0.6;
   for (int i = 0; i < 80; ++i) {
@@ -105,14 +101,6 @@ TEST(Singularity, KnownPosturesOfTheShippedArm) {
   const Posture on_axis{0.7, -0.3, lo, 0.4, -0.3, 0.2};
   EXPECT_LT(joint_origin_position(shipped_model(), on_axis).head<2>().norm(), 1e-9);
   EXPECT_EQ(assess({kForward, on_axis}, c).level, SafetyLevel::stop);
-  // q5 = 1.50: margin 0.0708, wrist scale 0.077 clamped up to the configured minimum.
-  const SafetyResult slow = assess({kForward, wrist(1.50), kForward}, c);
-  EXPECT_TRUE(slow.level == SafetyLevel::warning && slow.code == "singularity_warn" &&
-              slow.sample == 1u);
-  EXPECT_EQ(slow.speed_scale, c.yellow_min_speed_scale);
-  EXPECT_EQ(slow.threshold, c.jacobian_warn_sigma_min);
-  EXPECT_THAT(slow.message,
-              HasSubstr("singularity warning: wrist_margin_rad=0.0707963, shoulder_radius_m="));
   SingularityProtectionConfig off = c;
   off.enabled = false;
   EXPECT_EQ(assess({wrist(-c.wrist_target_abs_rad)}, off).level, SafetyLevel::ok);
@@ -135,7 +123,8 @@ TEST(Singularity, InclusiveZonesLinearScalesAndTheWorstSample) {
                         "wrist_margin_rad=0.25 "));
   // Margins 0.45, 0.3, 0.45: the middle sample is the worst, and the scale is its scale.
   const SafetyResult warn = assess({wrist(0.8), wrist(0.95), wrist(0.8)}, c);
-  EXPECT_TRUE(warn.level == SafetyLevel::warning && warn.sample == 1 && warn.threshold == -1.0);
+  EXPECT_TRUE(warn.level == SafetyLevel::warning && warn.code == "singularity_warn" &&
+              warn.sample == 1 && warn.threshold == -1.0);
   EXPECT_NEAR(warn.speed_scale, 0.2, 1e-12);
   EXPECT_THAT(warn.message,
               HasSubstr("singularity warning: wrist_margin_rad=0.3, shoulder_radius_m="));
