@@ -7,6 +7,7 @@
 
 #include <cmath>
 #include <functional>
+#include <limits>
 #include <random>
 
 #include "controller/controller_fixture.hpp"
@@ -114,18 +115,7 @@ class PlannerTest : public ::testing::Test {
                   time_sec, impl().planner_settings(400.0));
   }
   // Speed mode as the controller plans it, scaling the limits by speed_percent itself: the
-  // public plan, or the motion move_joint_waypoints would run.
-  std::vector<Sample> public_plan(const JointArray& start, const Poses& waypoints, double speed) {
-    const auto p = arm->plan_joint_waypoints_with_gripper(
-        vec(start), waypoints, std::vector<double>(waypoints.size(), 0.0), 0.0, speed);
-    std::vector<Sample> samples(p.positions.size());
-    for (size_t i = 0; i < samples.size(); ++i) {
-      std::copy_n(p.positions[i].begin(), 6, samples[i].position.begin());
-      std::copy_n(p.velocities[i].begin(), 6, samples[i].velocity.begin());
-      std::copy_n(p.accelerations[i].begin(), 6, samples[i].acceleration.begin());
-    }
-    return samples;
-  }
+  // motion move_joint_waypoints would run.
   std::vector<Sample> motion_plan(const JointArray& start, const Poses& waypoints, double speed) {
     return *impl()
                 .prepare_waypoint_motion(waypoints, 0.0, speed, 400.0, nullptr, {start, {}, {}},
@@ -203,16 +193,7 @@ double off_path(const Eigen::Vector3d& p, const std::vector<Eigen::Vector3d>& pa
   return d;
 }
 
-TEST_F(PlannerTest, OneWaypointAtTheStartIsOnePeriodAtRest) {
-  const auto samples = plan(kWork, {kWork}, 0.0).samples;
-  ASSERT_EQ(samples.size(), 2u);
-  for (const auto& s : samples) {
-    EXPECT_EQ(s.position, kWork);
-    EXPECT_EQ(s.velocity, JointArray{});
-  }
-}
-
-TEST_F(PlannerTest, WaypointVelocitiesAreTheMeanDifferenceOrZeroAtAReversal) {
+TEST_F(PlannerTest, WaypointVelocitiesAreTheMeanDifferenceOrZeroAtAReversalOrAtRest) {
   // Two equal segments (time mode): the sample at the middle waypoint carries its velocity.
   // Joint 1 rises on (mean difference 0.2 per segment), joint 2 reverses at b: velocity 0.
   const JointArray b = with(with(kWork, 0, kWork[0] + 0.1), 1, kWork[1] + 0.1);
@@ -227,6 +208,13 @@ TEST_F(PlannerTest, WaypointVelocitiesAreTheMeanDifferenceOrZeroAtAReversal) {
   EXPECT_NEAR(samples[200].acceleration[0], 0.0, 1e-9);  // zero at every waypoint
   EXPECT_NEAR(samples.back().position[0], c[0], 1e-12);
   EXPECT_THAT(samples.back().velocity, Each(DoubleNear(0.0, 1e-12)));
+  // One waypoint at the start: one period at rest.
+  const auto at_rest = plan(kWork, {kWork}, 0.0).samples;
+  ASSERT_EQ(at_rest.size(), 2u);
+  for (const auto& s : at_rest) {
+    EXPECT_EQ(s.position, kWork);
+    EXPECT_EQ(s.velocity, JointArray{});
+  }
 }
 
 // speed_percent scales the velocity limits alone, on both paths that plan by speed: every
@@ -237,25 +225,25 @@ TEST_F(PlannerTest, SpeedModeScalesOnlyTheVelocityLimitsAndKeepsEveryLimit) {
   const Poses waypoints = {{0.8, 0.1, -0.4, -1.0, -0.3, 1.2},
                            {-0.5, 0.6, -1.2, 0.8, -1.1, -0.9},
                            {0.0, 0.0, -0.5, 0.0, -0.5, 0.0}};
-  for (bool motion : {false, true}) {
-    SCOPED_TRACE(motion ? "motion" : "public plan");
-    auto planned = [&](const Poses& w, double speed) {
-      return motion ? motion_plan(kWork, w, speed) : public_plan(kWork, w, speed);
-    };
-    for (double speed : {1.0, 0.5}) {
-      const auto p = peaks(planned(waypoints, speed));
-      for (int j = 0; j < 6; ++j) {
-        EXPECT_LE(p.v[j], impl().max_vel[j] * speed * 1.0001) << "joint " << j << " at " << speed;
-        EXPECT_LE(p.a[j], impl().max_acc[j] * 1.0001) << "joint " << j;
-        // The sampled differences of acceleration slightly underestimate the jerk at most.
-        EXPECT_LE(p.j[j], impl().max_jerk[j] * 1.0001) << "joint " << j;
-      }
+  for (double speed : {1.0, 0.5}) {
+    const auto p = peaks(motion_plan(kWork, waypoints, speed));
+    for (int j = 0; j < 6; ++j) {
+      EXPECT_LE(p.v[j], impl().max_vel[j] * speed * 1.0001) << "joint " << j << " at " << speed;
+      EXPECT_LE(p.a[j], impl().max_acc[j] * 1.0001) << "joint " << j;
+      // The sampled differences of acceleration slightly underestimate the jerk at most.
+      EXPECT_LE(p.j[j], impl().max_jerk[j] * 1.0001) << "joint " << j;
     }
+  }
+  // The public plan scales the limits the same way.
+  for (bool motion : {false, true}) {
     auto duration = [&](double distance, double speed) {
-      return static_cast<double>(planned({vec(with(kWork, 0, kWork[0] + distance))}, speed).size());
+      const Poses target = {vec(with(kWork, 0, kWork[0] + distance))};
+      return motion ? motion_plan(kWork, target, speed).size()
+                    : arm->plan_joint_waypoints_with_gripper(vec(kWork), target, {0.0}, 0.0, speed)
+                          .positions.size();
     };
-    EXPECT_NEAR(duration(2.0, 0.5) / duration(2.0, 1.0), 2.0, 0.02);
-    EXPECT_EQ(duration(0.01, 0.5), duration(0.01, 1.0));
+    EXPECT_NEAR(static_cast<double>(duration(2.0, 0.5)) / duration(2.0, 1.0), 2.0, 0.02) << motion;
+    EXPECT_EQ(duration(0.01, 0.5), duration(0.01, 1.0)) << motion;
   }
 }
 
@@ -275,8 +263,11 @@ TEST_F(PlannerTest, TimeModeSharesTheStepsEvenlyAndChecksOnlyTheEnforcedLimits) 
 
 TEST_F(PlannerTest, RefusalsSayWhatIsWrong) {
   const std::vector<double> start = vec(kWork), five = {0.1, 0.2, 0.3, 0.4, 0.5};
-  const std::vector<double> two = {0.3, 0.0}, three = {0.3, 0.0, 0.3};
-  const Poses out_of_reach = {{1.5, 0.0, 0.3, 0.0, 0.0, 0.0}};
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  const std::vector<double> two = {0.3, 0.0}, three = {0.3, 0.0, 0.3}, six(6, 0.0), half = {0.5};
+  const std::vector<double> nan_first = {nan, 0, 0, 0, 0, 0}, nan_third = {0, 0, nan, 0, 0, 0};
+  const Poses out_of_reach = {{1.5, 0.0, 0.3, 0.0, 0.0, 0.0}}, twice = {start, start};
+  const Poses start_and_five = {start, five}, back_10cm = {pose_at(kWork, {-0.1, 0, 0})};
   auto public_plan_of = [&](std::vector<double> q, Poses w, std::vector<double> g, double t,
                             double s) {
     return [=] { arm->plan_joint_waypoints_with_gripper(q, w, g, t, s); };
@@ -284,6 +275,10 @@ TEST_F(PlannerTest, RefusalsSayWhatIsWrong) {
   auto& config = impl().trajectory_config;
   const std::string ia = "invalid_argument: ", move_l = "runtime_error: [move_l] ",
                     joint = "runtime_error: [move_joint_waypoints] requested time_sec=";
+  const std::string empty = ia + "waypoints must not be empty",
+                    both = ia + "speed_percent and time_sec are mutually exclusive; set only one",
+                    six_values = ia + "each waypoint must have exactly 6 joint values",
+                    grippers = ia + "gripper_positions must have the same length as waypoints";
   struct Row {
     const char* name;
     std::function<void()> call;
@@ -307,16 +302,13 @@ TEST_F(PlannerTest, RefusalsSayWhatIsWrong) {
       // The public plan checks its arguments in this order.
       {"plan, five start joints", public_plan_of(five, {}, {}, 1, 0.5),
        ia + "q_start must have exactly 6 joint values"},
-      {"plan, no waypoints", public_plan_of(start, {}, {}, 1, 0.5),
-       ia + "waypoints must not be empty"},
-      {"plan, no gripper positions", public_plan_of(start, {start}, {}, 1, 0.5),
-       ia + "gripper_positions must have the same length as waypoints"},
-      {"plan, both time and speed", public_plan_of(start, {five}, {0.5}, 1, 0.5),
-       ia + "speed_percent and time_sec are mutually exclusive; set only one"},
+      {"plan, no waypoints", public_plan_of(start, {}, {}, 1, 0.5), empty},
+      {"plan, no gripper positions", public_plan_of(start, {start}, {}, 1, 0.5), grippers},
+      {"plan, both time and speed", public_plan_of(start, {five}, {0.5}, 1, 0.5), both},
       {"plan, speed above 1", public_plan_of(start, {five}, {0.5}, 0, 1.5),
        ia + "speed_percent must be in (0, 1]"},
       {"plan, full speed passes the speed check", public_plan_of(start, {five}, {0.5}, 0, 1.0),
-       ia + "each waypoint must have exactly 6 joint values"},
+       six_values},
       // Folded: shoulder back, elbow closed, so that the forearm meets the base.
       {"plan into the base",
        public_plan_of(start, {{0.0, -1.4, 0.58, 0.0, -1.2, 0.0}}, {0.0}, 0, 0.5),
@@ -324,10 +316,8 @@ TEST_F(PlannerTest, RefusalsSayWhatIsWrong) {
              HasSubstr("_stop: "))},
       // Argument errors come before anything moves, and before the joint state is read: without
       // hardware there is none.
-      {"move, both time and speed", [&] { arm->move_joint_waypoints({start}, 1.0, 0.5); },
-       ia + "speed_percent and time_sec are mutually exclusive; set only one"},
-      {"move, no waypoints", [&] { arm->move_joint_waypoints({}, 1.0, 0.0); },
-       ia + "waypoints must not be empty"},
+      {"move, both time and speed", [&] { arm->move_joint_waypoints({start}, 1.0, 0.5); }, both},
+      {"move, no waypoints", [&] { arm->move_joint_waypoints({}, 1.0, 0.0); }, empty},
       {"chunk, negative switch delay",
        [&] { arm->update_joint_waypoint_chunk({start}, 1, 0, -0.1); },
        ia + "switch_delay_sec must be non-negative"},
@@ -337,21 +327,34 @@ TEST_F(PlannerTest, RefusalsSayWhatIsWrong) {
        ia + "target_pos and target_euler must both have exactly 3 elements."},
       {"solve_ik_nearest, one-joint seed", [&] { arm->solve_ik_nearest(three, three, {0.0}); },
        ia + "q_seed must have exactly 6 elements when provided."},
-      {"chunk, five values",
-       [&] {
-         arm->update_joint_waypoint_chunk({start, five}, 0, 0.5, 0.1);
-       },
-       ia + "each waypoint must have exactly 6 joint values"},
+      {"chunk, five values", [&] { arm->update_joint_waypoint_chunk(start_and_five, 0, 0.5, 0.1); },
+       six_values},
       {"move, gripper list too long",
        [&] {
          arm->move_joint_waypoints_with_gripper({start}, {0.5, 0.5}, 1.0, 0.0);
        },
-       ia + "gripper_positions must have the same length as waypoints"},
+       grippers},
       {"chunk, gripper list too short",
-       [&] {
-         arm->update_joint_waypoint_chunk_with_gripper({start, start}, {0.5}, 1, 0, 0);
-       },
-       ia + "gripper_positions must have the same length as waypoints"},
+       [&] { arm->update_joint_waypoint_chunk_with_gripper(twice, half, 1, 0, 0); }, grippers},
+      // The direct commands: a NaN never reaches the command slot, let alone the bus.
+      {"set_joint, five joints", [&] { arm->set_joint(five, 1.0); }, ia + "q_end size mismatch"},
+      {"set_joint, no time", [&] { arm->set_joint(six, 0.0); }, ia + "tf must be positive"},
+      {"set_joint, NaN", [&] { arm->set_joint(nan_first, 1.0); },
+       ia + "q_end must contain only finite values"},
+      {"set_joint_raw, five joints", [&] { arm->set_joint_raw(five, six); },
+       ia + "q_end length does not match num_joints"},
+      {"set_joint_raw, two velocities", [&] { arm->set_joint_raw(six, two); },
+       ia + "v_end length does not match num_joints"},
+      {"set_joint_raw, NaN velocity", [&] { arm->set_joint_raw(six, nan_third); },
+       ia + "v_end must contain only finite values"},
+      {"pose, two coordinates", [&] { arm->set_end_effector_pose(two, three, 1.0); },
+       ia + "target_pos must have exactly 3 elements."},
+      {"pose, two angles", [&] { arm->set_end_effector_pose(three, two, 1.0); },
+       ia + "target_euler must have exactly 3 elements."},
+      {"gripper distance, NaN", [&] { arm->setGripperDistance(nan); },
+       ia + "gripper distance must be finite"},
+      {"waypoint, NaN", [&] { arm->move_joint_waypoints({nan_third}, 1.0, 0.0); },
+       ia + "waypoints must contain only finite values"},
       {"move, before any joint state", [&] { arm->move_joint_waypoints({start}, 1.0, 0.0); },
        "runtime_error: cannot plan waypoint trajectory before joint state is available"},
       // Where the line leaves the workspace the elbow would have to straighten in no time.
@@ -364,10 +367,7 @@ TEST_F(PlannerTest, RefusalsSayWhatIsWrong) {
       {"line beyond joint 6's limit",
        [&] { line(with(kWork, 5, 2.9), {pose_at(with(kWork, 5, 3.2))}, 0, 0.05, 0); },
        StartsWith(move_l + "the path leaves joint 6's limits")},
-      {"timed line beyond a joint limit",
-       [&] {
-         line(kWork, {pose_at(kWork, {-0.1, 0, 0})}, 0.1, 1.0, 0);
-       },
+      {"timed line beyond a joint limit", [&] { line(kWork, back_10cm, 0.1, 1.0, 0); },
        StartsWith(move_l + "requested time_sec=0.1 exceeds joint ")},
       {"line longer than allowed",
        [&] {
@@ -382,6 +382,7 @@ TEST_F(PlannerTest, RefusalsSayWhatIsWrong) {
     config = defaults;
   }
   EXPECT_EQ(Access::command_counter(*arm), 0) << "nothing was published";
+  EXPECT_EQ(Access::command_kind(*arm), 0) << "no command reached the slot";
 }
 
 TEST_F(PlannerTest, PublicPlanClampsToTheLimitsAndBuildsTheGripperTimeline) {
@@ -405,7 +406,10 @@ TEST_F(PlannerTest, PublicPlanClampsToTheLimitsAndBuildsTheGripperTimeline) {
 // every path crosses it, and the motion is refused.
 TEST_F(PlannerTest, SingularityDetourSteersAWristOvershootAroundOrGivesUp) {
   const Poses waypoints = {vec(with(kWork, 4, -1.40)), vec(with(kWork, 4, -1.47))};
-  EXPECT_THAT(refusal([&] { public_plan(with(kWork, 4, 0.0), waypoints, 0.5); }),
+  EXPECT_THAT(refusal([&] {
+                arm->plan_joint_waypoints_with_gripper(vec(with(kWork, 4, 0.0)), waypoints,
+                                                       {0.0, 0.0}, 0.0, 0.5);
+              }),
               StartsWith("runtime_error: [plan_joint_waypoints_with_gripper] singularity_stop: "));
   std::vector<Sample> samples;
   std::string err =
@@ -707,25 +711,6 @@ TEST(JointWaypointPlanner, PlansLongerThanTheLongestAllowedAreRefusedBeforeAlloc
                 AllOf(StartsWith("runtime_error: [move_joint_waypoints] planned motion lasts "),
                       HasSubstr(" s, longer than joint_trajectory.max_motion_duration_sec=60")))
         << row.name;
-  }
-}
-
-TEST(JointWaypointPlanner, WaypointVelocityIsContinuousInRealTimeOnlyWhenConfigured) {
-  // Joint 1 through 0 -> 1.0 -> 1.1 at 1 rad/s: the long first segment and the short second one
-  // meet at the waypoint with one tangent per unit of normalised time.
-  JointLimits limits = kLimits;
-  limits.velocity[0] = 1.0;
-  struct Row {
-    bool continuous;
-    double low, high;  // bounds of the largest velocity step, as a fraction of amax·dt
-  };
-  for (const Row& row : {Row{false, 20.0, 1e9}, Row{true, 0.0, 1.0 + 1e-6}}) {
-    const WaypointPlan p = plan(running(0.0, 0.0), {joint1_at(1.0), joint1_at(1.1)}, limits, 0.0,
-                                settings(row.continuous));
-    const Steps steps = largest_steps(p.samples, limits);
-    EXPECT_GE(steps.velocity, row.low) << row.continuous;
-    EXPECT_LE(steps.velocity, row.high) << row.continuous;
-    EXPECT_NEAR(p.samples.back().position[0], 1.1, 1e-12);
   }
 }
 
