@@ -1,8 +1,9 @@
 // Motions and direct commands end to end on the simulated arm: joint waypoint motions and their
 // waits, chunk updates and takeovers measured on the frames the motors received, motion programs
 // and their joining rules, linear and point-to-point Cartesian motions, the Cartesian direct
-// commands, the joint and gripper direct commands with their refusals, clamping warnings and
-// gains on the wire, the controller without gripper, and the gravity-compensation floating mode.
+// commands, a set_joint too short to follow, the gripper's clamping warnings and gains on the
+// wire, the controller without gripper, and the gravity-compensation floating mode. (Argument
+// errors that need no joint state are checked on the planner's controller without hardware.)
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -19,13 +20,17 @@ namespace {
 
 using namespace std::chrono_literals;
 using Access = ArmControllerTestAccess;
+using kestrel::sim::dm::MitCommand;
 using kestrel::testing::capture_stderr;
 using kestrel::testing::capture_stdout;
 using kestrel::testing::eventually;
 using kestrel::testing::refusal_of;
 using kestrel::testing::segment_distance;
 using kestrel::testing::SimulatedArm;
+using ::testing::AllOf;
 using ::testing::DoubleNear;
+using ::testing::Each;
+using ::testing::Field;
 using ::testing::HasSubstr;
 using ::testing::Pointwise;
 using Item = ArmController::MotionProgramItem;
@@ -39,8 +44,8 @@ Joints with_joint1(double q1) {
 }
 
 // The MIT frames motor `m` received since the log was cleared.
-std::vector<kestrel::sim::dm::MitCommand> mit_frames(SimulatedArm& sim, int m) {
-  std::vector<kestrel::sim::dm::MitCommand> out;
+std::vector<MitCommand> mit_frames(SimulatedArm& sim, int m) {
+  std::vector<MitCommand> out;
   for (const auto& entry : sim.motors().received_frames()) {
     if (entry.command.kind == kestrel::sim::CommandKind::kMit && entry.command.motor == m) {
       out.push_back(entry.command.mit);
@@ -150,9 +155,8 @@ TEST_F(MotionTest, AStagedChunkChangesNothingBeforeItsSwitch) {
   std::this_thread::sleep_for(800ms);
   // Before the switch: the running motion's target, the standing gripper command and gains.
   EXPECT_EQ(Access::command_target(*arm), running_target);
-  for (const auto& frame : mit_frames(sim, 6)) {
-    ASSERT_NEAR(frame.kp, 15.0, 500.0 / 4095);  // one count of the 12-bit field
-  }
+  // Within one count of the 12-bit field.
+  EXPECT_THAT(mit_frames(sim, 6), Each(Field(&MitCommand::kp, DoubleNear(15.0, 500.0 / 4095))));
   motion.get();  // replaced at the switch
   std::this_thread::sleep_for(200ms);
   EXPECT_THAT(Access::command_target(*arm), Pointwise(DoubleNear(1e-12), kHome))
@@ -428,10 +432,7 @@ TEST_F(DirectCommands, GravityCompensationFloatsTheArmOnTorqueAlone) {
   std::this_thread::sleep_for(100ms);
   const auto frames = mit_frames(sim, 1);
   ASSERT_FALSE(frames.empty());
-  for (const auto& f : frames) {
-    EXPECT_EQ(f.kp, 0.0);
-    EXPECT_EQ(f.kd, 0.0);
-  }
+  EXPECT_THAT(frames, Each(AllOf(Field(&MitCommand::kp, 0.0), Field(&MitCommand::kd, 0.0))));
   EXPECT_GT(std::abs(frames.back().tau), 0.5);  // joint 2 carries the arm's weight
   EXPECT_EQ(Access::command_kind(*arm), 5);
 }

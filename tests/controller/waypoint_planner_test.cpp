@@ -1,5 +1,6 @@
 // Planning only. The joint waypoint planner, the singularity detour and the Cartesian line
-// planner, run on a controller that touches no hardware (skip_hardware_init); and the online
+// planner, and the argument errors of the motions and direct commands, run on a controller that
+// touches no hardware (skip_hardware_init); and the online
 // splice and the joint waypoint planner as components, without a controller: a running state
 // carried into a new motion without a jump, within the limits.
 #include <gmock/gmock.h>
@@ -51,10 +52,7 @@ const JointLimits kLimits = {{2.0, 2.0, 2.5, 4.0, 4.0, 5.0},
 const JointArray kHome = {0.0, 0.4, -0.9, 0.0, -0.6, 0.0};
 
 WaypointPlanSettings settings(bool continuous = false) {
-  WaypointPlanSettings s;
-  s.configuration_limits = kLimits;
-  s.continuous_waypoint_velocity = continuous;
-  return s;
+  return {400.0, kLimits, true, true, continuous, 600.0};
 }
 
 // The planner leaves speed scaling to its caller: the limits of a motion at `speed`.
@@ -71,21 +69,13 @@ JointArray joint1_at(double q1) {
   return with(kHome, 0, q1);
 }
 JointMotionState running(double q1, double v1) {
-  JointMotionState s;
-  s.position = joint1_at(q1);
-  s.velocity[0] = v1;
-  return s;
+  return {joint1_at(q1), {v1, 0, 0, 0, 0, 0}, {}};
 }
 
 WaypointPlan plan(const JointMotionState& start, const std::vector<JointArray>& waypoints,
                   const JointLimits& limits, double time_sec = 0.0,
                   const WaypointPlanSettings& s = settings()) {
-  WaypointPlanRequest r;
-  r.start = start;
-  r.waypoints = waypoints;
-  r.limits = limits;
-  r.time_sec = time_sec;
-  return JointWaypointPlanner(s).plan(r);
+  return JointWaypointPlanner(s).plan({start, waypoints, limits, time_sec, {}});
 }
 
 // What `call` throws, with its kind: "invalid_argument: ..." or "runtime_error: ...".
@@ -573,14 +563,11 @@ TEST(JointSplice, EntryVelocityKeepsTheMotionOnlyTowardsTheTargetAndWithinItsLim
       {"no distance to go: enters at rest", 0.5, 0.0, 0.0, 1.0, 2.0, 0.0},
   };
   for (const Row& row : rows) {
-    JointMotionState from;
-    from.velocity[0] = row.velocity;
-    from.acceleration[0] = row.acceleration;
-    JointArray target{};
-    target[0] = row.target;
-    JointArray limit = kLimits.velocity;
-    limit[0] = row.speed_limit;
-    const JointArray entry = splice.entry_velocity(from, target, limit, row.first_segment_sec);
+    const JointMotionState from{
+        {}, {row.velocity, 0, 0, 0, 0, 0}, {row.acceleration, 0, 0, 0, 0, 0}};
+    const JointArray entry =
+        splice.entry_velocity(from, {row.target, 0, 0, 0, 0, 0},
+                              with(kLimits.velocity, 0, row.speed_limit), row.first_segment_sec);
     EXPECT_NEAR(entry[0], row.entry, 1e-12) << row.name;
   }
 }
