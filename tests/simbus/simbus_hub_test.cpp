@@ -223,41 +223,27 @@ TEST(HubRelay, CountsBusTimeAndLoadAndResets) {
   EXPECT_EQ(after.clients, 2u);
 }
 
+// 200 CAN FD frames of 8 bytes with bit-rate switch, 49.2 us each.
 TEST(HubWireTime, FramesTakeTheirWireTime) {
-  const struct {
-    const char* name;
-    bool fd;
-    int frames;
-    nanoseconds each;
-  } rows[] = {
-      {"classic, 8 bytes", false, 100, microseconds(111)},
-      {"CAN FD, 8 bytes with bit-rate switch", true, 200, nanoseconds(49200)},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    ScopedSimbus bus({"can0"}, paced());
-    Fd writer = open_can("can0", row.fd);
-    Fd reader = open_can("can0", row.fd);
-    const canfd_frame fd = fd_frame(0x100, 8);
-    const auto start = steady_clock::now();
-    for (int i = 0; i < row.frames; ++i) {
-      ASSERT_EQ(row.fd ? ::write(writer.get(), &fd, CANFD_MTU)
-                       : ::write(writer.get(), &kEightBytes, CAN_MTU),
-                row.fd ? CANFD_MTU : CAN_MTU);
-    }
-    // Frame k ends its transmission (k + 1) wire times after the first write at the earliest;
-    // wake-up latency can only make it later.
-    canfd_frame got{};
-    for (int i = 0; i < row.frames; ++i) {
-      ASSERT_GT(read_within(reader.get(), &got, sizeof(got), 2000), 0) << i;
-      EXPECT_GE(steady_clock::now() - start, (i + 1) * row.each) << "frame " << i;
-    }
-    EXPECT_LT(steady_clock::now() - start, 2s);
-    const InterfaceStatistics stats = bus.statistics("can0");
-    EXPECT_TRUE(stats.wire_time);
-    EXPECT_EQ(stats.busy_time, row.frames * row.each);
-    EXPECT_LE(stats.load(), 1.0);  // paced: the bus is never busier than all the time
+  ScopedSimbus bus({"can0"}, paced());
+  Fd writer = open_can("can0", true);
+  Fd reader = open_can("can0", true);
+  const canfd_frame fd = fd_frame(0x100, 8);
+  const auto start = steady_clock::now();
+  for (int i = 0; i < 200; ++i) {
+    ASSERT_EQ(::write(writer.get(), &fd, CANFD_MTU), CANFD_MTU);
   }
+  // Frame k ends its transmission (k + 1) wire times after the first write at the earliest.
+  canfd_frame got{};
+  for (int i = 0; i < 200; ++i) {
+    ASSERT_GT(read_within(reader.get(), &got, sizeof(got), 2000), 0) << i;
+    EXPECT_GE(steady_clock::now() - start, (i + 1) * nanoseconds(49200)) << "frame " << i;
+  }
+  EXPECT_LT(steady_clock::now() - start, 2s);
+  const InterfaceStatistics stats = bus.statistics("can0");
+  EXPECT_TRUE(stats.wire_time);
+  EXPECT_EQ(stats.busy_time, 200 * nanoseconds(49200));
+  EXPECT_LE(stats.load(), 1.0);  // paced: the bus is never busier than all the time
 }
 
 TEST(HubWireTime, WaitingNodesArbitrateLowestIdentifierFirstEachNodeInItsOwnOrder) {
@@ -358,28 +344,6 @@ TEST_F(SimbusSocket, OnlyServedInterfacesAreFound) {
   EXPECT_EQ(errno_of(::ioctl(fd.get(), SIOCGIFINDEX, &request)), ENODEV);
 }
 
-TEST_F(SimbusSocket, InterfaceDownClearsFlagsRefusesWritesAndRelaysNothing) {
-  Fd sender = open_can("can0");
-  Fd receiver = open_can("can0");
-  const auto flags_of = [&](const std::string& name) {
-    ifreq flags = request_for(name);
-    EXPECT_EQ(::ioctl(sender.get(), SIOCGIFFLAGS, &flags), 0);
-    return flags.ifr_flags;
-  };
-  EXPECT_EQ(flags_of("can0"), IFF_UP | IFF_RUNNING | IFF_NOARP);
-  bus_.set_up("can0", false);
-  EXPECT_EQ(flags_of("can0"), IFF_NOARP);
-  EXPECT_EQ(errno_of(::write(sender.get(), &kEightBytes, CAN_MTU)), ENETDOWN);
-  EXPECT_EQ(errno_of(::send(sender.get(), &kEightBytes, CAN_MTU, 0)), ENETDOWN);
-  EXPECT_TRUE(stays_silent(receiver.get(), 50));
-  EXPECT_NE(flags_of("can1") & IFF_UP, 0);  // other interfaces are not affected
-
-  bus_.set_up("can0", true);
-  EXPECT_EQ(flags_of("can0"), IFF_UP | IFF_RUNNING | IFF_NOARP);
-  ASSERT_EQ(::write(sender.get(), &kEightBytes, CAN_MTU), CAN_MTU);
-  EXPECT_EQ(read_ids(receiver.get(), 2, 200), std::vector<canid_t>{0x10});  // not the refused
-}
-
 // The kernel would send to another CAN interface named in sendto(); the userspace bus reaches
 // only the bound one and says so.
 TEST_F(SimbusSocket, SendtoReachesOnlyTheBoundInterface) {
@@ -398,29 +362,6 @@ TEST_F(SimbusSocket, SendtoReachesOnlyTheBoundInterface) {
               row.error)
         << row.interface << " family " << row.family;
   }
-}
-
-TEST_F(SimbusSocket, EveryOtherClientOfTheInterfaceReceivesEveryFrame) {
-  std::vector<Fd> clients;
-  for (int i = 0; i < 4; ++i) {
-    clients.push_back(open_can("can0"));
-  }
-  for (int i = 0; i < 4; ++i) {
-    const can_frame frame = classic_frame(0x100 + i, {static_cast<std::uint8_t>(i)});
-    ASSERT_EQ(::write(clients[i].get(), &frame, CAN_MTU), CAN_MTU);
-  }
-  for (int i = 0; i < 4; ++i) {
-    std::vector<canid_t> expected{0x100, 0x101, 0x102, 0x103};
-    expected.erase(expected.begin() + i);  // all but its own
-    std::vector<canid_t> ids = read_ids(clients[i].get(), 3);
-    std::sort(ids.begin(), ids.end());  // frames of different writers may interleave
-    EXPECT_EQ(ids, expected) << "client " << i;
-    EXPECT_TRUE(stays_silent(clients[i].get(), 10));
-  }
-  const InterfaceStatistics stats = bus_.statistics("can0");
-  EXPECT_EQ(stats.clients, 4u);
-  EXPECT_EQ(stats.frames_relayed, 4u);
-  EXPECT_EQ(stats.deliveries, 12u);
 }
 
 // Writes `count` frames numbered 0, 1, ... as fast as they go while a thread reads `reader`

@@ -29,7 +29,6 @@ TEST(WireTime, FramesTakeTheirBitsAtTheNominalAndDataRates) {
   } rows[] = {
       {"classic, 8 bytes", false, 0x123, 8, 0, 111, 0, 111000},
       {"classic, empty", false, 0x123, 0, 0, 47, 0, 47000},
-      {"classic, 3 bytes", false, 0x123, 3, 0, 71, 0, 71000},
       {"classic, extended identifier", false, 0x123 | CAN_EFF_FLAG, 8, 0, 131, 0, 131000},
       {"remote frame: no data field whatever its DLC", false, 0x123 | CAN_RTR_FLAG, 8, 0, 47, 0,
        47000},
@@ -42,7 +41,6 @@ TEST(WireTime, FramesTakeTheirBitsAtTheNominalAndDataRates) {
        49, 96, 68200},
       // Payloads are padded to the next valid length.
       {"FD, 9 bytes sent as 12", true, 0x1, 9, CANFD_BRS, 30, 32 + 96, 55600},
-      {"FD, 12 bytes", true, 0x1, 12, CANFD_BRS, 30, 32 + 96, 55600},
       {"FD without bit-rate switch: all at the nominal rate", true, 0x123, 8, 0, 126, 0, 126000},
   };
   for (const auto& row : rows) {
