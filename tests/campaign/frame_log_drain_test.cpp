@@ -47,15 +47,25 @@ std::vector<double> targets(const std::vector<LoggedFrame>& frames) {
   return q;
 }
 
-TEST(FrameLogDrain, EveryReceivedFrameComesOutOnceAndInOrder) {
-  simbus::ScopedSimbus bus({"can0"});
-  BusOptions options;
-  options.interface = "can0";
-  options.frame_log_capacity = 2000;  // less than the frames sent: only draining keeps them all
-  SimulatedMotorBus motors(arm_motor_configs(), options);
-  motors.start();
-  rawcan::Fd socket = rawcan::open_can("can0");
-  ASSERT_GE(socket.get(), 0);
+// The simulated motors on a bus of their own, a log of `capacity` frames, and a socket to them.
+class FrameLogDrain : public ::testing::Test {
+ protected:
+  void start(size_t capacity) {
+    BusOptions options;
+    options.interface = "can0";
+    options.frame_log_capacity = capacity;
+    motors = std::make_unique<SimulatedMotorBus>(arm_motor_configs(), options);
+    motors->start();
+    socket = rawcan::open_can("can0");
+    ASSERT_GE(socket.get(), 0);
+  }
+  simbus::ScopedSimbus bus{{"can0"}};
+  std::unique_ptr<SimulatedMotorBus> motors;
+  rawcan::Fd socket;
+};
+
+TEST_F(FrameLogDrain, EveryReceivedFrameComesOutOnceAndInOrder) {
+  start(2000);  // less than the frames sent: only draining keeps them all
 
   std::atomic<bool> sending{true};
   std::vector<LoggedFrame> drained;
@@ -63,7 +73,7 @@ TEST(FrameLogDrain, EveryReceivedFrameComesOutOnceAndInOrder) {
   std::thread collector([&] {
     while (sending) {
       size_t n = 0;
-      for (LoggedFrame& f : motors.take_received_frames(&n)) {
+      for (LoggedFrame& f : motors->take_received_frames(&n)) {
         drained.push_back(std::move(f));
       }
       lost += n;
@@ -74,7 +84,7 @@ TEST(FrameLogDrain, EveryReceivedFrameComesOutOnceAndInOrder) {
   std::this_thread::sleep_for(100ms);  // the last frames reach the simulator
   sending = false;
   collector.join();
-  for (LoggedFrame& f : motors.take_received_frames()) {
+  for (LoggedFrame& f : motors->take_received_frames()) {
     drained.push_back(std::move(f));
   }
 
@@ -86,25 +96,18 @@ TEST(FrameLogDrain, EveryReceivedFrameComesOutOnceAndInOrder) {
   }
 }
 
-TEST(FrameLogDrain, ALogThatOverflowedCountsWhatItLost) {
-  simbus::ScopedSimbus bus({"can0"});
-  BusOptions options;
-  options.interface = "can0";
-  options.frame_log_capacity = 100;
-  SimulatedMotorBus motors(arm_motor_configs(), options);
-  motors.start();
-  rawcan::Fd socket = rawcan::open_can("can0");
-  ASSERT_GE(socket.get(), 0);
+TEST_F(FrameLogDrain, ALogThatOverflowedCountsWhatItLost) {
+  start(100);
   const size_t sent = send_counting(socket.get(), 0, 300);
   std::this_thread::sleep_for(100ms);
   size_t lost = 0;
-  const auto kept = motors.take_received_frames(&lost);
+  const auto kept = motors->take_received_frames(&lost);
   // The log keeps the newest entries, received and sent alike.
   EXPECT_LE(kept.size(), 100u);
   EXPECT_EQ(kept.size() + lost, sent);
   ASSERT_FALSE(targets(kept).empty());
   EXPECT_NEAR(targets(kept).back(), -12.0 + 0.005 * 299, 25.0 / 65535);
-  motors.take_received_frames(&lost);
+  motors->take_received_frames(&lost);
   EXPECT_EQ(lost, 0u);  // counted once
 }
 

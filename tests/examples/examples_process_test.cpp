@@ -4,7 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "examples/sim_beside.hpp"
+#include "simbus/private_bus.hpp"
 
 namespace {
 
@@ -15,20 +15,18 @@ struct Example {
   std::vector<std::string> expected;  // regular expressions, in any order
 };
 
-class ExampleProgram : public ::testing::TestWithParam<Example> {};
+class ExampleProgram : public kestrel::testing::PrivateBus,
+                       public ::testing::WithParamInterface<Example> {};
 
 TEST_P(ExampleProgram, RunsBesideTheSimulatedArm) {
-  kestrel::testing::SimBeside bus("excan0");
-  ASSERT_TRUE(bus.served) << bus.sim->output();
-  const auto run = bus.run({KESTREL_SIMBUS_PROGRAM, "run", "--",
-                            std::string(KESTREL_EXAMPLES_DIR) + "/" + GetParam().name, "excan0"},
-                           120s);
-  EXPECT_EQ(run.status, 0) << run.output;
+  ASSERT_NO_FATAL_FAILURE(start_sim("excan0"));
+  const auto r = run({KESTREL_SIMBUS_PROGRAM, "run", "--",
+                      std::string(KESTREL_EXAMPLES_DIR) + "/" + GetParam().name, "excan0"},
+                     120s);
+  EXPECT_EQ(r.status, 0) << r.output;
   for (const auto& pattern : GetParam().expected) {
-    EXPECT_THAT(run.output, ::testing::ContainsRegex(pattern));
+    EXPECT_THAT(r.output, ::testing::ContainsRegex(pattern));
   }
-  bus.sim->terminate();
-  EXPECT_EQ(bus.sim->wait(), 0) << bus.sim->output();
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -4,21 +4,22 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "examples/sim_beside.hpp"
+#include "simbus/private_bus.hpp"
 
 namespace {
 
 using namespace std::chrono_literals;
 using ::testing::HasSubstr;
 
-TEST(ThreeProcesses, SimulatedArmMonitorAndKestrelProgram) {
-  kestrel::testing::SimBeside bus("moncan0");
-  ASSERT_TRUE(bus.served) << bus.sim->output();
-  const auto monitor = bus.start(
+class ThreeProcesses : public kestrel::testing::PrivateBus {};
+
+TEST_F(ThreeProcesses, SimulatedArmMonitorAndKestrelProgram) {
+  ASSERT_NO_FATAL_FAILURE(start_sim("moncan0"));
+  const auto monitor = start(
       {KESTREL_SIMBUS_PROGRAM, "run", "--", KESTREL_MONITOR_PROGRAM, "moncan0", "--duration", "6"});
   std::this_thread::sleep_for(500ms);  // listening before the first frame
-  const auto demo = bus.run({KESTREL_SIMBUS_PROGRAM, "run", "--", KESTREL_DEMO_PROGRAM,
-                             "--interface", "moncan0", "--seconds", "1"});
+  const auto demo = run({KESTREL_SIMBUS_PROGRAM, "run", "--", KESTREL_DEMO_PROGRAM, "--interface",
+                         "moncan0", "--seconds", "1"});
   EXPECT_EQ(demo.status, 0) << demo.output;  // the example prints its steps
   EXPECT_THAT(demo.output, HasSubstr("== Streaming MIT commands at 400 Hz"));
   EXPECT_THAT(demo.output, HasSubstr("== Disabling"));
@@ -47,12 +48,10 @@ TEST(ThreeProcesses, SimulatedArmMonitorAndKestrelProgram) {
   };
   for (const Use& use : uses) {
     SCOPED_TRACE(use.args[use.args.size() - 1]);
-    const auto run = bus.run(use.args);
-    EXPECT_EQ(run.status, use.status) << run.output;
-    EXPECT_THAT(run.output, HasSubstr(use.says));
+    const auto r = run(use.args);
+    EXPECT_EQ(r.status, use.status) << r.output;
+    EXPECT_THAT(r.output, HasSubstr(use.says));
   }
-  bus.sim->terminate();
-  EXPECT_EQ(bus.sim->wait(), 0) << bus.sim->output();
 
   const std::string seen = monitor->output();
   for (const char* motor : {"joint 1 (id 1)", "joint 2 (id 2)", "joint 3 (id 3)", "joint 4 (id 4)",

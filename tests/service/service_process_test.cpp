@@ -91,8 +91,6 @@ class ArmService : public kestrel::testing::PrivateBus {
       call();
     } catch (const ServiceError& e) {
       return e.type + ": " + e.what();
-    } catch (const std::invalid_argument& e) {
-      return std::string("invalid_argument: ") + e.what();
     } catch (const std::exception& e) {
       return std::string("client: ") + e.what();
     }

@@ -25,14 +25,7 @@
 namespace {
 
 using namespace std::chrono_literals;
-using kestrel::simbus::rawcan::classic_frame;
-using kestrel::simbus::rawcan::Fd;
-using kestrel::simbus::rawcan::fd_frame;
-using kestrel::simbus::rawcan::interface_index_of;
-using kestrel::simbus::rawcan::open_can;
-using kestrel::simbus::rawcan::read_ids;
-using kestrel::simbus::rawcan::read_within;
-using kestrel::simbus::rawcan::stays_silent;
+using namespace kestrel::simbus::rawcan;
 
 struct Interfaces {
   std::string classic;

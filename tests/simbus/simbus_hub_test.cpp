@@ -24,17 +24,8 @@
 namespace kestrel::simbus {
 namespace {
 
-using namespace std::chrono_literals;
-using rawcan::classic_frame;
-using rawcan::Fd;
-using rawcan::fd_frame;
-using rawcan::open_can;
-using rawcan::read_ids;
-using rawcan::read_within;
-using rawcan::stays_silent;
-using std::chrono::microseconds;
-using std::chrono::nanoseconds;
-using std::chrono::steady_clock;
+using namespace rawcan;
+using namespace std::chrono;
 
 bool exists(const std::string& path) {
   struct stat info;

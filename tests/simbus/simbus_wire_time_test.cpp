@@ -3,7 +3,6 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <optional>
 #include <string>
 
 #include "simbus/simbus_paths.hpp"
@@ -67,21 +66,10 @@ TEST(WireTime, FramesTakeTheirBitsAtTheNominalAndDataRates) {
   }
 }
 
-// Sets or clears an environment variable for one scope.
-class EnvironmentOverride {
- public:
-  EnvironmentOverride(const char* name, const char* value) : name_(name) {
-    if (const char* old = std::getenv(name)) {
-      previous_ = old;
-    }
-    value ? ::setenv(name, value, 1) : ::unsetenv(name);
-  }
-  ~EnvironmentOverride() { previous_ ? ::setenv(name_, previous_->c_str(), 1) : ::unsetenv(name_); }
-
- private:
-  const char* name_;
-  std::optional<std::string> previous_;
-};
+// Sets or clears an environment variable.
+void set_env(const char* name, const char* value) {
+  value ? ::setenv(name, value, 1) : ::unsetenv(name);
+}
 
 TEST(BusDirectory, ExplicitVariableThenRuntimeDirectoryThenTmp) {
   const struct {
@@ -95,12 +83,12 @@ TEST(BusDirectory, ExplicitVariableThenRuntimeDirectoryThenTmp) {
       {"neither", nullptr, nullptr, "/tmp/kestrel-simbus-" + std::to_string(::getuid())},
   };
   for (const auto& row : rows) {
-    EnvironmentOverride dir(kDirectoryEnv, row.dir);
-    EnvironmentOverride runtime("XDG_RUNTIME_DIR", row.runtime);
+    set_env(kDirectoryEnv, row.dir);
+    set_env("XDG_RUNTIME_DIR", row.runtime);
     EXPECT_EQ(bus_directory(), row.expected) << row.name;
   }
   // Read at every call, never cached.
-  EnvironmentOverride dir(kDirectoryEnv, "/first");
+  set_env(kDirectoryEnv, "/first");
   EXPECT_EQ(bus_directory(), "/first");
   ::setenv(kDirectoryEnv, "/second", 1);
   EXPECT_EQ(bus_directory(), "/second");
