@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <functional>
+#include <tuple>
 
 #include "program_file.hpp"
 
@@ -69,10 +70,8 @@ steps:
 TEST(ProgramFile, MistakesNameTheFileLineAndStep) {
   const std::string head = "steps:\n  - sleep: 1\n";
   const std::string p3 = "p.yaml:3: step 2: ";
-  const struct {
-    std::string text;
-    std::string message;
-  } rows[] = {
+  // {program text, the exact message}
+  const std::tuple<std::string, std::string> rows[] = {
       {head + "  - jump: {to: [0, 0, 0, 0, 0, 0]}\n",
        p3 + "unknown step \"jump\" (expected movej, movel, movep, sleep or gripper)"},
       {head + "  - movej: {to: [0, 0, 0]}\n", p3 + "to must be a list of 6 numbers"},
@@ -104,8 +103,8 @@ TEST(ProgramFile, MistakesNameTheFileLineAndStep) {
       {"speed: 1\n" + head, "p.yaml: unknown top-level key \"speed\" (expected steps, angle_unit)"},
       {"{a: b}: 1\n" + head, "p.yaml: a top-level key must be a word, not a list or a map"},
   };
-  for (const auto& row : rows) {
-    EXPECT_EQ(error_of(row.text), row.message) << row.text;
+  for (const auto& [text, message] : rows) {
+    EXPECT_EQ(error_of(text), message) << text;
   }
   EXPECT_THAT(error_of("steps: [\n"), ::testing::StartsWith("p.yaml: not valid YAML: "));
   EXPECT_EQ(error_of([] { kestrel::cli::load_program_file("/nonexistent/program.yaml"); }),

@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "simbus/private_bus.hpp"
 
 namespace {
@@ -27,12 +29,7 @@ TEST_F(ThreeProcesses, SimulatedArmMonitorAndKestrelProgram) {
 
   // {arguments, exit status, what it prints}; taken down, the interface is refused with the
   // hint to bring it up.
-  struct Use {
-    std::vector<std::string> args;
-    int status;
-    const char* says;
-  };
-  const Use uses[] = {
+  const std::tuple<std::vector<std::string>, int, const char*> uses[] = {
       {{KESTREL_SIMBUS_PROGRAM, "set", "moncan0", "down"}, 0, ""},
       {{KESTREL_SIMBUS_PROGRAM, "run", "--", KESTREL_MONITOR_PROGRAM, "moncan0"},
        1,
@@ -46,11 +43,11 @@ TEST_F(ThreeProcesses, SimulatedArmMonitorAndKestrelProgram) {
        "kestrel-monitor: cannot open CAN interface 'nosuch0'"},
       {{KESTREL_MONITOR_PROGRAM, "--help"}, 0, "Usage: kestrel-monitor [options] [INTERFACE]"},
   };
-  for (const Use& use : uses) {
-    SCOPED_TRACE(use.args[use.args.size() - 1]);
-    const auto r = run(use.args);
-    EXPECT_EQ(r.status, use.status) << r.output;
-    EXPECT_THAT(r.output, HasSubstr(use.says));
+  for (const auto& [args, status, says] : uses) {
+    SCOPED_TRACE(args.back());
+    const auto r = run(args);
+    EXPECT_EQ(r.status, status) << r.output;
+    EXPECT_THAT(r.output, HasSubstr(says));
   }
 
   const std::string seen = monitor->output();

@@ -10,6 +10,7 @@
 #include <cmath>
 #include <fstream>
 #include <future>
+#include <tuple>
 
 #include "service/line_channel.hpp"
 #include "service/service_client.hpp"
@@ -217,11 +218,8 @@ TEST_F(ArmService, AnswersBadRequestsStreamsStateAndRefusesASecondService) {
   ASSERT_TRUE(raw.write_line(R"({"id":0,"op":"acquire"})"));
   std::string reply;
   ASSERT_EQ(raw.read_line(reply), LineChannel::Read::line);
-  const struct {
-    std::string request;
-    std::string type;
-    std::string message;
-  } cases[] = {
+  // {request, the error type answered, what its message says}
+  const std::tuple<std::string, std::string, std::string> cases[] = {
       {"this is not json", "bad_request", "not a JSON document: "},
       {"[1, 2]", "bad_request", "a request is one JSON object per line"},
       {R"({"id": 3})", "bad_request", "a request names its operation in the string field \"op\""},
@@ -240,13 +238,13 @@ TEST_F(ArmService, AnswersBadRequestsStreamsStateAndRefusesASecondService) {
       {std::string(LineChannel::kMaxLine + 10, 'x'), "bad_request",
        "request longer than 1048576 bytes: ignored"},
   };
-  for (const auto& c : cases) {
-    ASSERT_TRUE(raw.write_line(c.request));
-    ASSERT_EQ(raw.read_line(reply), LineChannel::Read::line) << c.request.substr(0, 60);
+  for (const auto& [request, type, message] : cases) {
+    ASSERT_TRUE(raw.write_line(request));
+    ASSERT_EQ(raw.read_line(reply), LineChannel::Read::line) << request.substr(0, 60);
     const json answer = json::parse(reply);
     EXPECT_FALSE(answer["ok"].get<bool>()) << reply;
-    EXPECT_EQ(answer["error"]["type"], c.type) << reply;
-    EXPECT_THAT(answer["error"]["message"].get<std::string>(), HasSubstr(c.message)) << reply;
+    EXPECT_EQ(answer["error"]["type"], type) << reply;
+    EXPECT_THAT(answer["error"]["message"].get<std::string>(), HasSubstr(message)) << reply;
   }
   ASSERT_TRUE(raw.write_line(R"({"id": 11, "op": "ping"})"));
   ASSERT_EQ(raw.read_line(reply), LineChannel::Read::line);

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <functional>
 #include <thread>
+#include <tuple>
 
 #include "simbus/hub.hpp"
 #include "simbus/simbus_control.hpp"
@@ -116,10 +117,8 @@ TEST(HubControl, StateAndMtuAreReadAndChangedFromOutsideAndTheMtuGatesFdWrites) 
   EXPECT_FALSE(query_interface(bus.directory(), "nosuch0").has_value());
 
   EXPECT_EQ(bus.hub().mtu("can0"), CANFD_MTU);
-  const struct {
-    std::function<void()> call;
-    std::string message;
-  } refused[] = {
+  // {a refused call, its exact message}
+  const std::tuple<std::function<void()>, std::string> refused[] = {
       {[&] { bus.set_mtu("can0", CAN_MTU); },
        "cannot change the MTU of 'can0' while it is up (set it down first)"},
       {[&] { bus.set_mtu("can0", 64); },
@@ -128,14 +127,14 @@ TEST(HubControl, StateAndMtuAreReadAndChangedFromOutsideAndTheMtuGatesFdWrites) 
        "invalid MTU 0 for 'can0': 16 (classic CAN) or 72 (CAN FD)"},
       {[&] { bus.set_mtu("can9", CAN_MTU); }, "simbus hub: interface \"can9\" is not served"},
   };
-  for (const auto& row : refused) {
+  for (const auto& [call, expected] : refused) {
     std::string message = "no exception";
     try {
-      row.call();
+      call();
     } catch (const std::exception& e) {  // invalid_argument or runtime_error, as documented
       message = e.what();
     }
-    EXPECT_EQ(message, row.message);
+    EXPECT_EQ(message, expected);
   }
   EXPECT_EQ(bus.hub().mtu("can0"), CANFD_MTU);
   bus.set_up("can0", false);
@@ -308,19 +307,17 @@ TEST_F(SimbusSocket, OnlyServedInterfacesAreFound) {
 // only the bound one and says so.
 TEST_F(SimbusSocket, SendtoReachesOnlyTheBoundInterface) {
   Fd classic = open_can("can0");
-  const struct {
-    sa_family_t family;
-    const char* interface;
-    int error;
-  } rows[] = {{AF_CAN, "can0", 0}, {AF_CAN, "can1", ENXIO}, {AF_INET, "can0", EINVAL}};
-  for (const auto& row : rows) {
+  // {address family, interface, errno}
+  const std::tuple<sa_family_t, const char*, int> rows[] = {
+      {AF_CAN, "can0", 0}, {AF_CAN, "can1", ENXIO}, {AF_INET, "can0", EINVAL}};
+  for (const auto& [family, name, error] : rows) {
     sockaddr_can to{};
-    to.can_family = row.family;
-    to.can_ifindex = interface_index(row.interface);
+    to.can_family = family;
+    to.can_ifindex = interface_index(name);
     EXPECT_EQ(errno_of(::sendto(classic.get(), &kEightBytes, CAN_MTU, 0,
                                 reinterpret_cast<sockaddr*>(&to), sizeof(to))),
-              row.error)
-        << row.interface << " family " << row.family;
+              error)
+        << name << " family " << family;
   }
 }
 

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <sstream>
+#include <tuple>
 
 #include "simbus/private_bus.hpp"
 #include "support/simbus_can.hpp"
@@ -41,21 +42,18 @@ TEST_F(SimbusProcesses, ServeSetAndListWorkTogetherAndANewHubReplacesAKilledOne)
   EXPECT_EQ(listing.status, 0);
   EXPECT_NE(listing.output.find("simcan0"), std::string::npos) << listing.output;
   EXPECT_NE(listing.output.find("UP"), std::string::npos) << listing.output;
-  const struct {
-    std::string words;
-    int status;
-    std::string output;
-  } settings[] = {
+  // {command, exit status, its whole output}
+  const std::tuple<std::string, int, std::string> settings[] = {
       {"set simcan0 mtu 16", 1,
        "kestrel-simbus set: cannot change the MTU of 'simcan0' while it is up (set it down "
        "first)\n"},
       {"set simcan0 down", 0, "simcan0: DOWN\n"},
       {"set simcan0 mtu 16", 0, "simcan0: MTU 16\n"},
   };
-  for (const auto& row : settings) {
-    const auto result = simbus(row.words + " --dir " + dir);
-    EXPECT_EQ(result.status, row.status) << row.words;
-    EXPECT_EQ(result.output, row.output);
+  for (const auto& [words, status, output] : settings) {
+    const auto result = simbus(words + " --dir " + dir);
+    EXPECT_EQ(result.status, status) << words;
+    EXPECT_EQ(result.output, output);
   }
   EXPECT_EQ(query_interface(dir, "simcan0")->mtu, CAN_MTU);
   EXPECT_FALSE(query_interface(dir, "simcan0")->up);
@@ -125,11 +123,8 @@ TEST_F(SimbusProcesses, EverySubcommandHasHelpAndClearErrors) {
     EXPECT_EQ(help.status, 0) << command;
     EXPECT_EQ(help.output.rfind("Usage: kestrel-simbus", 0), 0u) << command << help.output;
   }
-  const struct {
-    std::string words;
-    int status;
-    std::string message;
-  } mistakes[] = {
+  // {command, exit status, what its message says}
+  const std::tuple<std::string, int, std::string> mistakes[] = {
       {"frobnicate", 2, "unknown command \"frobnicate\""},
       {"serve", 2, ""},
       {"serve a234567890123456 --dir " + dir, 2, "invalid interface name"},
@@ -141,10 +136,10 @@ TEST_F(SimbusProcesses, EverySubcommandHasHelpAndClearErrors) {
       {"run", 2, ""},
       {"run -- /nonexistent/program", 127, "cannot run /nonexistent/program"},
   };
-  for (const auto& row : mistakes) {
-    const auto result = simbus(row.words);
-    EXPECT_EQ(result.status, row.status) << row.words;
-    EXPECT_NE(result.output.find(row.message), std::string::npos) << row.words << result.output;
+  for (const auto& [words, status, message] : mistakes) {
+    const auto result = simbus(words);
+    EXPECT_EQ(result.status, status) << words;
+    EXPECT_NE(result.output.find(message), std::string::npos) << words << result.output;
   }
 }
 
