@@ -65,9 +65,6 @@ TEST_F(KestrelTool, HelpUsageErrorsAndProgramChecksNeedNoArm) {
        2,
        "--speed must be between 0.001 and 1, not 2"},
       {{"gravity", "--mode", "posvel"}, 2, "gravity compensation needs --mode mit"},
-      {{"latency", "--bogus"},
-       2,
-       "kestrel latency: unknown option --bogus (kestrel latency --help)"},
       {{"latency", "--seconds", "0"},
        2,
        "kestrel latency: --seconds must be between 0.1 and 86400, not 0"},
@@ -117,7 +114,6 @@ TEST_F(KestrelTool, StatusMonitorAndRecordReadTheArmWithoutMovingIt) {
   }
   EXPECT_THAT(status, ::testing::Not(HasSubstr("Enabled")));
   EXPECT_EQ(monitor->wait(), 0) << monitor->output();
-  EXPECT_THAT(monitor->output(), HasSubstr("joint 1 (id 1) refresh"));
   EXPECT_THAT(monitor->output(), HasSubstr("gripper (id 7) feedback Disabled (0)"));
   EXPECT_THAT(ok({"status", "--interface", "clican0", "--no-gripper"}),
               HasSubstr("6 of 6 motors answered"));

@@ -36,10 +36,6 @@ std::vector<IntervalFigures> intervals_of(const Series& s) {
   return out;
 }
 
-void PrintTo(const Series& s, std::ostream* out) {
-  *out << s.name;
-}
-
 class GrowthVerdict : public ::testing::TestWithParam<Series> {};
 
 TEST_P(GrowthVerdict, FailsOnGrowthOnly) {
