@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "simbus/socket_calls.hpp"
 #include "support/simbus_can.hpp"
 
 namespace {
@@ -36,16 +37,6 @@ struct Interfaces {
 Interfaces interfaces;
 
 constexpr int kUpFlags = IFF_UP | IFF_RUNNING | IFF_NOARP;
-
-ifreq request_for(const std::string& name) {
-  ifreq request{};
-  std::memcpy(request.ifr_name, name.data(), std::min<std::size_t>(name.size(), IFNAMSIZ));
-  return request;
-}
-
-int errno_of(ssize_t result) {
-  return result < 0 ? errno : 0;
-}
 
 int index_of(const std::string& name) {
   Fd probe(::socket(PF_CAN, SOCK_RAW, CAN_RAW));
