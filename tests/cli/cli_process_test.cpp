@@ -95,11 +95,7 @@ TEST_F(KestrelTool, LatencyCountsTheLoopOfASimulatedArmItRunsItself) {
         ">= 2500 ", "min ", "median ", "p99 ", "max ", "missed deadlines ", "missed per minute "}) {
     EXPECT_THAT(out, HasSubstr(std::string("\n") + label)) << label;
   }
-  const auto at = out.find("\ncycles ");
-  ASSERT_NE(at, std::string::npos) << out;
-  unsigned long long cycles = 0;
-  std::istringstream(out.substr(at + 8)) >> cycles;
-  EXPECT_GT(cycles, 0u) << out;
+  EXPECT_THAT(out, ContainsRegex("\ncycles +[1-9][0-9]*\n"));  // it counted some
 }
 
 TEST_F(KestrelTool, StatusMonitorAndRecordReadTheArmWithoutMovingIt) {
