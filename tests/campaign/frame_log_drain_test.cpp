@@ -19,8 +19,6 @@ namespace {
 using namespace std::chrono_literals;
 namespace rawcan = simbus::rawcan;
 
-constexpr int kFrames = 3000;
-
 // `count` MIT frames to motor 1 whose position target counts up from -12 rad.
 size_t send_counting(int socket, int count) {
   const dm::Limits limits = dm::limits_of_type(arm_motor_configs()[0].type);
@@ -81,7 +79,7 @@ TEST_F(FrameLogDrain, EveryReceivedFrameComesOutOnceAndInOrder) {
       std::this_thread::sleep_for(1ms);
     }
   });
-  const size_t sent = send_counting(socket.get(), kFrames);
+  const size_t sent = send_counting(socket.get(), 3000);
   std::this_thread::sleep_for(100ms);  // the last frames reach the simulator
   sending = false;
   collector.join();

@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <thread>
 #include <tuple>
@@ -28,11 +29,7 @@ namespace {
 
 using namespace rawcan;
 using namespace std::chrono;
-
-bool exists(const std::string& path) {
-  struct stat info;
-  return ::lstat(path.c_str(), &info) == 0;
-}
+using std::filesystem::exists;
 
 HubOptions paced(std::uint32_t bitrate = kDefaultBitrate) {
   HubOptions options;
@@ -86,23 +83,13 @@ TEST(HubLifecycle, RefusesBadNamesAndASecondHubForTheSameInterface) {
 }
 
 // Like vcan: MTU 16 or 72, changed only while down; an FD socket on a classic interface opens,
-// sends and receives classic frames, and every 72-byte write fails with EINVAL, before the
-// interface state is looked at (as raw_sendmsg checks the size against dev->mtu first).
+// and every 72-byte write on it fails with EINVAL, before the interface state is looked at (as
+// raw_sendmsg checks the size against dev->mtu first).
 TEST(HubControl, StateAndMtuAreReadAndChangedFromOutsideAndTheMtuGatesFdWrites) {
   ScopedSimbus bus({"can0"});
-  Hub later({"late0"}, HubOptions{bus.directory()});
-  later.set_up("late0", false);  // before start: the interface starts down and classic
-  later.set_mtu("late0", CAN_MTU);
-  later.start();
-  EXPECT_FALSE(later.is_up("late0"));
-  EXPECT_EQ(later.mtu("late0"), CAN_MTU);
-  EXPECT_EQ(query_interface(bus.directory(), "late0")->mtu, CAN_MTU);
-
   EXPECT_FALSE(set_interface_state(bus.directory(), "can0", false).value().up);
   EXPECT_FALSE(bus.hub().is_up("can0"));
-  const InterfaceStatistics stats = query_interface(bus.directory(), "can0").value();
-  EXPECT_FALSE(stats.up);
-  EXPECT_EQ(stats.ifindex, interface_index("can0"));
+  EXPECT_EQ(query_interface(bus.directory(), "can0")->ifindex, interface_index("can0"));
   EXPECT_TRUE(set_interface_state(bus.directory(), "can0", true)->up);
   EXPECT_TRUE(bus.hub().is_up("can0"));
   EXPECT_FALSE(query_interface(bus.directory(), "nosuch0").has_value());
