@@ -110,9 +110,8 @@ class ArmService : public kestrel::testing::PrivateBus {
 };
 
 TEST_F(ArmService, HoldsTheArmBetweenCommandsAndLendsControlToOneClientAtATime) {
-  struct stat info {};
-  ASSERT_EQ(::stat(socket().c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 0777, 0600u);  // owner only
+  namespace fs = std::filesystem;  // the socket is the owner's only
+  EXPECT_EQ(fs::status(socket()).permissions(), fs::perms::owner_read | fs::perms::owner_write);
   ServiceClient watcher(socket());
   for (const auto& [text, target] : {std::pair{"0,0.4,-0.8,0,-0.6,0", kPostureA},
                                      std::pair{"0.3,0.8,-1.2,0.2,-0.5,0.1", kPostureB}}) {
@@ -140,8 +139,8 @@ TEST_F(ArmService, HoldsTheArmBetweenCommandsAndLendsControlToOneClientAtATime) 
   std::string header;
   std::getline(rows, header);
   EXPECT_THAT(header, ::testing::StartsWith("time_s,kind,"));
-  const auto count = std::count(std::istreambuf_iterator<char>(rows), {}, '\n');
-  EXPECT_GT(count, 150);  // 0.5 s at 400 cycles a second, every cycle seen
+  // 0.5 s at 400 cycles a second, every cycle seen
+  EXPECT_GT(std::count(std::istreambuf_iterator<char>(rows), {}, '\n'), 150);
   EXPECT_EQ(watcher.call("state")["control_holder"].get<int>(), 0);  // each let go of control
 
   auto second = std::make_unique<ServiceClient>(socket());

@@ -57,8 +57,7 @@ class PrivateBus : public ::testing::Test {
   Finished run(std::vector<std::string> args,
                std::chrono::seconds timeout = std::chrono::seconds(60)) {
     const auto program = start(std::move(args));
-    const int status = program->wait(timeout);
-    return {status, program->output()};
+    return {program->wait(timeout), program->output()};  // a braced list runs in order
   }
 #if defined(KESTREL_CLI_PROGRAM) || defined(KESTREL_SIM_PROGRAM)
   // A fresh simulated arm on `name`, as `kestrel sim --serve` (or kestrel-sim --serve) starts
