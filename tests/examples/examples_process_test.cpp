@@ -4,31 +4,27 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "examples/sim_beside.hpp"
+#include "simbus/private_bus.hpp"
 
 namespace {
 
 using namespace std::chrono_literals;
 
-struct Example {
-  const char* name;
-  std::vector<std::string> expected;  // regular expressions, in any order
-};
+// {the example program, what it prints: regular expressions, in any order}
+using Example = std::pair<const char*, std::vector<std::string>>;
 
-class ExampleProgram : public ::testing::TestWithParam<Example> {};
+class ExampleProgram : public kestrel::testing::PrivateBus,
+                       public ::testing::WithParamInterface<Example> {};
 
 TEST_P(ExampleProgram, RunsBesideTheSimulatedArm) {
-  kestrel::testing::SimBeside bus("excan0");
-  ASSERT_TRUE(bus.served) << bus.sim->output();
-  const auto run = bus.run({KESTREL_SIMBUS_PROGRAM, "run", "--",
-                            std::string(KESTREL_EXAMPLES_DIR) + "/" + GetParam().name, "excan0"},
-                           120s);
-  EXPECT_EQ(run.status, 0) << run.output;
-  for (const auto& pattern : GetParam().expected) {
-    EXPECT_THAT(run.output, ::testing::ContainsRegex(pattern));
+  ASSERT_NO_FATAL_FAILURE(start_sim("excan0"));
+  const auto r = run({KESTREL_SIMBUS_PROGRAM, "run", "--",
+                      std::string(KESTREL_EXAMPLES_DIR) + "/" + GetParam().first, "excan0"},
+                     120s);
+  EXPECT_EQ(r.status, 0) << r.output;
+  for (const auto& pattern : GetParam().second) {
+    EXPECT_THAT(r.output, ::testing::ContainsRegex(pattern));
   }
-  bus.sim->terminate();
-  EXPECT_EQ(bus.sim->wait(), 0) << bus.sim->output();
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -51,6 +47,6 @@ INSTANTIATE_TEST_SUITE_P(
         Example{"reading_state",
                 {"joints rad", "tool x y z qx qy qz qw", "feed-forward N·m",
                  "control loop: [0-9]+ cycles"}}),
-    [](const auto& info) { return std::string(info.param.name); });
+    [](const auto& info) { return std::string(info.param.first); });
 
 }  // namespace

@@ -18,21 +18,16 @@
 #include <chrono>
 #include <cstdio>
 #include <string>
+#include <tuple>
 #include <vector>
 
+#include "simbus/socket_calls.hpp"
 #include "support/simbus_can.hpp"
 
 namespace {
 
 using namespace std::chrono_literals;
-using kestrel::simbus::rawcan::classic_frame;
-using kestrel::simbus::rawcan::Fd;
-using kestrel::simbus::rawcan::fd_frame;
-using kestrel::simbus::rawcan::interface_index_of;
-using kestrel::simbus::rawcan::open_can;
-using kestrel::simbus::rawcan::read_ids;
-using kestrel::simbus::rawcan::read_within;
-using kestrel::simbus::rawcan::stays_silent;
+using namespace kestrel::simbus::rawcan;
 
 struct Interfaces {
   std::string classic;
@@ -43,16 +38,6 @@ struct Interfaces {
 Interfaces interfaces;
 
 constexpr int kUpFlags = IFF_UP | IFF_RUNNING | IFF_NOARP;
-
-ifreq request_for(const std::string& name) {
-  ifreq request{};
-  std::memcpy(request.ifr_name, name.data(), std::min<std::size_t>(name.size(), IFNAMSIZ));
-  return request;
-}
-
-int errno_of(ssize_t result) {
-  return result < 0 ? errno : 0;
-}
 
 int index_of(const std::string& name) {
   Fd probe(::socket(PF_CAN, SOCK_RAW, CAN_RAW));
@@ -89,32 +74,28 @@ TEST(CanSemantics, RawSocketIsARealDescriptorWithTheRequestedFlags) {
 
 TEST(CanSemantics, InterfacesHaveIndexNameFlagsAndMtu) {
   Fd fd(::socket(PF_CAN, SOCK_RAW, CAN_RAW));
-  struct Row {
-    std::string name;
-    int flags;
-    int mtu;
-  };
-  for (const Row& row :
-       {Row{interfaces.classic, kUpFlags, CAN_MTU}, Row{interfaces.fd, kUpFlags, CANFD_MTU},
-        Row{interfaces.down, IFF_NOARP, CAN_MTU}, Row{interfaces.long_name, kUpFlags, CANFD_MTU}}) {
-    SCOPED_TRACE(row.name);
-    ifreq request = request_for(row.name);
+  // {interface, its flags, its MTU}
+  const std::tuple<std::string, int, int> rows[] = {{interfaces.classic, kUpFlags, CAN_MTU},
+                                                    {interfaces.fd, kUpFlags, CANFD_MTU},
+                                                    {interfaces.down, IFF_NOARP, CAN_MTU},
+                                                    {interfaces.long_name, kUpFlags, CANFD_MTU}};
+  for (const auto& [interface, flags, mtu] : rows) {
+    SCOPED_TRACE(interface);
+    ifreq request = request_for(interface);
     ASSERT_EQ(::ioctl(fd.get(), SIOCGIFINDEX, &request), 0) << std::strerror(errno);
     const int index = request.ifr_ifindex;
-    EXPECT_EQ(::if_nametoindex(row.name.c_str()), static_cast<unsigned>(index));
+    EXPECT_EQ(::if_nametoindex(interface.c_str()), static_cast<unsigned>(index));
     char name[IF_NAMESIZE] = {};
     ASSERT_NE(::if_indextoname(static_cast<unsigned>(index), name), nullptr);
-    EXPECT_EQ(name, row.name);
+    EXPECT_EQ(name, interface);
     ifreq by_index{};
     by_index.ifr_ifindex = index;
     ASSERT_EQ(::ioctl(fd.get(), SIOCGIFNAME, &by_index), 0);
-    EXPECT_EQ(by_index.ifr_name, row.name);
-    ifreq flags = request_for(row.name);
-    ASSERT_EQ(::ioctl(fd.get(), SIOCGIFFLAGS, &flags), 0);
-    EXPECT_EQ(flags.ifr_flags, row.flags);
-    ifreq mtu = request_for(row.name);
-    ASSERT_EQ(::ioctl(fd.get(), SIOCGIFMTU, &mtu), 0);
-    EXPECT_EQ(mtu.ifr_mtu, row.mtu);
+    EXPECT_EQ(by_index.ifr_name, interface);
+    ASSERT_EQ(::ioctl(fd.get(), SIOCGIFFLAGS, &request), 0);  // the name is still there
+    EXPECT_EQ(request.ifr_flags, flags);
+    ASSERT_EQ(::ioctl(fd.get(), SIOCGIFMTU, &request), 0);
+    EXPECT_EQ(request.ifr_mtu, mtu);
   }
 }
 

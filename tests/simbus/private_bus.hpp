@@ -57,18 +57,21 @@ class PrivateBus : public ::testing::Test {
   Finished run(std::vector<std::string> args,
                std::chrono::seconds timeout = std::chrono::seconds(60)) {
     const auto program = start(std::move(args));
-    const int status = program->wait(timeout);
-    return {status, program->output()};
+    return {program->wait(timeout), program->output()};  // a braced list runs in order
   }
-#ifdef KESTREL_CLI_PROGRAM
-  // A fresh simulated arm on `name`, as `kestrel sim --serve` starts it; stopped with SIGTERM
-  // (and expected to exit 0) when the test ends or the next one starts.
+#if defined(KESTREL_CLI_PROGRAM) || defined(KESTREL_SIM_PROGRAM)
+  // A fresh simulated arm on `name`, as `kestrel sim --serve` (or kestrel-sim --serve) starts
+  // it; stopped with SIGTERM (and expected to exit 0) when the test ends or the next one starts.
   void start_sim(const std::string& name) {
     if (sim) {
       sim->terminate();
       EXPECT_EQ(sim->wait(), 0) << sim->output();
     }
+#ifdef KESTREL_CLI_PROGRAM
     sim = start({KESTREL_CLI_PROGRAM, "sim", "--serve", "--interface", name});
+#else
+    sim = start({KESTREL_SIM_PROGRAM, "--serve", "--interface", name});
+#endif
     ASSERT_TRUE(served(name)) << sim->output();
   }
 #endif

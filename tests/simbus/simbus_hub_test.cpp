@@ -12,44 +12,24 @@
 
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <thread>
+#include <tuple>
 
 #include "simbus/hub.hpp"
 #include "simbus/simbus_control.hpp"
 #include "simbus/simbus_paths.hpp"
 #include "simbus/simbus_testing.hpp"
+#include "simbus/socket_calls.hpp"
 #include "support/simbus_can.hpp"
 
 namespace kestrel::simbus {
 namespace {
 
-using namespace std::chrono_literals;
-using rawcan::classic_frame;
-using rawcan::Fd;
-using rawcan::fd_frame;
-using rawcan::open_can;
-using rawcan::read_ids;
-using rawcan::read_within;
-using rawcan::stays_silent;
-using std::chrono::microseconds;
-using std::chrono::nanoseconds;
-using std::chrono::steady_clock;
-
-bool exists(const std::string& path) {
-  struct stat info;
-  return ::lstat(path.c_str(), &info) == 0;
-}
-
-ifreq request_for(const std::string& name) {
-  ifreq request{};
-  std::memcpy(request.ifr_name, name.data(), std::min<std::size_t>(name.size(), IFNAMSIZ));
-  return request;
-}
-
-int errno_of(ssize_t result) {
-  return result < 0 ? errno : 0;
-}
+using namespace rawcan;
+using namespace std::chrono;
+using std::filesystem::exists;
 
 HubOptions paced(std::uint32_t bitrate = kDefaultBitrate) {
   HubOptions options;
@@ -102,65 +82,37 @@ TEST(HubLifecycle, RefusesBadNamesAndASecondHubForTheSameInterface) {
   EXPECT_THROW(bus.hub().set_up("can9", false), std::invalid_argument);
 }
 
-TEST(HubLifecycle, ScopedSimbusRestoresTheEnvironment) {
-  ::setenv(kDirectoryEnv, "/previous", 1);
-  std::string dir;
-  {
-    ScopedSimbus bus({"can0"});
-    dir = bus.directory();
-    EXPECT_EQ(bus_directory(), dir);
-  }
-  EXPECT_EQ(bus_directory(), "/previous");
-  EXPECT_FALSE(exists(dir));
-  ::unsetenv(kDirectoryEnv);
-  { ScopedSimbus bus({"can0"}); }
-  EXPECT_EQ(std::getenv(kDirectoryEnv), nullptr);
-}
-
 // Like vcan: MTU 16 or 72, changed only while down; an FD socket on a classic interface opens,
-// sends and receives classic frames, and every 72-byte write fails with EINVAL, before the
-// interface state is looked at (as raw_sendmsg checks the size against dev->mtu first).
+// and every 72-byte write on it fails with EINVAL, before the interface state is looked at (as
+// raw_sendmsg checks the size against dev->mtu first).
 TEST(HubControl, StateAndMtuAreReadAndChangedFromOutsideAndTheMtuGatesFdWrites) {
   ScopedSimbus bus({"can0"});
-  Hub later({"late0"}, HubOptions{bus.directory()});
-  later.set_up("late0", false);  // before start: the interface starts down and classic
-  later.set_mtu("late0", CAN_MTU);
-  later.start();
-  EXPECT_FALSE(later.is_up("late0"));
-  EXPECT_EQ(later.mtu("late0"), CAN_MTU);
-  EXPECT_EQ(query_interface(bus.directory(), "late0")->mtu, CAN_MTU);
-
   EXPECT_FALSE(set_interface_state(bus.directory(), "can0", false).value().up);
   EXPECT_FALSE(bus.hub().is_up("can0"));
-  const InterfaceStatistics stats = query_interface(bus.directory(), "can0").value();
-  EXPECT_FALSE(stats.up);
-  EXPECT_EQ(stats.ifindex, interface_index("can0"));
+  EXPECT_EQ(query_interface(bus.directory(), "can0")->ifindex, interface_index("can0"));
   EXPECT_TRUE(set_interface_state(bus.directory(), "can0", true)->up);
   EXPECT_TRUE(bus.hub().is_up("can0"));
   EXPECT_FALSE(query_interface(bus.directory(), "nosuch0").has_value());
 
   EXPECT_EQ(bus.hub().mtu("can0"), CANFD_MTU);
-  const std::string busy = "cannot change the MTU of 'can0' while it is up (set it down first)";
-  const struct {
-    std::function<void()> call;
-    std::string message;
-  } refused[] = {
-      {[&] { bus.set_mtu("can0", CAN_MTU); }, busy},
-      {[&] { set_interface_mtu(bus.directory(), "can0", CAN_MTU); }, busy},
+  // {a refused call, its exact message}
+  const std::tuple<std::function<void()>, std::string> refused[] = {
+      {[&] { bus.set_mtu("can0", CAN_MTU); },
+       "cannot change the MTU of 'can0' while it is up (set it down first)"},
       {[&] { bus.set_mtu("can0", 64); },
        "invalid MTU 64 for 'can0': 16 (classic CAN) or 72 (CAN FD)"},
       {[&] { set_interface_mtu(bus.directory(), "can0", 0); },
        "invalid MTU 0 for 'can0': 16 (classic CAN) or 72 (CAN FD)"},
       {[&] { bus.set_mtu("can9", CAN_MTU); }, "simbus hub: interface \"can9\" is not served"},
   };
-  for (const auto& row : refused) {
+  for (const auto& [call, expected] : refused) {
     std::string message = "no exception";
     try {
-      row.call();
+      call();
     } catch (const std::exception& e) {  // invalid_argument or runtime_error, as documented
       message = e.what();
     }
-    EXPECT_EQ(message, row.message);
+    EXPECT_EQ(message, expected);
   }
   EXPECT_EQ(bus.hub().mtu("can0"), CANFD_MTU);
   bus.set_up("can0", false);
@@ -168,7 +120,6 @@ TEST(HubControl, StateAndMtuAreReadAndChangedFromOutsideAndTheMtuGatesFdWrites) 
   bus.set_up("can0", true);
 
   Fd fd_socket = open_can("can0", true);
-  Fd peer = open_can("can0", true);
   ifreq request = request_for("can0");
   ASSERT_EQ(::ioctl(fd_socket.get(), SIOCGIFMTU, &request), 0);
   EXPECT_EQ(request.ifr_mtu, CAN_MTU);
@@ -184,19 +135,11 @@ TEST(HubControl, StateAndMtuAreReadAndChangedFromOutsideAndTheMtuGatesFdWrites) 
       [&] { return ::sendmsg(fd_socket.get(), &message, 0); },
       [&] { return ::writev(fd_socket.get(), &part, 1); },
   };
-  for (int up : {1, 0}) {
-    bus.set_up("can0", up != 0);
-    for (const auto& write : writes) {
-      EXPECT_EQ(errno_of(write()), EINVAL) << "up " << up;
-    }
+  bus.set_up("can0", false);  // EINVAL, not ENETDOWN: the size is checked first
+  for (const auto& write : writes) {
+    EXPECT_EQ(errno_of(write()), EINVAL);
   }
-  bus.set_up("can0", true);
-  const can_frame small = classic_frame(0x6, {1, 2});
-  ASSERT_EQ(::write(fd_socket.get(), &small, CAN_MTU), CAN_MTU);
-  canfd_frame got{};
-  ASSERT_EQ(read_within(peer.get(), &got, sizeof(got), 2000), CAN_MTU);
-  EXPECT_EQ(std::memcmp(&got, &small, CAN_MTU), 0);
-  EXPECT_EQ(bus.statistics("can0").frames_received, 1u);  // the refused ones never left
+  EXPECT_EQ(bus.statistics("can0").frames_received, 0u);  // the refused ones never left
 }
 
 TEST(HubRelay, CountsBusTimeAndLoadAndResets) {
@@ -212,52 +155,36 @@ TEST(HubRelay, CountsBusTimeAndLoadAndResets) {
   const InterfaceStatistics stats = bus.statistics("can0");
   EXPECT_EQ(stats.frames_relayed, 20u);
   EXPECT_EQ(stats.busy_time, 10 * (microseconds(111) + nanoseconds(49200)));
-  EXPECT_GT(stats.load(), 0.0);  // unpaced, it may exceed 1
   EXPECT_FALSE(stats.wire_time);
   EXPECT_EQ(stats.bitrate, kDefaultBitrate);
   bus.hub().reset_statistics();
   const InterfaceStatistics after = bus.statistics("can0");
   EXPECT_EQ(after.frames_relayed, 0u);
   EXPECT_EQ(after.busy_time.count(), 0);
-  EXPECT_EQ(after.load(), 0.0);
   EXPECT_EQ(after.clients, 2u);
 }
 
+// 200 CAN FD frames of 8 bytes with bit-rate switch, 49.2 us each.
 TEST(HubWireTime, FramesTakeTheirWireTime) {
-  const struct {
-    const char* name;
-    bool fd;
-    int frames;
-    nanoseconds each;
-  } rows[] = {
-      {"classic, 8 bytes", false, 100, microseconds(111)},
-      {"CAN FD, 8 bytes with bit-rate switch", true, 200, nanoseconds(49200)},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    ScopedSimbus bus({"can0"}, paced());
-    Fd writer = open_can("can0", row.fd);
-    Fd reader = open_can("can0", row.fd);
-    const canfd_frame fd = fd_frame(0x100, 8);
-    const auto start = steady_clock::now();
-    for (int i = 0; i < row.frames; ++i) {
-      ASSERT_EQ(row.fd ? ::write(writer.get(), &fd, CANFD_MTU)
-                       : ::write(writer.get(), &kEightBytes, CAN_MTU),
-                row.fd ? CANFD_MTU : CAN_MTU);
-    }
-    // Frame k ends its transmission (k + 1) wire times after the first write at the earliest;
-    // wake-up latency can only make it later.
-    canfd_frame got{};
-    for (int i = 0; i < row.frames; ++i) {
-      ASSERT_GT(read_within(reader.get(), &got, sizeof(got), 2000), 0) << i;
-      EXPECT_GE(steady_clock::now() - start, (i + 1) * row.each) << "frame " << i;
-    }
-    EXPECT_LT(steady_clock::now() - start, 2s);
-    const InterfaceStatistics stats = bus.statistics("can0");
-    EXPECT_TRUE(stats.wire_time);
-    EXPECT_EQ(stats.busy_time, row.frames * row.each);
-    EXPECT_LE(stats.load(), 1.0);  // paced: the bus is never busier than all the time
+  ScopedSimbus bus({"can0"}, paced());
+  Fd writer = open_can("can0", true);
+  Fd reader = open_can("can0", true);
+  const canfd_frame fd = fd_frame(0x100, 8);
+  const auto start = steady_clock::now();
+  for (int i = 0; i < 200; ++i) {
+    ASSERT_EQ(::write(writer.get(), &fd, CANFD_MTU), CANFD_MTU);
   }
+  // Frame k ends its transmission (k + 1) wire times after the first write at the earliest.
+  canfd_frame got{};
+  for (int i = 0; i < 200; ++i) {
+    ASSERT_GT(read_within(reader.get(), &got, sizeof(got), 2000), 0) << i;
+    EXPECT_GE(steady_clock::now() - start, (i + 1) * nanoseconds(49200)) << "frame " << i;
+  }
+  EXPECT_LT(steady_clock::now() - start, 2s);
+  const InterfaceStatistics stats = bus.statistics("can0");
+  EXPECT_TRUE(stats.wire_time);
+  EXPECT_EQ(stats.busy_time, 200 * nanoseconds(49200));
+  EXPECT_LE(stats.load(), 1.0);  // paced: the bus is never busier than all the time
 }
 
 TEST(HubWireTime, WaitingNodesArbitrateLowestIdentifierFirstEachNodeInItsOwnOrder) {
@@ -345,11 +272,6 @@ TEST_F(SimbusSocket, OnlyServedInterfacesAreFound) {
   ifreq ghost = request_for("ghost0");
   EXPECT_EQ(errno_of(::ioctl(fd.get(), SIOCGIFINDEX, &ghost)), ENODEV);
   EXPECT_EQ(::if_nametoindex("ghost0"), 0u);
-  {  // a hub started later replaces the stale file
-    Hub hub({"ghost0"}, HubOptions{bus_.directory()});
-    hub.start();
-    EXPECT_EQ(::ioctl(fd.get(), SIOCGIFINDEX, &ghost), 0);
-  }
 
   // Once the hub stops, a bound socket's writes fail with ENXIO.
   Fd bound = open_can("can0");
@@ -358,69 +280,22 @@ TEST_F(SimbusSocket, OnlyServedInterfacesAreFound) {
   EXPECT_EQ(errno_of(::ioctl(fd.get(), SIOCGIFINDEX, &request)), ENODEV);
 }
 
-TEST_F(SimbusSocket, InterfaceDownClearsFlagsRefusesWritesAndRelaysNothing) {
-  Fd sender = open_can("can0");
-  Fd receiver = open_can("can0");
-  const auto flags_of = [&](const std::string& name) {
-    ifreq flags = request_for(name);
-    EXPECT_EQ(::ioctl(sender.get(), SIOCGIFFLAGS, &flags), 0);
-    return flags.ifr_flags;
-  };
-  EXPECT_EQ(flags_of("can0"), IFF_UP | IFF_RUNNING | IFF_NOARP);
-  bus_.set_up("can0", false);
-  EXPECT_EQ(flags_of("can0"), IFF_NOARP);
-  EXPECT_EQ(errno_of(::write(sender.get(), &kEightBytes, CAN_MTU)), ENETDOWN);
-  EXPECT_EQ(errno_of(::send(sender.get(), &kEightBytes, CAN_MTU, 0)), ENETDOWN);
-  EXPECT_TRUE(stays_silent(receiver.get(), 50));
-  EXPECT_NE(flags_of("can1") & IFF_UP, 0);  // other interfaces are not affected
-
-  bus_.set_up("can0", true);
-  EXPECT_EQ(flags_of("can0"), IFF_UP | IFF_RUNNING | IFF_NOARP);
-  ASSERT_EQ(::write(sender.get(), &kEightBytes, CAN_MTU), CAN_MTU);
-  EXPECT_EQ(read_ids(receiver.get(), 2, 200), std::vector<canid_t>{0x10});  // not the refused
-}
-
 // The kernel would send to another CAN interface named in sendto(); the userspace bus reaches
 // only the bound one and says so.
 TEST_F(SimbusSocket, SendtoReachesOnlyTheBoundInterface) {
   Fd classic = open_can("can0");
-  const struct {
-    sa_family_t family;
-    const char* interface;
-    int error;
-  } rows[] = {{AF_CAN, "can0", 0}, {AF_CAN, "can1", ENXIO}, {AF_INET, "can0", EINVAL}};
-  for (const auto& row : rows) {
+  // {address family, interface, errno}
+  const std::tuple<sa_family_t, const char*, int> rows[] = {
+      {AF_CAN, "can0", 0}, {AF_CAN, "can1", ENXIO}, {AF_INET, "can0", EINVAL}};
+  for (const auto& [family, name, error] : rows) {
     sockaddr_can to{};
-    to.can_family = row.family;
-    to.can_ifindex = interface_index(row.interface);
+    to.can_family = family;
+    to.can_ifindex = interface_index(name);
     EXPECT_EQ(errno_of(::sendto(classic.get(), &kEightBytes, CAN_MTU, 0,
                                 reinterpret_cast<sockaddr*>(&to), sizeof(to))),
-              row.error)
-        << row.interface << " family " << row.family;
+              error)
+        << name << " family " << family;
   }
-}
-
-TEST_F(SimbusSocket, EveryOtherClientOfTheInterfaceReceivesEveryFrame) {
-  std::vector<Fd> clients;
-  for (int i = 0; i < 4; ++i) {
-    clients.push_back(open_can("can0"));
-  }
-  for (int i = 0; i < 4; ++i) {
-    const can_frame frame = classic_frame(0x100 + i, {static_cast<std::uint8_t>(i)});
-    ASSERT_EQ(::write(clients[i].get(), &frame, CAN_MTU), CAN_MTU);
-  }
-  for (int i = 0; i < 4; ++i) {
-    std::vector<canid_t> expected{0x100, 0x101, 0x102, 0x103};
-    expected.erase(expected.begin() + i);  // all but its own
-    std::vector<canid_t> ids = read_ids(clients[i].get(), 3);
-    std::sort(ids.begin(), ids.end());  // frames of different writers may interleave
-    EXPECT_EQ(ids, expected) << "client " << i;
-    EXPECT_TRUE(stays_silent(clients[i].get(), 10));
-  }
-  const InterfaceStatistics stats = bus_.statistics("can0");
-  EXPECT_EQ(stats.clients, 4u);
-  EXPECT_EQ(stats.frames_relayed, 4u);
-  EXPECT_EQ(stats.deliveries, 12u);
 }
 
 // Writes `count` frames numbered 0, 1, ... as fast as they go while a thread reads `reader`
@@ -454,8 +329,9 @@ TEST_F(SimbusSocket, FramesOfOneWriterArriveInOrderOrAreCountedAsDropped) {
   Fd reader = open_can("can0");
   const std::vector<std::uint32_t> received = flood(writer.get(), reader.get(), 5000);
   ASSERT_FALSE(received.empty());
-  EXPECT_TRUE(std::is_sorted(received.begin(), received.end()));
-  EXPECT_EQ(std::adjacent_find(received.begin(), received.end()), received.end());
+  // strictly increasing: in order, none twice
+  EXPECT_EQ(std::adjacent_find(received.begin(), received.end(), std::greater_equal<>()),
+            received.end());
   InterfaceStatistics stats = bus_.statistics("can0");
   EXPECT_EQ(stats.frames_relayed, 5000u);
   EXPECT_EQ(received.size() + stats.frames_dropped, 5000u);
@@ -519,8 +395,8 @@ TEST_F(SimbusSocket, ReceiveFiltersUseTheKernelMatchingRules) {
   EXPECT_EQ(errno_of(::setsockopt(range.get(), SOL_CAN_RAW, CAN_RAW_FILTER, back, 12)), EINVAL);
 }
 
-// A reader on can1: its address, poll and select, a blocking read, the sender's address, and
-// options changed after bind applying to the very next frame.
+// A reader on can1: its address, a blocking read, the sender's address, and options changed
+// after bind applying to the very next frame.
 TEST_F(SimbusSocket, ReadersSeeFramesAsOnTheKernel) {
   Fd writer = open_can("can1", true);
   Fd reader = open_can("can1");
@@ -530,37 +406,25 @@ TEST_F(SimbusSocket, ReadersSeeFramesAsOnTheKernel) {
   EXPECT_EQ(address.can_family, AF_CAN);
   EXPECT_EQ(address.can_ifindex, interface_index("can1"));
 
-  pollfd waiter{reader.get(), POLLIN, 0};
-  EXPECT_EQ(::poll(&waiter, 1, 0), 0);
-  std::thread later([&] {
+  std::thread later([&] {  // a blocking read wakes up when a frame arrives
     std::this_thread::sleep_for(50ms);
     const can_frame frame = classic_frame(0x9, {9});
     EXPECT_EQ(::write(writer.get(), &frame, CAN_MTU), CAN_MTU);
   });
-  EXPECT_EQ(::poll(&waiter, 1, 2000), 1);
-  fd_set readable;
-  FD_ZERO(&readable);
-  FD_SET(reader.get(), &readable);
-  timeval no_wait{0, 0};
-  EXPECT_EQ(::select(reader.get() + 1, &readable, nullptr, nullptr, &no_wait), 1);
   sockaddr_can source{};
   canfd_frame got{};
   ASSERT_EQ(
       ::recvfrom(reader.get(), &got, sizeof(got), 0, reinterpret_cast<sockaddr*>(&source), &length),
       CAN_MTU);
+  later.join();
   EXPECT_EQ(got.can_id, 0x9u);
   EXPECT_EQ(source.can_family, AF_CAN);
   EXPECT_EQ(source.can_ifindex, interface_index("can1"));
-  later.join();
   const int one = 1;
   ASSERT_EQ(::setsockopt(reader.get(), SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &one, sizeof(one)), 0);
-  later = std::thread([&] {  // a blocking read wakes up when a frame arrives
-    std::this_thread::sleep_for(50ms);
-    const canfd_frame big = fd_frame(0x55, 12);
-    EXPECT_EQ(::write(writer.get(), &big, CANFD_MTU), CANFD_MTU);
-  });
-  EXPECT_EQ(::read(reader.get(), &got, sizeof(got)), CANFD_MTU);
-  later.join();
+  const canfd_frame big = fd_frame(0x55, 12);
+  ASSERT_EQ(::write(writer.get(), &big, CANFD_MTU), CANFD_MTU);
+  EXPECT_EQ(read_within(reader.get(), &got, sizeof(got), 2000), CANFD_MTU);
 
   const can_filter only_0x10{0x10, CAN_SFF_MASK};
   ASSERT_EQ(::setsockopt(reader.get(), SOL_CAN_RAW, CAN_RAW_FILTER, &only_0x10, sizeof(only_0x10)),

@@ -3,8 +3,8 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <optional>
 #include <string>
+#include <tuple>
 
 #include "simbus/simbus_paths.hpp"
 #include "simbus/simbus_wire_time.hpp"
@@ -17,45 +17,38 @@ using std::chrono::nanoseconds;
 // Bits on the wire, without dynamic stuffing, and the time they take at 1 Mbit/s nominal and
 // 5 Mbit/s data rate (the defaults).
 TEST(WireTime, FramesTakeTheirBitsAtTheNominalAndDataRates) {
-  const struct {
-    const char* name;
-    bool fd;
-    canid_t id;
-    std::uint8_t length;
-    std::uint8_t flags;
-    std::uint32_t nominal;
-    std::uint32_t data;
-    long time_ns;
-  } rows[] = {
-      {"classic, 8 bytes", false, 0x123, 8, 0, 111, 0, 111000},
-      {"classic, empty", false, 0x123, 0, 0, 47, 0, 47000},
-      {"classic, 3 bytes", false, 0x123, 3, 0, 71, 0, 71000},
-      {"classic, extended identifier", false, 0x123 | CAN_EFF_FLAG, 8, 0, 131, 0, 131000},
-      {"remote frame: no data field whatever its DLC", false, 0x123 | CAN_RTR_FLAG, 8, 0, 47, 0,
-       47000},
-      // 17 arbitration + 13 tail bits; ESI, DLC, data, stuff count, CRC-17, 6 fixed stuff bits.
-      {"FD, 8 bytes, bit-rate switch", true, 0x123, 8, CANFD_BRS, 30, 96, 49200},
-      {"FD, 16 bytes", true, 0x123, 16, CANFD_BRS, 30, 32 + 128, 62000},
-      // CRC-21 and 7 fixed stuff bits above 16 bytes.
-      {"FD, 64 bytes", true, 0x123, 64, CANFD_BRS, 30, 37 + 512, 139800},
-      {"FD, extended identifier (36 arbitration bits)", true, 0x123 | CAN_EFF_FLAG, 8, CANFD_BRS,
-       49, 96, 68200},
-      // Payloads are padded to the next valid length.
-      {"FD, 9 bytes sent as 12", true, 0x1, 9, CANFD_BRS, 30, 32 + 96, 55600},
-      {"FD, 12 bytes", true, 0x1, 12, CANFD_BRS, 30, 32 + 96, 55600},
-      {"FD without bit-rate switch: all at the nominal rate", true, 0x123, 8, 0, 126, 0, 126000},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
+  // {case, CAN FD, identifier, length, flags, nominal-rate bits, data-rate bits, wire time ns}
+  const std::tuple<const char*, bool, canid_t, std::uint8_t, std::uint8_t, std::uint32_t,
+                   std::uint32_t, long>
+      rows[] = {
+          {"classic, 8 bytes", false, 0x123, 8, 0, 111, 0, 111000},
+          {"classic, empty", false, 0x123, 0, 0, 47, 0, 47000},
+          {"classic, extended identifier", false, 0x123 | CAN_EFF_FLAG, 8, 0, 131, 0, 131000},
+          {"remote frame: no data field whatever its DLC", false, 0x123 | CAN_RTR_FLAG, 8, 0, 47, 0,
+           47000},
+          // 17 arbitration + 13 tail bits; ESI, DLC, data, stuff count, CRC-17, 6 fixed stuff bits.
+          {"FD, 8 bytes, bit-rate switch", true, 0x123, 8, CANFD_BRS, 30, 96, 49200},
+          {"FD, 16 bytes", true, 0x123, 16, CANFD_BRS, 30, 32 + 128, 62000},
+          // CRC-21 and 7 fixed stuff bits above 16 bytes.
+          {"FD, 64 bytes", true, 0x123, 64, CANFD_BRS, 30, 37 + 512, 139800},
+          {"FD, extended identifier (36 arbitration bits)", true, 0x123 | CAN_EFF_FLAG, 8,
+           CANFD_BRS, 49, 96, 68200},
+          // Payloads are padded to the next valid length.
+          {"FD, 9 bytes sent as 12", true, 0x1, 9, CANFD_BRS, 30, 32 + 96, 55600},
+          {"FD without bit-rate switch: all at the nominal rate", true, 0x123, 8, 0, 126, 0,
+           126000},
+      };
+  for (const auto& [name, fd, id, length, flags, nominal, data, time_ns] : rows) {
+    SCOPED_TRACE(name);
     canfd_frame frame{};  // a classic frame is its first CAN_MTU bytes
-    frame.can_id = row.id;
-    frame.len = row.length;
-    frame.flags = row.flags;
-    const FrameBits bits = row.fd ? canfd_frame_bits(frame)
-                                  : classic_frame_bits(reinterpret_cast<const can_frame&>(frame));
-    EXPECT_EQ(bits.nominal, row.nominal);
-    EXPECT_EQ(bits.data, row.data);
-    EXPECT_EQ(frame_wire_time(&frame, row.fd ? CANFD_MTU : CAN_MTU), nanoseconds(row.time_ns));
+    frame.can_id = id;
+    frame.len = length;
+    frame.flags = flags;
+    const FrameBits bits = fd ? canfd_frame_bits(frame)
+                              : classic_frame_bits(reinterpret_cast<const can_frame&>(frame));
+    EXPECT_EQ(bits.nominal, nominal);
+    EXPECT_EQ(bits.data, data);
+    EXPECT_EQ(frame_wire_time(&frame, fd ? CANFD_MTU : CAN_MTU), nanoseconds(time_ns));
   }
   canfd_frame frame{};
   frame.len = 8;
@@ -69,43 +62,23 @@ TEST(WireTime, FramesTakeTheirBitsAtTheNominalAndDataRates) {
   }
 }
 
-// Sets or clears an environment variable for one scope.
-class EnvironmentOverride {
- public:
-  EnvironmentOverride(const char* name, const char* value) : name_(name) {
-    if (const char* old = std::getenv(name)) {
-      previous_ = old;
-    }
-    value ? ::setenv(name, value, 1) : ::unsetenv(name);
-  }
-  ~EnvironmentOverride() { previous_ ? ::setenv(name_, previous_->c_str(), 1) : ::unsetenv(name_); }
-
- private:
-  const char* name_;
-  std::optional<std::string> previous_;
-};
+// Sets or clears an environment variable.
+void set_env(const char* name, const char* value) {
+  value ? ::setenv(name, value, 1) : ::unsetenv(name);
+}
 
 TEST(BusDirectory, ExplicitVariableThenRuntimeDirectoryThenTmp) {
-  const struct {
-    const char* name;
-    const char* dir;
-    const char* runtime;
-    std::string expected;
-  } rows[] = {
+  // {case, KESTREL_SIMBUS_DIR, XDG_RUNTIME_DIR, the directory}
+  const std::tuple<const char*, const char*, const char*, std::string> rows[] = {
       {"explicit", "/somewhere/bus", "/run/user/1234", "/somewhere/bus"},
       {"empty counts as unset", "", "/run/user/1234", "/run/user/1234/kestrel-simbus"},
       {"neither", nullptr, nullptr, "/tmp/kestrel-simbus-" + std::to_string(::getuid())},
   };
-  for (const auto& row : rows) {
-    EnvironmentOverride dir(kDirectoryEnv, row.dir);
-    EnvironmentOverride runtime("XDG_RUNTIME_DIR", row.runtime);
-    EXPECT_EQ(bus_directory(), row.expected) << row.name;
+  for (const auto& [name, dir, runtime, expected] : rows) {
+    set_env(kDirectoryEnv, dir);
+    set_env("XDG_RUNTIME_DIR", runtime);
+    EXPECT_EQ(bus_directory(), expected) << name;
   }
-  // Read at every call, never cached.
-  EnvironmentOverride dir(kDirectoryEnv, "/first");
-  EXPECT_EQ(bus_directory(), "/first");
-  ::setenv(kDirectoryEnv, "/second", 1);
-  EXPECT_EQ(bus_directory(), "/second");
   EXPECT_EQ(socket_path("/d", "can0"), "/d/can0");
   EXPECT_EQ(state_path("/d", "can0"), "/d/can0:state");
   EXPECT_TRUE(fits_socket_path(std::string(107, 'x')));

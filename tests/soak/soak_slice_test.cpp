@@ -8,19 +8,19 @@
 
 #include <regex>
 
-#include "examples/sim_beside.hpp"
+#include "simbus/private_bus.hpp"
 
 namespace {
 
 using namespace std::chrono_literals;
 
-TEST(SoakSlice, ReportsEveryIntervalAndNothingGrows) {
-  kestrel::testing::SimBeside bus("soakcan0");
-  ASSERT_TRUE(bus.served) << bus.sim->output();
-  const auto soak =
-      bus.run({KESTREL_SIMBUS_PROGRAM, "run", "--", KESTREL_SOAK_PROGRAM, "--interface", "soakcan0",
-               "--seconds", "20", "--interval", "10", "--rss-limit", "16"},
-              90s);
+class SoakSlice : public kestrel::testing::PrivateBus {};
+
+TEST_F(SoakSlice, ReportsEveryIntervalAndNothingGrows) {
+  ASSERT_NO_FATAL_FAILURE(start_sim("soakcan0"));
+  const auto soak = run({KESTREL_SIMBUS_PROGRAM, "run", "--", KESTREL_SOAK_PROGRAM, "--interface",
+                         "soakcan0", "--seconds", "20", "--interval", "10", "--rss-limit", "16"},
+                        90s);
   const std::string& out = soak.output;
   EXPECT_EQ(soak.status, 0) << out;
   const std::regex report(
@@ -42,8 +42,6 @@ TEST(SoakSlice, ReportsEveryIntervalAndNothingGrows) {
   }
   EXPECT_EQ(reports, 2) << out;
   EXPECT_THAT(out, ::testing::HasSubstr("verdict: PASS")) << out;
-  bus.sim->terminate();
-  EXPECT_EQ(bus.sim->wait(), 0) << bus.sim->output();
 }
 
 }  // namespace

@@ -28,7 +28,6 @@ std::vector<IntervalFigures> intervals_of(const Series& s) {
     IntervalFigures f;
     f.index = static_cast<int>(i) + 1;
     f.process.rss_mb = s.rss_mb[i];
-    f.process.hwm_mb = s.rss_mb[i] + 1.0;
     f.process.fds = s.fds.empty() ? 12 : s.fds[i];
     f.process.threads = s.threads.empty() ? 5 : s.threads[i];
     out.push_back(f);
