@@ -189,7 +189,7 @@ struct Session {
 
   void motions() {
     lower_this_thread_priority();
-    MotionGenerator generator(options.seed, options.profile, planner_limits, view());
+    MotionGenerator generator(options.seed, planner_limits, view());
     // An emergency stop ends the controller: nothing after it would tell anything new.
     if (smooth) {
       generator.take_over_moving_arm();
@@ -231,7 +231,7 @@ struct Session {
 
   void interruptions() {
     lower_this_thread_priority();
-    InterruptionGenerator generator(options.seed, options.profile, planner_limits, view());
+    InterruptionGenerator generator(options.seed, planner_limits, view());
     for (;;) {
       wait(generator.pause(), [&] { return motions_done; });
       Call call = generator.next();

@@ -16,7 +16,6 @@ namespace kestrel::campaign {
 struct CampaignOptions {
   uint64_t seed = 1;
   double duration_sec = 15.0;  // the motion thread starts no call after this much arm time
-  Profile profile = Profile::kFull;
   bool report_always = false;  // the summary carries the reproduction even when nothing failed
   std::string frames_csv;      // when set: every MIT frame written there (time, motor, fields)
 };

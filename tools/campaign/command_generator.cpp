@@ -166,9 +166,8 @@ double MotionSpace::path_time(const Posture& from, const std::vector<Posture>& p
 
 // ---- MotionGenerator --------------------------------------------------------------------------
 
-MotionGenerator::MotionGenerator(uint64_t seed, Profile profile, const PlannerLimits& limits,
-                                 ArmView view)
-    : rng_(stream(seed, 1)), profile_(profile), space_(limits), view_(std::move(view)) {}
+MotionGenerator::MotionGenerator(uint64_t seed, const PlannerLimits& limits, ArmView view)
+    : rng_(stream(seed, 1)), space_(limits), view_(std::move(view)) {}
 
 double MotionGenerator::pause() {
   return uniform(rng_, 0.0, 0.2);
@@ -178,9 +177,6 @@ Call MotionGenerator::next() {
   if (!homed_) {
     homed_ = true;
     return homing();
-  }
-  if (profile_ == Profile::kSlowJointMoves) {
-    return slow_move();
   }
   switch (pick(rng_, {22, 3, 20, 8, 18, 4, 4, 8})) {
     case 0:
@@ -245,18 +241,6 @@ Call MotionGenerator::set_joint(bool far_too_short) {
   const double time =
       std::max(space_.septic_time(from, to, standoff_) * uniform(rng_, 1.1, 2.0), 0.05);
   return set_joint_call(to, time, Expectation::kAny, "set_joint");
-}
-
-Call MotionGenerator::slow_move() {
-  const Posture from = view_.joints();
-  const Posture to = space_.near(from, 0.3, rng_);
-  if (chance(rng_, 0.5)) {
-    const double time = std::max(space_.septic_time(from, to) * uniform(rng_, 2.0, 3.0), 0.3);
-    return set_joint_call(to, time, Expectation::kAny, "set_joint");
-  }
-  Timing timing;
-  timing.time_sec = std::max(space_.quintic_time(from, to, 1.0) * uniform(rng_, 2.0, 3.0), 0.3);
-  return joint_waypoint_call({to}, timing, timing.time_sec);
 }
 
 Call MotionGenerator::joint_waypoints(bool with_gripper) {
@@ -445,18 +429,15 @@ Call MotionGenerator::motion_program() {
 
 // ---- InterruptionGenerator ----------------------------------------------------------------------
 
-InterruptionGenerator::InterruptionGenerator(uint64_t seed, Profile profile,
-                                             const PlannerLimits& limits, ArmView view)
-    : rng_(stream(seed, 2)), profile_(profile), space_(limits), view_(std::move(view)) {}
+InterruptionGenerator::InterruptionGenerator(uint64_t seed, const PlannerLimits& limits,
+                                             ArmView view)
+    : rng_(stream(seed, 2)), space_(limits), view_(std::move(view)) {}
 
 double InterruptionGenerator::pause() {
   return uniform(rng_, 0.02, 0.4);
 }
 
 Call InterruptionGenerator::next() {
-  if (profile_ == Profile::kSlowJointMoves) {
-    return state_query();
-  }
   switch (pick(rng_, {16, 6, 4, 14, 36, 24})) {
     case 0:
       return chunk(false);

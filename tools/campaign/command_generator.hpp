@@ -33,11 +33,6 @@ struct PlannerLimits {
   std::array<double, 6> jmax{};  // rad/s^3
 };
 
-enum class Profile {
-  kFull,            // everything the campaign knows
-  kSlowJointMoves,  // slow rest-to-rest joint moves and state queries only: must pass cleanly
-};
-
 // Postures and durations shared by both generators.
 class MotionSpace {
  public:
@@ -63,7 +58,7 @@ class MotionSpace {
 
 class MotionGenerator {
  public:
-  MotionGenerator(uint64_t seed, Profile profile, const PlannerLimits& limits, ArmView view);
+  MotionGenerator(uint64_t seed, const PlannerLimits& limits, ArmView view);
   // Its calls may take over a moving arm through the splice (smooth_takeover): a set_joint move
   // then starts where the brake from the running motion ends, up to kBrakeStandOff from the
   // joints it was made from, and its time allows for that.
@@ -75,7 +70,6 @@ class MotionGenerator {
  private:
   Call homing();
   Call set_joint(bool far_too_short);
-  Call slow_move();
   Call joint_waypoints(bool with_gripper);
   Call cartesian();
   Call degenerate_line();
@@ -83,7 +77,6 @@ class MotionGenerator {
   Call motion_program();
 
   std::mt19937_64 rng_;
-  Profile profile_;
   double standoff_ = 0.0;
   MotionSpace space_;
   ArmView view_;
@@ -92,7 +85,7 @@ class MotionGenerator {
 
 class InterruptionGenerator {
  public:
-  InterruptionGenerator(uint64_t seed, Profile profile, const PlannerLimits& limits, ArmView view);
+  InterruptionGenerator(uint64_t seed, const PlannerLimits& limits, ArmView view);
   Call next();
   double pause();  // seconds before the next call, 20-400 ms
 
@@ -104,7 +97,6 @@ class InterruptionGenerator {
   Call bad_arguments();
 
   std::mt19937_64 rng_;
-  Profile profile_;
   MotionSpace space_;
   ArmView view_;
 };

@@ -143,7 +143,7 @@ struct SoakDriver::Session {
 
   void motions() {
     lower_this_thread_priority();
-    campaign::MotionGenerator generator(seed, campaign::Profile::kFull, limits, view());
+    campaign::MotionGenerator generator(seed, limits, view());
     while (!quitting() && live()) {
       wait_for_standstill();
       std::optional<Call> handed;
@@ -175,7 +175,7 @@ struct SoakDriver::Session {
 
   void interruptions() {
     lower_this_thread_priority();
-    campaign::InterruptionGenerator generator(seed, campaign::Profile::kFull, limits, view());
+    campaign::InterruptionGenerator generator(seed, limits, view());
     for (;;) {
       wait(generator.pause(), [] { return false; });
       if (quitting() || !live()) {
