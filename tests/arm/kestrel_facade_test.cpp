@@ -171,8 +171,10 @@ TEST_P(FacadeTest, AReplacedGripperMotorLeavesTheFacadeWithItsDevice) {
   init_all();
   // The new motor listens on 0x18; the old device (0x17) refers to the motor just destroyed and
   // must stay neither in the gripper group (it would take every command) nor in the dispatcher,
-  // nor the gripper group registered twice.
+  // nor the gripper group registered twice. Nothing may keep the old device alive.
+  const std::weak_ptr<dm::DMCANDevice> old_device = arm.get_gripper().get_dm_devices().at(0);
   arm.init_gripper_motor(T::DM_V30_T10, 7, 0x18);
+  EXPECT_TRUE(old_device.expired()) << "the old gripper device is still registered somewhere";
   send_and_settle([&] { arm.enable_all(); }, 7);
   EXPECT_EQ(received_ids(*motors), (Ids{1, 2, 3, 4, 5, 6, 7}));
   send_and_settle([&] { arm.refresh_all(); }, 7);  // motor 7 answers on 0x17: nobody's feedback
