@@ -6,10 +6,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
 #include <functional>
 #include <limits>
 #include <random>
+#include <thread>
 
 #include "controller/controller_fixture.hpp"
 #include "kestrel/controller/joint_splice.hpp"
@@ -430,6 +432,43 @@ TEST_F(PlannerTest, SingularityDetourSteersAWristOvershootAroundOrGivesUp) {
 // ---- Cartesian line planning ----------------------------------------------------------------
 
 // ---- Cartesian line planning ----------------------------------------------------------------
+
+// Cartesian planning runs on an application thread while others query the shared model: KDL's
+// joints cache their last pose, so planning on the model's own chain would tear the rotations
+// those queries read.
+TEST_F(PlannerTest, LinePlanningBesideModelQueriesLeavesTheirRotationsExact) {
+  std::atomic<bool> planning{true};
+  std::atomic<int> queries{0};
+  double worst = 0.0;
+  std::thread query([&] {
+    std::mt19937 rng(5);
+    std::uniform_real_distribution<double> angle(-1.0, 1.0);
+    while (planning) {
+      std::vector<double> q(6);
+      for (double& v : q) {
+        v = angle(rng);
+      }
+      const auto p = impl().kinematics->forwardKinematics_kdl(q);
+      worst = std::max(
+          worst, std::abs(std::sqrt(p[3] * p[3] + p[4] * p[4] + p[5] * p[5] + p[6] * p[6]) - 1.0));
+      ++queries;
+    }
+  });
+  std::string refused;
+  try {
+    for (int k = 0; k < 8; ++k) {
+      line(kWork, {pose_at(kWork, {-0.06, 0, 0}), pose_at(kWork, {-0.06, 0.06, 0})}, 0.0, 0.5,
+           0.01);
+    }
+  } catch (const std::exception& e) {
+    refused = e.what();
+  }
+  planning = false;
+  query.join();
+  EXPECT_EQ(refused, "");
+  EXPECT_GT(queries.load(), 0);
+  EXPECT_LT(worst, 1e-12) << "a tool rotation off the unit quaternion";
+}
 
 TEST_F(PlannerTest, LinePathStaysOnItsLinesAndRoundsCornersWithinTheRadius) {
   // Four lines back towards the base (the working posture reaches far out), turning by 90

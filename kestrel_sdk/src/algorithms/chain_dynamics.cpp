@@ -21,7 +21,7 @@ void store(const KDL::JntArray& values, double* out) {
 }  // namespace
 
 ChainDynamics::ChainDynamics(const RobotKinematics& model)
-    : chain_(model.chain()), n_(chain_.getNrOfJoints()) {
+    : chain_(model.chain_copy()), n_(chain_.getNrOfJoints()) {
   const Eigen::Vector3d& g = model.gravity();
   solver_.emplace(chain_, KDL::Vector(g.x(), g.y(), g.z()));
   q_.resize(n_);

@@ -153,9 +153,15 @@ class RobotKinematics {
   const std::vector<double>& joint_lower_limits() const { return lower_; }
   const std::vector<double>& joint_upper_limits() const { return upper_; }
   const std::vector<bool>& joint_has_limits() const { return has_limits_; }
-  // Base to tool centre point, with payload; callers may build their own KDL solvers on it
-  // (it is never modified and outlives them as long as the model does).
+  // Base to tool centre point, with payload. Read it only while no other thread queries the
+  // model: KDL's joints cache their last pose, so every solve writes into the chain. A thread
+  // that builds KDL solvers of its own beside other users takes chain_copy() instead.
   const KDL::Chain& chain() const { return chain_; }
+  // A copy of the chain taken under the model's lock, for solvers used outside it.
+  KDL::Chain chain_copy() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return chain_;
+  }
   // Gravity acceleration in the base frame, m/s², from the mounting.
   const Eigen::Vector3d& gravity() const { return gravity_; }
   const std::vector<joint_t>& screw_joints() const { return joints_; }

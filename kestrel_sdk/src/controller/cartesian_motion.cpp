@@ -171,7 +171,9 @@ std::vector<ArmController::Impl::Sample> ArmController::Impl::plan_cartesian_lin
     double speed, double blend_radius_m, double control_hz, double position_tolerance_m,
     double orientation_tolerance_rad, const char* prefix, std::vector<double>* gripper_timeline_out,
     const std::vector<double>* point_gripper_targets) {
-  const KDL::Chain& chain = kinematics->chain();
+  // The planner's own copy: application threads query the shared model meanwhile, and KDL's
+  // solvers write their joint poses into the chain they run on.
+  const KDL::Chain chain = kinematics->chain_copy();
   KDL::ChainFkSolverPos_recursive fk(chain);
   KDL::ChainJntToJacSolver jacobian_solver(chain);
   KDL::JntArray q(kJoints);
