@@ -1,8 +1,10 @@
-// Scripted expectations and bus-load telemetry, fed with frames directly (no socket).
+// Scripted expectations, bus-load telemetry and the frame log, fed with frames directly (no
+// socket).
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "kestrel_sim/expectations.hpp"
+#include "kestrel_sim/frame_log.hpp"
 #include "kestrel_sim/simulated_motor_bus.hpp"
 #include "kestrel_sim/telemetry.hpp"
 #include "sim_test_support.hpp"
@@ -132,6 +134,57 @@ TEST(Telemetry, ArmTrafficLoadsAClassicBusToNinetyThreePercent) {
   EXPECT_EQ(s.received_fps, 0.0);
   EXPECT_EQ(s.sent_total, 4200u);
   EXPECT_THAT(format_line(meter.snapshot(start + 1s)), HasSubstr("classic 1M  93."));
+}
+
+// Entries numbered by their frame identifier, as a snapshot holds them.
+std::vector<uint32_t> ids(const FrameLog::Snapshot& snapshot) {
+  std::vector<uint32_t> out;
+  snapshot.for_each([&](const LoggedFrame& e) { out.push_back(e.frame.id); });
+  return out;
+}
+
+std::vector<uint32_t> numbered(uint32_t first, uint32_t end) {
+  std::vector<uint32_t> out;
+  for (uint32_t i = first; i < end; ++i) {
+    out.push_back(i);
+  }
+  return out;
+}
+
+// The log keeps the newest `capacity` entries across its chunk boundaries, and a snapshot keeps
+// what it saw while the log goes on, wraps past it, or is cleared.
+TEST(FrameLog, KeepsTheNewestEntriesAndSnapshotsStayAsTaken) {
+  const uint32_t chunk = FrameLog::kChunkEntries;
+  struct Case {
+    const char* name;
+    size_t capacity;
+    uint32_t appended;
+  };
+  for (const Case& c :
+       {Case{"empty", 10, 0}, Case{"under a small capacity", 10, 7},
+        Case{"wrapping a small capacity", 10, 25}, Case{"exactly one chunk", chunk, chunk},
+        Case{"one past a chunk", chunk, chunk + 1},
+        Case{"over several chunks", chunk + 300, 5 * chunk + 17}, Case{"no capacity", 0, 5}}) {
+    SCOPED_TRACE(c.name);
+    FrameLog log(c.capacity);
+    for (uint32_t i = 0; i < c.appended; ++i) {
+      log.append(LoggedFrame{TimePoint{}, LoggedFrame::Direction::kReceived, Frame::classic(i, {}),
+                             ReceivedCommand{}});
+    }
+    const uint32_t kept = std::min<uint32_t>(c.appended, static_cast<uint32_t>(c.capacity));
+    const FrameLog::Snapshot before = log.snapshot();
+    EXPECT_EQ(log.size(), kept);
+    EXPECT_EQ(before.size(), kept);
+    EXPECT_EQ(ids(before), numbered(c.appended - kept, c.appended));
+    for (uint32_t i = 0; i < 2 * chunk; ++i) {
+      log.append(LoggedFrame{TimePoint{}, LoggedFrame::Direction::kSent, Frame::classic(9999, {}),
+                             ReceivedCommand{}});
+    }
+    log.clear();
+    EXPECT_EQ(log.size(), 0u);
+    EXPECT_EQ(log.snapshot().size(), 0u);
+    EXPECT_EQ(ids(before), numbered(c.appended - kept, c.appended));
+  }
 }
 
 }  // namespace

@@ -53,6 +53,7 @@ SimulatedMotorBus::SimulatedMotorBus(std::vector<MotorConfig> configs, BusOption
     : options_(std::move(options)),
       simulation_(std::move(configs), std::move(plant), options_.simulation),
       random_(options_.random_seed),
+      log_(options_.frame_log_capacity),
       telemetry_(options_.timing) {
   if (options_.physics_period <= std::chrono::microseconds::zero()) {
     throw std::invalid_argument("physics period must be positive");
@@ -339,19 +340,16 @@ void SimulatedMotorBus::physics_loop() {
   }
 }
 
-void SimulatedMotorBus::log(LoggedFrame entry) {
+void SimulatedMotorBus::log(const LoggedFrame& entry) {
   std::lock_guard<std::mutex> lock(log_mutex_);
-  append_log(std::move(entry));
+  append_log(entry);
 }
 
-void SimulatedMotorBus::append_log(LoggedFrame entry) {
+void SimulatedMotorBus::append_log(const LoggedFrame& entry) {
   if (entry.direction == LoggedFrame::Direction::kReceived) {
     ++received_since_clear_;
   }
-  log_.push_back(std::move(entry));
-  while (log_.size() > options_.frame_log_capacity) {
-    log_.pop_front();
-  }
+  log_.append(entry);
   log_cv_.notify_all();
 }
 
@@ -387,20 +385,41 @@ void SimulatedMotorBus::with_simulation(const std::function<void(MotorSimulation
   fn(simulation_);
 }
 
+namespace {
+
+// The entries of `snapshot`, or only the received ones; copied with no lock held.
+std::vector<LoggedFrame> copy_entries(const FrameLog::Snapshot& snapshot, bool received_only,
+                                      size_t expected) {
+  std::vector<LoggedFrame> out;
+  out.reserve(expected);
+  snapshot.for_each([&](const LoggedFrame& e) {
+    if (!received_only || e.direction == LoggedFrame::Direction::kReceived) {
+      out.push_back(e);
+    }
+  });
+  return out;
+}
+
+}  // namespace
+
 std::vector<LoggedFrame> SimulatedMotorBus::frame_log() const {
-  std::lock_guard<std::mutex> lock(log_mutex_);
-  return {log_.begin(), log_.end()};
+  FrameLog::Snapshot snapshot;
+  {
+    std::lock_guard<std::mutex> lock(log_mutex_);
+    snapshot = log_.snapshot();
+  }
+  return copy_entries(snapshot, false, snapshot.size());
 }
 
 std::vector<LoggedFrame> SimulatedMotorBus::received_frames() const {
-  std::lock_guard<std::mutex> lock(log_mutex_);
-  std::vector<LoggedFrame> out;
-  for (const LoggedFrame& e : log_) {
-    if (e.direction == LoggedFrame::Direction::kReceived) {
-      out.push_back(e);
-    }
+  FrameLog::Snapshot snapshot;
+  size_t received = 0;
+  {
+    std::lock_guard<std::mutex> lock(log_mutex_);
+    snapshot = log_.snapshot();
+    received = received_since_clear_;
   }
-  return out;
+  return copy_entries(snapshot, true, std::min(received, snapshot.size()));
 }
 
 void SimulatedMotorBus::clear_frame_log() {
@@ -410,19 +429,19 @@ void SimulatedMotorBus::clear_frame_log() {
 }
 
 std::vector<LoggedFrame> SimulatedMotorBus::take_received_frames(size_t* lost) {
-  std::lock_guard<std::mutex> lock(log_mutex_);
-  std::vector<LoggedFrame> out;
-  out.reserve(std::min(received_since_clear_, log_.size()));
-  for (LoggedFrame& e : log_) {
-    if (e.direction == LoggedFrame::Direction::kReceived) {
-      out.push_back(std::move(e));
-    }
+  FrameLog::Snapshot snapshot;
+  size_t received = 0;
+  {
+    std::lock_guard<std::mutex> lock(log_mutex_);
+    snapshot = log_.snapshot();
+    received = received_since_clear_;
+    log_.clear();
+    received_since_clear_ = 0;
   }
+  std::vector<LoggedFrame> out = copy_entries(snapshot, true, std::min(received, snapshot.size()));
   if (lost != nullptr) {
-    *lost = received_since_clear_ - out.size();
+    *lost = received - out.size();
   }
-  log_.clear();
-  received_since_clear_ = 0;
   return out;
 }
 

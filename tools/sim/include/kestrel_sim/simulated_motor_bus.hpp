@@ -15,7 +15,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -27,6 +26,7 @@
 #include <vector>
 
 #include "kestrel_sim/expectations.hpp"
+#include "kestrel_sim/frame_log.hpp"
 #include "kestrel_sim/motor_simulation.hpp"
 #include "kestrel_sim/telemetry.hpp"
 
@@ -40,14 +40,6 @@ struct BusOptions {
   size_t frame_log_capacity = 20000;  // oldest entries are dropped beyond this
   uint64_t random_seed = 0x6b657374;  // for dropped-reply probabilities
   BusTiming timing;                   // bit rates the telemetry's bus load refers to
-};
-
-struct LoggedFrame {
-  enum class Direction { kReceived, kSent };
-  TimePoint time;
-  Direction direction = Direction::kReceived;
-  Frame frame;
-  ReceivedCommand command;  // received frames: as the addressed motor understood it
 };
 
 struct PhysicsStats {
@@ -136,8 +128,8 @@ class SimulatedMotorBus {
   void process(const Frame& frame, TimePoint received);
   bool should_drop(size_t motor);
   void transmit(const Frame& frame);
-  void log(LoggedFrame entry);
-  void append_log(LoggedFrame entry);  // log_mutex_ held
+  void log(const LoggedFrame& entry);
+  void append_log(const LoggedFrame& entry);  // log_mutex_ held
 
   BusOptions options_;
   MotorSimulation simulation_;
@@ -162,10 +154,11 @@ class SimulatedMotorBus {
   std::multimap<std::pair<TimePoint, uint64_t>, Frame> delayed_;
   uint64_t delay_sequence_ = 0;
 
-  // Guards the frame log; also held while a reply is written (see transmit).
+  // Guards the frame log; also held while a reply is written (see transmit). Readers copy the
+  // log's entries after releasing it.
   mutable std::mutex log_mutex_;
   mutable std::condition_variable log_cv_;
-  std::deque<LoggedFrame> log_;
+  FrameLog log_;
   size_t received_since_clear_ = 0;
 
   ExpectationScript script_;
